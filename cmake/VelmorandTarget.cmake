@@ -1,0 +1,13 @@
+# Applies the project's warning, standard and sanitizer settings to one target.
+function(velmorand_target_defaults target)
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic)
+  if(VELMORAND_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()
+
+if(VELMORAND_SANITIZE)
+  add_compile_options(-fsanitize=${VELMORAND_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${VELMORAND_SANITIZE})
+endif()

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velmorand {
+
+// `text` without the Unicode white space and line breaks (U+0085 and U+00A0 included) at its ends.
+std::string trimmed(std::string_view text);
+
+bool isValidUtf8(std::string_view bytes);
+
+// The last `count` user-perceived characters (grapheme clusters) of UTF-8 `text`.
+std::string lastGraphemes(std::string_view text, std::size_t count);
+
+struct RegexMatch {
+    // Index 0 is the whole match; a group that took no part in the match is absent.
+    std::vector<std::optional<std::string>> groups;
+};
+
+enum class RegexCase { sensitive, insensitive };
+
+// The first match of `pattern` in `text`. Absent when there is none or the pattern is malformed.
+std::optional<RegexMatch> firstMatch(std::string_view pattern, std::string_view text,
+                                     RegexCase caseMode = RegexCase::sensitive);
+
+}  // namespace velmorand
