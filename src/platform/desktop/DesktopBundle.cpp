@@ -1,0 +1,65 @@
+#include "velmorand/desktop/DesktopBundle.h"
+
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "PlistFile.h"
+#include "PlistHandle.h"
+
+namespace velmorand {
+
+std::filesystem::path DesktopBundle::resolveDirectory(
+    const std::optional<std::filesystem::path>& bundleDir,
+    const std::filesystem::path& builtInDefault, const EnvironmentLookup& environment) {
+    if (bundleDir && !bundleDir->empty()) {
+        return *bundleDir;
+    }
+    if (auto fromEnvironment = environment("VELMORAND_BUNDLE_DIR");
+        fromEnvironment && !fromEnvironment->empty()) {
+        return *fromEnvironment;
+    }
+    return builtInDefault;
+}
+
+std::optional<std::filesystem::path> DesktopBundle::resource(std::string_view name,
+                                                             std::string_view extension) const {
+    auto path = directory_ / (std::string(name) + "." + std::string(extension));
+    std::error_code error;
+    if (!std::filesystem::exists(path, error)) {
+        return std::nullopt;
+    }
+    return path;
+}
+
+std::optional<std::string> DesktopBundle::bundleIdentifier() const {
+    std::ifstream in(directory_ / "Info.plist", std::ios::binary);
+    if (!in) {
+        return std::nullopt;
+    }
+    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const auto root = plist::PlistHandle::parse(
+        std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+    if (!plist::isType(root.get(), PLIST_DICT)) {
+        return std::nullopt;
+    }
+    return plist::stringValue(plist_dict_get_item(root.get(), "CFBundleIdentifier"));
+}
+
+std::optional<std::filesystem::path> DesktopBundle::plugInsDirectory() const {
+    return directory_ / "PlugIns";
+}
+
+std::optional<std::filesystem::path> DesktopGroupContainers::containerDirectory(
+    std::string_view groupName) const {
+    if (groupName != DataRoot::kGroupName) {
+        return std::nullopt;
+    }
+    auto directory = root_.groupContainerDirectory();
+    if (!plist::PlistFile::makeDirectories(directory)) {
+        return std::nullopt;
+    }
+    return directory;
+}
+
+}  // namespace velmorand

@@ -1,1 +1,0 @@
-// removed once the desktop services land

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "velmorand/platform/SettingsStore.h"
+
+namespace velmorand {
+
+namespace plist {
+class PlistFile;
+class PlistHandle;
+}  // namespace plist
+
+// A settings store kept in one XML property-list file whose top level is a dictionary. Values of
+// types a store cannot hold (arrays, dictionaries, dates) read as absent and survive rewrites.
+// Changes stay in memory until synchronize(), which merges them into the file's current content
+// under an advisory lock, so processes writing different keys never lose each other's values.
+class PlistSettingsStore : public SettingsStore {
+  public:
+    explicit PlistSettingsStore(std::filesystem::path file);
+    ~PlistSettingsStore() override;
+
+    std::optional<StoredValue> object(std::string_view key) const override;
+    void setObject(std::string_view key, std::optional<StoredValue> value) override;
+    void synchronize() override;
+
+    const std::filesystem::path& file() const;
+
+  private:
+    void loadLocked() const;
+
+    mutable std::mutex mutex_;
+    std::unique_ptr<plist::PlistFile> file_;
+    // The file's dictionary as last read; loaded on first access.
+    mutable std::unique_ptr<plist::PlistHandle> content_;
+    // Absent value: a pending removal.
+    std::map<std::string, std::optional<StoredValue>, std::less<>> pending_;
+};
+
+}  // namespace velmorand
