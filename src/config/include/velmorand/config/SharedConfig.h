@@ -1,10 +1,12 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "velmorand/config/AppGroup.h"
 #include "velmorand/config/HandshakeResult.h"
@@ -38,6 +40,13 @@ class SharedConfig {
 
         bool isPaired() const;
         bool operator==(const Values&) const = default;
+    };
+
+    // Every settings key, in field order.
+    static constexpr std::array<std::string_view, 14> kKeys = {
+        "accessKey",  "appURL",      "deviceToken",   "relayWsUrl", "deviceId",
+        "deviceName", "codec",       "bitrate",       "fps",        "quality",
+        "scale",      "relayRegion", "relayOverride", "bridgeUrl",
     };
 
     struct EncodeValues {
