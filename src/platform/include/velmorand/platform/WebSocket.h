@@ -1,0 +1,80 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace velmorand {
+
+struct WebSocketRequest {
+    std::string url;
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::chrono::milliseconds timeout{60'000};
+};
+
+struct WebSocketMessage {
+    enum class Kind { text, binary };
+
+    Kind kind = Kind::text;
+    // UTF-8 for text; arbitrary bytes for binary.
+    std::string payload;
+};
+
+// Why a receive or send did not happen, as the platform describes it.
+struct WebSocketError {
+    std::string description;
+};
+
+// One connection attempt. Tasks are compared by identity (pointer), never by value; the session
+// keeps a task alive while it still has events or completions to deliver for it.
+class WebSocketTask {
+  public:
+    // Absent on success.
+    using SendCompletion = std::function<void(std::optional<WebSocketError>)>;
+    using ReceiveResult = std::variant<WebSocketMessage, WebSocketError>;
+    using ReceiveCompletion = std::function<void(ReceiveResult)>;
+
+    virtual ~WebSocketTask() = default;
+
+    // Starts connecting; a task does nothing before.
+    virtual void resume() = 0;
+    // Closes the connection; pending receives then complete with an error.
+    virtual void cancel() = 0;
+    // Completions run on the session's own thread, not the main thread.
+    virtual void send(WebSocketMessage message, SendCompletion completion) = 0;
+    // Delivers exactly one message (or the error that ended the connection) per call; the caller
+    // calls again for the next one.
+    virtual void receive(ReceiveCompletion completion) = 0;
+};
+
+// Receives the session's events, on the session's own thread.
+class WebSocketSessionDelegate {
+  public:
+    virtual ~WebSocketSessionDelegate() = default;
+
+    virtual void opened(const std::shared_ptr<WebSocketTask>& task) = 0;
+    // `reason` holds the close frame's reason bytes when it carried any.
+    virtual void closed(const std::shared_ptr<WebSocketTask>& task, int closeCode,
+                        const std::optional<std::string>& reason) = 0;
+};
+
+// Makes WebSocket tasks that all report to one delegate. Implementations set no limit on message
+// size and send no WebSocket-level pings: liveness is the peer's business. Destroying the session
+// cancels its tasks and delivers no further events.
+class WebSocketSession {
+  public:
+    virtual ~WebSocketSession() = default;
+
+    virtual std::shared_ptr<WebSocketTask> makeTask(const WebSocketRequest& request) = 0;
+};
+
+// Creates a session reporting to `delegate`, which the session keeps for its whole life.
+using WebSocketSessionFactory = std::function<std::unique_ptr<WebSocketSession>(
+    std::shared_ptr<WebSocketSessionDelegate> delegate)>;
+
+}  // namespace velmorand
