@@ -1,0 +1,378 @@
+#include "velmorand/sandbox/Sandbox.h"
+
+#include <QByteArray>
+#include <QCryptographicHash>
+#include <QFile>
+#include <QHostAddress>
+#include <QHttpServer>
+#include <QHttpServerRequest>
+#include <QHttpServerResponder>
+#include <QHttpServerResponse>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QPointer>
+#include <QRandomGenerator>
+#include <QSslCertificate>
+#include <QSslKey>
+#include <QTcpSocket>
+#include <QTimer>
+#include <QUrlQuery>
+#include <map>
+#include <set>
+#include <utility>
+
+namespace velmorand::sandbox {
+
+namespace {
+
+using Status = QHttpServerResponse::StatusCode;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kUnknownKey = "Unknown access key";
+
+QHttpServerResponse errorResponse(const QString& message, Status status) {
+    return QHttpServerResponse(QJsonObject{{QStringLiteral("error"), message}}, status);
+}
+
+std::optional<QJsonObject> jsonObject(const QByteArray& body) {
+    QJsonParseError parseError{};
+    const auto document = QJsonDocument::fromJson(body, &parseError);
+    if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
+        return std::nullopt;
+    }
+    return document.object();
+}
+
+QString randomToken() {
+    QByteArray bytes(24, Qt::Uninitialized);
+    QRandomGenerator::system()->generate(bytes.begin(), bytes.end());
+    return QString::fromLatin1(bytes.toHex());
+}
+
+// Stable per key, so that re-pairing with one key reads as the same device.
+QString deviceIdFor(const std::string& key) {
+    const auto digest =
+        QCryptographicHash::hash(QByteArray::fromStdString(key), QCryptographicHash::Sha256);
+    return QStringLiteral("sandbox-") + QString::fromLatin1(digest.toHex().left(12));
+}
+
+QJsonDocument errorDocument(const QString& message) {
+    return QJsonDocument(QJsonObject{{QStringLiteral("error"), message}});
+}
+
+}  // namespace
+
+std::optional<WdaMode> parseWdaMode(std::string_view text) {
+    for (auto mode : {WdaMode::normal, WdaMode::error, WdaMode::disabled, WdaMode::slow}) {
+        if (wdaModeName(mode) == text) {
+            return mode;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string_view wdaModeName(WdaMode mode) {
+    switch (mode) {
+        case WdaMode::normal:
+            return "normal";
+        case WdaMode::error:
+            return "error";
+        case WdaMode::disabled:
+            return "disabled";
+        case WdaMode::slow:
+            return "slow";
+    }
+    return "normal";
+}
+
+class Sandbox::Impl {
+  public:
+    explicit Impl(SandboxOptions options) : options_(std::move(options)) {
+        if (options_.accessKeys.empty()) {
+            options_.accessKeys.emplace_back(SandboxOptions::kDemoKey);
+        }
+        mode_ = options_.wdaMode;
+        addRoutes();
+    }
+
+    bool start(std::string* error) {
+        auto fail = [error](std::string message) {
+            if (error != nullptr) {
+                *error = std::move(message);
+            }
+            return false;
+        };
+        const QString host = QString::fromStdString(options_.host);
+        const QHostAddress address = host == QLatin1String("localhost")
+                                         ? QHostAddress(QHostAddress::LocalHost)
+                                         : QHostAddress(host);
+        if (address.isNull()) {
+            return fail("Not an address to listen on: " + options_.host);
+        }
+        if (options_.tlsCertificateFile || options_.tlsKeyFile) {
+            std::string tlsError;
+            if (!setUpTls(&tlsError)) {
+                return fail(tlsError);
+            }
+        }
+        port_ = service_.listen(address, options_.port);
+        if (port_ == 0) {
+            return fail("Cannot listen on " + options_.host + ":" + std::to_string(options_.port));
+        }
+        wdaPort_ = automation_.listen(address, options_.wdaPort);
+        if (wdaPort_ == 0) {
+            return fail("Cannot listen on " + options_.host + ":" +
+                        std::to_string(options_.wdaPort));
+        }
+        return true;
+    }
+
+    std::string origin(std::string_view scheme, std::uint16_t port) const {
+        const bool ipv6 = options_.host.find(':') != std::string::npos;
+        const std::string host = ipv6 ? "[" + options_.host + "]" : options_.host;
+        return std::string(scheme) + "://" + host + ":" + std::to_string(port);
+    }
+
+    std::string baseUrl() const { return origin(tls_ ? "https" : "http", port_); }
+    std::string wdaBaseUrl() const { return origin("http", wdaPort_); }
+
+    SandboxOptions options_;
+    std::uint16_t port_ = 0;
+    std::uint16_t wdaPort_ = 0;
+    bool tls_ = false;
+    std::set<std::string, std::less<>> tokens_;
+    std::optional<std::string> lastHandshake_;
+    WdaMode mode_ = WdaMode::normal;
+
+  private:
+    bool setUpTls(std::string* error) {
+        if (!options_.tlsCertificateFile || !options_.tlsKeyFile) {
+            *error = "TLS needs both a certificate and a key";
+            return false;
+        }
+        const auto certificates = QSslCertificate::fromPath(
+            QString::fromStdString(*options_.tlsCertificateFile), QSsl::Pem);
+        if (certificates.isEmpty()) {
+            *error = "No PEM certificate in " + *options_.tlsCertificateFile;
+            return false;
+        }
+        QFile keyFile(QString::fromStdString(*options_.tlsKeyFile));
+        if (!keyFile.open(QIODevice::ReadOnly)) {
+            *error = "Cannot read " + *options_.tlsKeyFile;
+            return false;
+        }
+        const QByteArray keyPem = keyFile.readAll();
+        QSslKey key(keyPem, QSsl::Rsa);
+        if (key.isNull()) {
+            key = QSslKey(keyPem, QSsl::Ec);
+        }
+        if (key.isNull()) {
+            *error = "No RSA or EC private key in " + *options_.tlsKeyFile;
+            return false;
+        }
+        service_.sslSetup(certificates.first(), key);
+        tls_ = true;
+        return true;
+    }
+
+    bool isKnownKey(const std::string& key) const {
+        for (const auto& known : options_.accessKeys) {
+            if (known == key) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    void addRoutes() {
+        using Method = QHttpServerRequest::Method;
+        service_.route(QStringLiteral("/api/agent-handshake"), Method::Post,
+                       [this](const QHttpServerRequest& request) { return handshake(request); });
+        service_.route(QStringLiteral("/api/agent/wda"), Method::Post,
+                       [this](const QHttpServerRequest& request) { return startWda(request); });
+        service_.route(QStringLiteral("/api/agent/wda"), Method::Get,
+                       [this](const QHttpServerRequest& request, QHttpServerResponder&& responder) {
+                           wdaStatus(request, std::move(responder));
+                       });
+        service_.route(QStringLiteral("/admin/last-handshake"), Method::Get, [this] {
+            if (!lastHandshake_) {
+                return errorResponse(QStringLiteral("No handshake yet"), Status::NotFound);
+            }
+            return QHttpServerResponse(QByteArrayLiteral("application/json"),
+                                       QByteArray::fromStdString(*lastHandshake_));
+        });
+        service_.route(QStringLiteral("/admin/wda-mode"), Method::Post,
+                       [this](const QHttpServerRequest& request) { return switchMode(request); });
+        automation_.route(QStringLiteral("/status"), Method::Get, [] {
+            return QHttpServerResponse(QJsonObject{
+                {QStringLiteral("value"), QJsonObject{{QStringLiteral("ready"), true}}}});
+        });
+    }
+
+    QHttpServerResponse handshake(const QHttpServerRequest& request) {
+        lastHandshake_ = request.body().toStdString();
+        const auto body = jsonObject(request.body());
+        if (!body) {
+            return errorResponse(QStringLiteral("Body must be a JSON object"), Status::BadRequest);
+        }
+        const auto accessKey = body->value(QStringLiteral("accessKey"));
+        if (!accessKey.isString()) {
+            return errorResponse(QStringLiteral("accessKey must be a string"), Status::BadRequest);
+        }
+        if (!body->value(QStringLiteral("webrtc")).isBool()) {
+            return errorResponse(QStringLiteral("webrtc must be a boolean"), Status::BadRequest);
+        }
+        if (body->contains(QStringLiteral("preferredRegion")) &&
+            !body->value(QStringLiteral("preferredRegion")).isString()) {
+            return errorResponse(QStringLiteral("preferredRegion must be a string"),
+                                 Status::BadRequest);
+        }
+        const std::string key = accessKey.toString().toStdString();
+        if (!isKnownKey(key)) {
+            return errorResponse(QString::fromLatin1(kUnknownKey), Status::Unauthorized);
+        }
+        const QString token = randomToken();
+        tokens_.insert(token.toStdString());
+        const std::string relay = origin(tls_ ? "wss" : "ws", port_) + "/relay";
+        return QHttpServerResponse(QJsonObject{
+            {QStringLiteral("deviceToken"), token},
+            {QStringLiteral("relayWsUrl"), QString::fromStdString(relay)},
+            {QStringLiteral("deviceId"), deviceIdFor(key)},
+            {QStringLiteral("deviceName"), QStringLiteral("Sandbox iPhone")},
+            {QStringLiteral("webrtcEnabled"), false},
+        });
+    }
+
+    QHttpServerResponse startWda(const QHttpServerRequest& request) {
+        const auto body = jsonObject(request.body());
+        if (!body || !body->value(QStringLiteral("accessKey")).isString()) {
+            return errorResponse(QStringLiteral("Body must be a JSON object with an accessKey"),
+                                 Status::BadRequest);
+        }
+        const std::string key = body->value(QStringLiteral("accessKey")).toString().toStdString();
+        if (!isKnownKey(key)) {
+            return errorResponse(QString::fromLatin1(kUnknownKey), Status::Forbidden);
+        }
+        startedAt_[key] = Clock::now();
+        return QHttpServerResponse(
+            QJsonObject{{QStringLiteral("message"), QStringLiteral("Queued (sandbox)")}},
+            Status::Accepted);
+    }
+
+    void wdaStatus(const QHttpServerRequest& request, QHttpServerResponder&& responder) {
+        const QUrlQuery query = request.query();
+        if (!query.hasQueryItem(QStringLiteral("accessKey"))) {
+            responder.write(errorDocument(QStringLiteral("Missing accessKey")), Status::BadRequest);
+            return;
+        }
+        const std::string key =
+            query.queryItemValue(QStringLiteral("accessKey"), QUrl::FullyDecoded).toStdString();
+        if (!isKnownKey(key)) {
+            responder.write(errorDocument(QString::fromLatin1(kUnknownKey)), Status::Forbidden);
+            return;
+        }
+        QJsonObject answer{{QStringLiteral("enabled"), true}};
+        switch (mode_) {
+            case WdaMode::disabled:
+                answer[QStringLiteral("enabled")] = false;
+                break;
+            case WdaMode::error:
+                answer[QStringLiteral("wdaStatus")] = QStringLiteral("error");
+                answer[QStringLiteral("wdaDetail")] = QStringLiteral("Sandbox says no");
+                break;
+            case WdaMode::normal:
+            case WdaMode::slow:
+                answer[QStringLiteral("wdaStatus")] = startupState(key);
+                break;
+        }
+        if (mode_ != WdaMode::slow) {
+            responder.write(QJsonDocument(answer));
+            return;
+        }
+        // Held open without blocking the loop. A caller may give up first: its socket is then
+        // gone, and the late answer is dropped.
+        auto held = std::make_shared<QHttpServerResponder>(std::move(responder));
+        QPointer<QTcpSocket> socket = held->socket();
+        QTimer::singleShot(options_.slowDelay, &timers_, [held, socket, answer] {
+            if (socket != nullptr && socket->state() == QAbstractSocket::ConnectedState) {
+                held->write(QJsonDocument(answer));
+            }
+        });
+    }
+
+    QString startupState(const std::string& key) const {
+        const auto started = startedAt_.find(key);
+        if (started == startedAt_.end()) {
+            return QStringLiteral("idle");
+        }
+        return Clock::now() - started->second < options_.wdaStartupTime ? QStringLiteral("starting")
+                                                                        : QStringLiteral("active");
+    }
+
+    QHttpServerResponse switchMode(const QHttpServerRequest& request) {
+        QByteArray name = request.body().trimmed();
+        if (const auto body = jsonObject(request.body())) {
+            name = body->value(QStringLiteral("mode")).toString().toUtf8();
+        }
+        const auto mode = parseWdaMode(name.toStdString());
+        if (!mode) {
+            return errorResponse(QStringLiteral("Mode must be normal, error, disabled or slow"),
+                                 Status::BadRequest);
+        }
+        mode_ = *mode;
+        return QHttpServerResponse(
+            QJsonObject{{QStringLiteral("wdaMode"), QString::fromUtf8(name)}});
+    }
+
+    std::map<std::string, Clock::time_point, std::less<>> startedAt_;
+    QHttpServer service_;
+    QHttpServer automation_;
+    // Destroyed before the servers, so that no deferred answer outlives them.
+    QObject timers_;
+};
+
+Sandbox::Sandbox(SandboxOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+
+Sandbox::~Sandbox() = default;
+
+bool Sandbox::start(std::string* error) {
+    return impl_->start(error);
+}
+
+std::string Sandbox::baseUrl() const {
+    return impl_->baseUrl();
+}
+
+std::string Sandbox::wdaBaseUrl() const {
+    return impl_->wdaBaseUrl();
+}
+
+std::uint16_t Sandbox::port() const {
+    return impl_->port_;
+}
+
+std::uint16_t Sandbox::wdaPort() const {
+    return impl_->wdaPort_;
+}
+
+const std::vector<std::string>& Sandbox::accessKeys() const {
+    return impl_->options_.accessKeys;
+}
+
+bool Sandbox::isIssuedToken(std::string_view token) const {
+    return impl_->tokens_.find(token) != impl_->tokens_.end();
+}
+
+std::optional<std::string> Sandbox::lastHandshakeBody() const {
+    return impl_->lastHandshake_;
+}
+
+WdaMode Sandbox::wdaMode() const {
+    return impl_->mode_;
+}
+
+void Sandbox::setWdaMode(WdaMode mode) {
+    impl_->mode_ = mode;
+}
+
+}  // namespace velmorand::sandbox

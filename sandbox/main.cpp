@@ -1,0 +1,99 @@
+// velmorand-sandbox: runs the sandbox service until killed. Prints the base URL, then one access
+// key a line, on stdout.
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+
+#include "velmorand/sandbox/Sandbox.h"
+
+namespace {
+
+bool parsePort(const QString& text, std::uint16_t* port) {
+    bool ok = false;
+    const uint value = text.toUInt(&ok);
+    if (!ok || value > std::numeric_limits<std::uint16_t>::max()) {
+        return false;
+    }
+    *port = static_cast<std::uint16_t>(value);
+    return true;
+}
+
+[[noreturn]] void usageError(const QString& message) {
+    std::cerr << "velmorand-sandbox: " << message.toStdString() << '\n';
+    std::exit(2);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("velmorand-sandbox"));
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral("A local stand-in for the Velmorand service."));
+    parser.addHelpOption();
+    const QCommandLineOption portOption(QStringLiteral("port"),
+                                        QStringLiteral("Service port; 0 picks a free one."),
+                                        QStringLiteral("N"), QStringLiteral("0"));
+    const QCommandLineOption hostOption(QStringLiteral("host"),
+                                        QStringLiteral("Address to listen on."),
+                                        QStringLiteral("address"), QStringLiteral("127.0.0.1"));
+    const QCommandLineOption certOption(QStringLiteral("tls-cert"),
+                                        QStringLiteral("PEM certificate; serves HTTPS."),
+                                        QStringLiteral("file"));
+    const QCommandLineOption keyFileOption(QStringLiteral("tls-key"),
+                                           QStringLiteral("PEM private key of the certificate."),
+                                           QStringLiteral("file"));
+    const QCommandLineOption accessKeyOption(
+        QStringLiteral("key"), QStringLiteral("An access key to accept; may be repeated."),
+        QStringLiteral("K"));
+    const QCommandLineOption modeOption(QStringLiteral("wda-mode"),
+                                        QStringLiteral("normal, error, disabled or slow."),
+                                        QStringLiteral("mode"), QStringLiteral("normal"));
+    const QCommandLineOption wdaPortOption(
+        QStringLiteral("wda-port"),
+        QStringLiteral("Port of the stand-in automation server; 0 picks a free one."),
+        QStringLiteral("N"), QStringLiteral("0"));
+    parser.addOptions({portOption, hostOption, certOption, keyFileOption, accessKeyOption,
+                       modeOption, wdaPortOption});
+    parser.process(app);
+
+    velmorand::sandbox::SandboxOptions options;
+    if (!parsePort(parser.value(portOption), &options.port)) {
+        usageError(QStringLiteral("--port needs a number from 0 to 65535"));
+    }
+    if (!parsePort(parser.value(wdaPortOption), &options.wdaPort)) {
+        usageError(QStringLiteral("--wda-port needs a number from 0 to 65535"));
+    }
+    options.host = parser.value(hostOption).toStdString();
+    if (parser.isSet(certOption)) {
+        options.tlsCertificateFile = parser.value(certOption).toStdString();
+    }
+    if (parser.isSet(keyFileOption)) {
+        options.tlsKeyFile = parser.value(keyFileOption).toStdString();
+    }
+    for (const auto& key : parser.values(accessKeyOption)) {
+        options.accessKeys.push_back(key.toStdString());
+    }
+    const auto mode = velmorand::sandbox::parseWdaMode(parser.value(modeOption).toStdString());
+    if (!mode) {
+        usageError(QStringLiteral("--wda-mode must be normal, error, disabled or slow"));
+    }
+    options.wdaMode = *mode;
+
+    velmorand::sandbox::Sandbox sandbox(std::move(options));
+    std::string error;
+    if (!sandbox.start(&error)) {
+        std::cerr << "velmorand-sandbox: " << error << '\n';
+        return 1;
+    }
+    std::cout << sandbox.baseUrl() << '\n';
+    for (const auto& key : sandbox.accessKeys()) {
+        std::cout << key << '\n';
+    }
+    std::cout.flush();
+    std::cerr << "automation server: " << sandbox.wdaBaseUrl() << std::endl;
+    return QCoreApplication::exec();
+}

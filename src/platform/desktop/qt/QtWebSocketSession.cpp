@@ -1,0 +1,352 @@
+#include "velmorand/qt/QtWebSocketSession.h"
+
+#include <QCoreApplication>
+#include <QNetworkRequest>
+#include <QObject>
+#include <QThread>
+#include <QTimer>
+#include <QUrl>
+#include <QWebSocket>
+#include <deque>
+#include <limits>
+#include <mutex>
+#include <unordered_set>
+#include <utility>
+
+#include "TlsTrust.h"
+
+// The sockets live on a network thread owned by the session, not on the main thread: the
+// platform contract delivers completions off the main thread (the relay client re-posts them to
+// the main queue itself), and a network thread keeps reading frames and answering the peer's
+// pings while the main thread is busy.
+
+namespace velmorand {
+
+namespace {
+
+constexpr const char* kCancelled = "Cancelled";
+constexpr const char* kTimedOut = "The request timed out";
+constexpr const char* kNotConnected = "Socket is not connected";
+
+class QtWebSocketTask;
+
+}  // namespace
+
+struct QtWebSocketSession::Shared {
+    std::shared_ptr<WebSocketSessionDelegate> delegate;
+    QThread thread;
+
+    // Guards `context` only; null once the session has shut down.
+    std::mutex mutex;
+    QObject* context = nullptr;
+
+    // Touched on the session thread only.
+    bool stopped = false;
+    std::unordered_set<std::shared_ptr<QtWebSocketTask>> live;
+
+    // Runs `work` on the session thread, unless the session has shut down.
+    template <typename Work>
+    void post(Work&& work) {
+        std::lock_guard lock(mutex);
+        if (context != nullptr) {
+            QMetaObject::invokeMethod(context, std::forward<Work>(work), Qt::QueuedConnection);
+        }
+    }
+};
+
+namespace {
+
+using Shared = QtWebSocketSession::Shared;
+
+class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_this<QtWebSocketTask> {
+  public:
+    QtWebSocketTask(std::shared_ptr<Shared> shared, WebSocketRequest request)
+        : shared_(std::move(shared)), request_(std::move(request)) {}
+
+    void resume() override {
+        shared_->post([self = shared_from_this()] { self->start(); });
+    }
+
+    void cancel() override {
+        shared_->post([self = shared_from_this()] { self->end(kCancelled, true); });
+    }
+
+    void send(WebSocketMessage message, SendCompletion completion) override {
+        shared_->post([self = shared_from_this(), message = std::move(message),
+                       completion = std::move(completion)]() mutable {
+            self->queueSend(std::move(message), std::move(completion));
+        });
+    }
+
+    void receive(ReceiveCompletion completion) override {
+        shared_->post([self = shared_from_this(), completion = std::move(completion)]() mutable {
+            self->queueReceive(std::move(completion));
+        });
+    }
+
+    // On the session thread, as it shuts down: no further events or completions.
+    void abandon() {
+        receives_.clear();
+        sends_.clear();
+        ended_ = true;
+        if (socket_ != nullptr) {
+            QObject::disconnect(socket_, nullptr, socket_, nullptr);
+            socket_->abort();
+            delete socket_;
+            socket_ = nullptr;
+        }
+    }
+
+  private:
+    void start() {
+        if (started_ || ended_ || shared_->stopped) {
+            return;
+        }
+        started_ = true;
+        shared_->live.insert(shared_from_this());
+
+        const QUrl url(QString::fromStdString(request_.url), QUrl::StrictMode);
+        if (!url.isValid() ||
+            (url.scheme() != QLatin1String("ws") && url.scheme() != QLatin1String("wss"))) {
+            end("Bad URL: " + request_.url, true);
+            return;
+        }
+        // Parented to the session's context, so that a socket still closing is deleted with it.
+        QObject* context = nullptr;
+        {
+            std::lock_guard lock(shared_->mutex);
+            context = shared_->context;
+        }
+        socket_ = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, context);
+        socket_->setMaxAllowedIncomingMessageSize(std::numeric_limits<quint64>::max());
+        socket_->setMaxAllowedIncomingFrameSize(std::numeric_limits<quint64>::max());
+        if (url.scheme() == QLatin1String("wss")) {
+            socket_->setSslConfiguration(qtdetail::clientTlsConfiguration());
+        }
+        QObject::connect(socket_, &QWebSocket::connected, socket_, [this] { onConnected(); });
+        QObject::connect(socket_, &QWebSocket::textMessageReceived, socket_,
+                         [this](const QString& text) {
+                             deliver({WebSocketMessage::Kind::text, text.toStdString()});
+                         });
+        QObject::connect(socket_, &QWebSocket::binaryMessageReceived, socket_,
+                         [this](const QByteArray& bytes) {
+                             deliver({WebSocketMessage::Kind::binary, bytes.toStdString()});
+                         });
+        QObject::connect(socket_, qOverload<QAbstractSocket::SocketError>(&QWebSocket::error),
+                         socket_, [this](QAbstractSocket::SocketError) {
+                             if (!lastError_) {
+                                 lastError_ = socket_->errorString().toStdString();
+                             }
+                         });
+        QObject::connect(socket_, &QWebSocket::disconnected, socket_, [this] { onDisconnected(); });
+
+        const auto timeout =
+            request_.timeout.count() > 0 ? request_.timeout : std::chrono::milliseconds{60'000};
+        handshakeTimer_ = new QTimer(socket_);
+        handshakeTimer_->setSingleShot(true);
+        QObject::connect(handshakeTimer_, &QTimer::timeout, socket_, [this] {
+            if (!opened_) {
+                end(kTimedOut, true);
+            }
+        });
+        handshakeTimer_->start(timeout);
+        QNetworkRequest networkRequest(url);
+        for (const auto& [name, value] : request_.headers) {
+            networkRequest.setRawHeader(QByteArray::fromStdString(name),
+                                        QByteArray::fromStdString(value));
+        }
+        socket_->open(networkRequest);
+    }
+
+    void onConnected() {
+        if (ended_) {
+            return;
+        }
+        opened_ = true;
+        handshakeTimer_->stop();
+        if (!shared_->stopped) {
+            shared_->delegate->opened(shared_from_this());
+        }
+        auto waiting = std::move(sends_);
+        sends_.clear();
+        for (auto& [message, completion] : waiting) {
+            transmit(message, completion);
+        }
+    }
+
+    void onDisconnected() {
+        if (ended_) {
+            return;
+        }
+        // A link lost without a close handshake is an error, not a close with a made-up code.
+        if (opened_ && !lastError_ && !shared_->stopped) {
+            const QByteArray reason = socket_->closeReason().toUtf8();
+            shared_->delegate->closed(
+                shared_from_this(), static_cast<int>(socket_->closeCode()),
+                reason.isEmpty() ? std::nullopt : std::optional<std::string>(reason.toStdString()));
+        }
+        end(lastError_.value_or(kNotConnected), false);
+    }
+
+    // Ends the task: pending and later receives and sends fail with `reason`.
+    void end(std::string reason, bool closeSocket) {
+        if (ended_) {
+            return;
+        }
+        // The session's hold on the task may be the last one.
+        const auto self = shared_from_this();
+        ended_ = true;
+        endReason_ = std::move(reason);
+        dropSocket(closeSocket && opened_);
+        auto receives = std::move(receives_);
+        receives_.clear();
+        for (auto& completion : receives) {
+            completion(WebSocketError{endReason_});
+        }
+        auto sends = std::move(sends_);
+        sends_.clear();
+        for (auto& send : sends) {
+            send.second(WebSocketError{endReason_});
+        }
+        // The session let go of the task; whoever still holds it may still ask for receives.
+        shared_->live.erase(self);
+    }
+
+    // Lets go of the socket; `politely` says goodbye with a close frame first, and the socket
+    // lingers until the peer has answered it (or the session ends).
+    void dropSocket(bool politely) {
+        if (socket_ == nullptr) {
+            return;
+        }
+        QWebSocket* socket = std::exchange(socket_, nullptr);
+        handshakeTimer_ = nullptr;
+        QObject::disconnect(socket, nullptr, socket, nullptr);
+        if (politely && socket->state() == QAbstractSocket::ConnectedState) {
+            QObject::connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
+            socket->close(QWebSocketProtocol::CloseCodeGoingAway);
+        } else {
+            socket->abort();
+            socket->deleteLater();
+        }
+    }
+
+    void deliver(WebSocketMessage message) {
+        if (ended_) {
+            return;
+        }
+        if (!receives_.empty()) {
+            auto completion = std::move(receives_.front());
+            receives_.pop_front();
+            completion(std::move(message));
+            return;
+        }
+        inbox_.push_back(std::move(message));
+    }
+
+    void queueReceive(ReceiveCompletion completion) {
+        if (shared_->stopped) {
+            return;
+        }
+        if (!inbox_.empty()) {
+            auto message = std::move(inbox_.front());
+            inbox_.pop_front();
+            completion(std::move(message));
+        } else if (ended_) {
+            completion(WebSocketError{endReason_});
+        } else {
+            receives_.push_back(std::move(completion));
+        }
+    }
+
+    void queueSend(WebSocketMessage message, SendCompletion completion) {
+        if (shared_->stopped) {
+            return;
+        }
+        if (ended_) {
+            completion(WebSocketError{endReason_});
+        } else if (!opened_) {
+            sends_.emplace_back(std::move(message), std::move(completion));
+        } else {
+            transmit(message, completion);
+        }
+    }
+
+    void transmit(const WebSocketMessage& message, const SendCompletion& completion) {
+        const qint64 sent =
+            message.kind == WebSocketMessage::Kind::text
+                ? socket_->sendTextMessage(QString::fromStdString(message.payload))
+                : socket_->sendBinaryMessage(QByteArray::fromStdString(message.payload));
+        if (sent < 0 || (sent == 0 && !message.payload.empty())) {
+            completion(WebSocketError{socket_->errorString().toStdString()});
+        } else {
+            completion(std::nullopt);
+        }
+    }
+
+    std::shared_ptr<Shared> shared_;
+    const WebSocketRequest request_;
+
+    // Everything below is touched on the session thread only.
+    QWebSocket* socket_ = nullptr;
+    QTimer* handshakeTimer_ = nullptr;
+    bool started_ = false;
+    bool opened_ = false;
+    bool ended_ = false;
+    std::string endReason_;
+    std::optional<std::string> lastError_;
+    std::deque<WebSocketMessage> inbox_;
+    std::deque<ReceiveCompletion> receives_;
+    std::deque<std::pair<WebSocketMessage, SendCompletion>> sends_;
+};
+
+}  // namespace
+
+QtWebSocketSession::QtWebSocketSession(std::shared_ptr<WebSocketSessionDelegate> delegate)
+    : shared_(std::make_shared<Shared>()) {
+    shared_->delegate = std::move(delegate);
+    shared_->thread.setObjectName(QStringLiteral("velmorand-websocket"));
+    auto* context = new QObject();
+    context->moveToThread(&shared_->thread);
+    shared_->context = context;
+    shared_->thread.start();
+}
+
+QtWebSocketSession::~QtWebSocketSession() {
+    QObject* context = nullptr;
+    {
+        std::lock_guard lock(shared_->mutex);
+        context = shared_->context;
+        shared_->context = nullptr;
+    }
+    QThread* owner = QThread::currentThread();
+    Shared* shared = shared_.get();
+    QMetaObject::invokeMethod(
+        context,
+        [shared, context, owner] {
+            shared->stopped = true;
+            auto live = std::move(shared->live);
+            shared->live.clear();
+            for (const auto& task : live) {
+                task->abandon();
+            }
+            // Sockets of tasks that ended earlier were deleted later; do it before the loop ends.
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+            context->moveToThread(owner);
+        },
+        Qt::BlockingQueuedConnection);
+    shared_->thread.quit();
+    shared_->thread.wait();
+    delete context;
+}
+
+std::shared_ptr<WebSocketTask> QtWebSocketSession::makeTask(const WebSocketRequest& request) {
+    return std::make_shared<QtWebSocketTask>(shared_, request);
+}
+
+WebSocketSessionFactory QtWebSocketSession::factory() {
+    return [](std::shared_ptr<WebSocketSessionDelegate> delegate) {
+        return std::unique_ptr<WebSocketSession>(new QtWebSocketSession(std::move(delegate)));
+    };
+}
+
+}  // namespace velmorand
