@@ -1,0 +1,48 @@
+#include "Cli.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "CliContext.h"
+#include "ConfigCommands.h"
+
+namespace velmorand::cli {
+
+int run(int argc, char** argv) {
+    CLI::App app(
+        "Velmorand Connect: pair this device with the Velmorand dashboard and manage "
+        "what the screen broadcast uses.",
+        "velmorand");
+    app.set_version_flag("--version", VELMORAND_VERSION);
+    app.require_subcommand(1);
+
+    GlobalOptions options;
+    app.add_option("--data-dir", options.dataDir,
+                   "Where the stores live (default: $VELMORAND_DATA_DIR, else "
+                   "$XDG_DATA_HOME/velmorand)")
+        ->type_name("DIR");
+    app.add_option("--bundle-dir", options.bundleDir,
+                   "The application bundle (default: $VELMORAND_BUNDLE_DIR, else the one "
+                   "installed beside this program)")
+        ->type_name("DIR");
+
+    CliContext context(options);
+    Action action;
+    addConfigCommands(app, context, action);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& help) {
+        return app.exit(help);
+    } catch (const CLI::CallForAllHelp& help) {
+        return app.exit(help);
+    } catch (const CLI::CallForVersion& version) {
+        return app.exit(version);
+    } catch (const CLI::ParseError& error) {
+        std::cerr << "velmorand: " << error.what() << " (see velmorand --help)\n";
+        return kExitUsage;
+    }
+    return action ? action() : kExitUsage;
+}
+
+}  // namespace velmorand::cli

@@ -1,0 +1,104 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "CommandRunner.h"
+#include "TempDir.h"
+#include "velmorand/config/AppGroup.h"
+#include "velmorand/config/SharedConfig.h"
+#include "velmorand/desktop/DataRoot.h"
+#include "velmorand/desktop/DesktopBundle.h"
+#include "velmorand/desktop/DesktopSettingsStores.h"
+#include "velmorand/desktop/PlistKeychain.h"
+
+namespace velmorand {
+namespace {
+
+using testing::runCommand;
+
+class ConfigCommandTest : public ::testing::Test {
+  protected:
+    testing::CommandResult velmorand(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"--data-dir", data_.path().string(), "--bundle-dir",
+                                             VELMORAND_DEV_BUNDLE});
+        return runCommand(VELMORAND_CLI, arguments);
+    }
+
+    // Writes through the same desktop stores the program reads, as the app would.
+    void store(const SharedConfig::Values& values) {
+        const DataRoot root(data_.path());
+        DesktopBundle bundle(VELMORAND_DEV_BUNDLE);
+        DesktopSettingsStores stores(root);
+        PlistKeychain keychain(root.keychainFile(), bundle.resource("embedded", "mobileprovision"));
+        AppGroup group(bundle);
+        SharedConfig(stores, keychain, group).persist(values);
+    }
+
+    testing::TempDir data_;
+};
+
+TEST_F(ConfigCommandTest, FreshInstallShowsUnpairedWithDefaultEncode) {
+    const auto text = velmorand({"config", "show"});
+    EXPECT_EQ(text.exitCode, 0) << text.err;
+    EXPECT_EQ(text.out, "isPaired: false\nencode: jpeg, 20 fps, quality 0.4, scale 0.5\n");
+
+    const auto json = velmorand({"config", "show", "--json"});
+    EXPECT_EQ(json.exitCode, 0) << json.err;
+    EXPECT_EQ(nlohmann::json::parse(json.out),
+              nlohmann::json::parse(R"({"isPaired":false,"encode":{"codec":"jpeg","fps":20,
+                                        "quality":0.4,"scale":0.5}})"));
+}
+
+TEST_F(ConfigCommandTest, ShowsPresentFieldsInFieldOrderAndClearErasesThem) {
+    SharedConfig::Values values;
+    values.accessKey = "K1";
+    values.deviceToken = "tok";
+    values.relayWsUrl = "wss://relay.example/r";
+    values.deviceName = "";
+    values.codec = " H264 ";
+    values.fps = 240;
+    values.quality = 0.25;
+    store(values);
+
+    const auto text = velmorand({"config", "show"});
+    EXPECT_EQ(text.exitCode, 0) << text.err;
+    EXPECT_EQ(text.out,
+              "accessKey: K1\n"
+              "deviceToken: tok\n"
+              "relayWsUrl: wss://relay.example/r\n"
+              "deviceName: \"\"\n"
+              "codec: \" H264 \"\n"
+              "fps: 240\n"
+              "quality: 0.25\n"
+              "isPaired: true\n"
+              "encode: h264, 60 fps, quality 0.25, scale 0.5\n");
+
+    const auto json = nlohmann::json::parse(velmorand({"config", "show", "--json"}).out);
+    EXPECT_TRUE(json["fps"].is_number_integer());
+    EXPECT_EQ(json["deviceName"], "");
+    EXPECT_FALSE(json.contains("appURL"));
+    EXPECT_EQ(json["isPaired"], true);
+    EXPECT_EQ(json["encode"]["fps"], 60);
+
+    const auto cleared = velmorand({"config", "clear"});
+    EXPECT_EQ(cleared.exitCode, 0) << cleared.err;
+    EXPECT_EQ(velmorand({"config", "show"}).out,
+              "isPaired: false\nencode: jpeg, 20 fps, quality 0.4, scale 0.5\n");
+}
+
+TEST_F(ConfigCommandTest, UsageErrorsExitTwoWithOneLine) {
+    for (const auto& arguments : std::vector<std::vector<std::string>>{
+             {"config"}, {"config", "show", "--yaml"}, {"frobnicate"}, {}}) {
+        const auto result = velmorand(arguments);
+        EXPECT_EQ(result.exitCode, 2);
+        EXPECT_TRUE(result.out.empty());
+        ASSERT_FALSE(result.err.empty());
+        EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
+    }
+    const auto help = velmorand({"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_NE(help.out.find("config"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace velmorand
