@@ -1,0 +1,79 @@
+#include "velmorand/ui/BroadcastExtension.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "velmorand/platform/Bundle.h"
+#include "velmorand/platform/PropertyList.h"
+
+namespace velmorand {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::optional<nlohmann::json> infoDictionary(const fs::path& extension) {
+    std::ifstream file(extension / "Info.plist", std::ios::binary);
+    if (!file) {
+        return std::nullopt;
+    }
+    const std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(file),
+                                          std::istreambuf_iterator<char>()};
+    nlohmann::json info;
+    if (!parsePropertyList(bytes, info) || !info.is_object()) {
+        return std::nullopt;
+    }
+    return info;
+}
+
+bool isUploadExtension(const nlohmann::json& info) {
+    const auto extension = info.find("NSExtension");
+    if (extension == info.end() || !extension->is_object()) {
+        return false;
+    }
+    const auto point = extension->find("NSExtensionPointIdentifier");
+    return point != extension->end() && point->is_string() &&
+           point->get<std::string>() == BroadcastExtension::kExtensionPoint;
+}
+
+}  // namespace
+
+std::optional<std::string> BroadcastExtension::bundleIdentifier(const Bundle& bundle) {
+    const auto plugIns = bundle.plugInsDirectory();
+    if (!plugIns) {
+        return std::nullopt;
+    }
+    std::vector<fs::path> entries;
+    std::error_code error;
+    for (fs::directory_iterator it(*plugIns, error), end; !error && it != end;
+         it.increment(error)) {
+        entries.push_back(it->path());
+    }
+    if (error) {
+        return std::nullopt;
+    }
+    // Directory order is arbitrary here; name order makes "the first extension" well defined.
+    std::sort(entries.begin(), entries.end());
+    for (const auto& entry : entries) {
+        if (entry.extension() != ".appex") {
+            continue;
+        }
+        const auto info = infoDictionary(entry);
+        if (!info || !isUploadExtension(*info)) {
+            continue;
+        }
+        const auto identifier = info->find("CFBundleIdentifier");
+        if (identifier == info->end() || !identifier->is_string()) {
+            return std::nullopt;
+        }
+        return identifier->get<std::string>();
+    }
+    return std::nullopt;
+}
+
+}  // namespace velmorand

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace velmorand {
+
+class Bundle;
+
+// Finds the screen-broadcast upload extension among the application's embedded extensions.
+class BroadcastExtension {
+  public:
+    static constexpr std::string_view kExtensionPoint = "com.apple.broadcast-services-upload";
+
+    BroadcastExtension() = delete;
+
+    // The bundle identifier of the first upload extension in name order; absent when there is
+    // none, or when the first one has no identifier. Looked up afresh on every call.
+    static std::optional<std::string> bundleIdentifier(const Bundle& bundle);
+};
+
+}  // namespace velmorand

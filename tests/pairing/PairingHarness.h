@@ -1,0 +1,94 @@
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "FakeBundle.h"
+#include "FakeClassLookup.h"
+#include "FakeHttpClient.h"
+#include "InMemoryKeychain.h"
+#include "InMemorySettings.h"
+#include "RecordingLog.h"
+#include "RecordingPasteboard.h"
+#include "TempDir.h"
+#include "ThreadedMainQueue.h"
+#include "velmorand/config/AppGroup.h"
+#include "velmorand/config/SharedConfig.h"
+#include "velmorand/pairing/PairingModel.h"
+#include "velmorand/pairing/WebRtcCapability.h"
+
+namespace velmorand::testing {
+
+inline constexpr const char* kDefaultAppURL = "https://app.velmorand.test";
+
+// Writes a provisioning profile that grants the shared app group; call before the first store
+// access, as the answer is read once.
+inline void grantAppGroup(const std::filesystem::path& bundleRoot) {
+    std::ofstream(bundleRoot / "embedded.mobileprovision")
+        << "\x30\x82signature<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
+           "<plist version=\"1.0\"><dict><key>Entitlements</key><dict>"
+           "<key>com.apple.security.application-groups</key><array>"
+           "<string>group.co.velmorand.connect</string></array></dict></dict></plist>\x01\x02";
+}
+
+// A model wired to a real SharedConfig over in-memory stores, in a bundle without a profile
+// (standard store and keychain only) unless the test grants the group first.
+struct PairingHarness {
+    TempDir dir;
+    FakeBundle bundle{dir.path()};
+    InMemorySettingsStores stores;
+    InMemoryKeychain keychain;
+    AppGroup appGroup{bundle};
+    SharedConfig config{stores, keychain, appGroup};
+    ThreadedMainQueue queue;
+    FakeHttpClient http{queue};
+    FakeClassLookup classes;
+    RecordingLog log;
+    WebRtcCapability webRtc{classes, config, log};
+    RecordingPasteboard pasteboard;
+    std::optional<std::string> extensionID;
+    std::shared_ptr<PairingModel> model = PairingModel::create(PairingServices{
+        .config = config,
+        .http = http,
+        .mainQueue = queue,
+        .webRtc = webRtc,
+        .pasteboard = pasteboard,
+        .bundle = bundle,
+        .broadcastExtensionLookup = [this] { return extensionID; },
+        .appURL = kDefaultAppURL,
+    });
+
+    void storePairing(const std::string& accessKey, const std::string& deviceName) {
+        HandshakeResult result;
+        result.deviceToken = "token-" + accessKey;
+        result.relayWsUrl = "wss://relay.test";
+        result.deviceId = "id-" + accessKey;
+        result.deviceName = deviceName;
+        config.save(accessKey, kDefaultAppURL, result);
+    }
+};
+
+// What observers saw: each announced field with the model's state just before the change.
+struct Announcement {
+    PairingModel::Field field;
+    bool paired;
+    std::string status;
+    bool busy;
+    std::string wdaStatus;
+    bool bridgeBusy;
+};
+
+inline std::shared_ptr<std::vector<Announcement>> recordAnnouncements(PairingModel& model) {
+    auto seen = std::make_shared<std::vector<Announcement>>();
+    model.addObserver([&model, seen](PairingModel::Field field) {
+        seen->push_back(Announcement{field, model.paired(), model.status(), model.busy(),
+                                     model.wdaStatus(), model.bridgeBusy()});
+    });
+    return seen;
+}
+
+}  // namespace velmorand::testing
