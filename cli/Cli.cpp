@@ -17,16 +17,20 @@ int run(int argc, char** argv) {
     app.require_subcommand(1);
 
     GlobalOptions options;
-    app.add_option("--data-dir", options.dataDir,
+    app.add_option("--data-dir", options.locations.dataDir,
                    "Where the stores live (default: $VELMORAND_DATA_DIR, else "
                    "$XDG_DATA_HOME/velmorand)")
         ->type_name("DIR");
-    app.add_option("--bundle-dir", options.bundleDir,
+    app.add_option("--bundle-dir", options.locations.bundleDir,
                    "The application bundle (default: $VELMORAND_BUNDLE_DIR, else the one "
                    "installed beside this program)")
         ->type_name("DIR");
+    app.add_option("--service-url", options.serviceUrl,
+                   "The Velmorand service to pair with (default: $VELMORAND_SERVICE_URL, else "
+                   "the built-in one)")
+        ->type_name("URL");
 
-    CliContext context(options);
+    CliContext context(options, argc, argv);
     Action action;
     addConfigCommands(app, context, action);
 

@@ -1,53 +1,86 @@
 #include "CliContext.h"
 
+#include <QCoreApplication>
+#include <cstdlib>
+
 #include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
-#include "velmorand/desktop/DataRoot.h"
-#include "velmorand/desktop/DesktopBundle.h"
-#include "velmorand/desktop/DesktopSettingsStores.h"
-#include "velmorand/desktop/PlistKeychain.h"
+#include "velmorand/desktop/StderrLog.h"
+#include "velmorand/qt/QtHttpClient.h"
+#include "velmorand/qt/QtMainQueue.h"
 
 namespace velmorand::cli {
-namespace {
-
-// Installed or built, the bundle sits at ../share/velmorand/bundle from the program.
-std::filesystem::path bundleBesideProgram() {
-    std::error_code error;
-    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-    if (error) {
-        return "share/velmorand/bundle";
-    }
-    return program.parent_path().parent_path() / "share" / "velmorand" / "bundle";
-}
-
-}  // namespace
-
 struct CliContext::Stores {
-    explicit Stores(const GlobalOptions& options)
-        : root(DataRoot::resolve(options.dataDir)),
-          bundle(DesktopBundle::resolveDirectory(options.bundleDir, bundleBesideProgram())),
-          settings(root),
-          keychain(root.keychainFile(), bundle.resource("embedded", "mobileprovision")),
-          appGroup(bundle),
-          config(settings, keychain, appGroup) {}
+    explicit Stores(const DesktopLocations& locations)
+        : environment(locations),
+          appGroup(environment.bundle),
+          config(environment.settings, environment.keychain, appGroup) {}
 
-    DataRoot root;
-    DesktopBundle bundle;
-    DesktopSettingsStores settings;
-    PlistKeychain keychain;
+    DesktopEnvironment environment;
     AppGroup appGroup;
     SharedConfig config;
 };
 
-CliContext::CliContext(const GlobalOptions& options) : options_(options) {}
+struct CliContext::EventLoop {
+    EventLoop(int& argc, char** argv) : application(argc, argv), http(mainQueue) {}
+
+    QCoreApplication application;
+    QtMainQueue mainQueue;
+    QtHttpClient http;
+};
+
+CliContext::CliContext(const GlobalOptions& options, int& argc, char** argv)
+    : options_(options), argc_(argc), argv_(argv) {}
 
 CliContext::~CliContext() = default;
 
 SharedConfig& CliContext::config() {
     if (!stores_) {
-        stores_ = std::make_unique<Stores>(options_);
+        stores_ = std::make_unique<Stores>(options_.locations);
     }
     return stores_->config;
+}
+
+const Bundle& CliContext::bundle() {
+    config();
+    return stores_->environment.bundle;
+}
+
+Log& CliContext::log() {
+    static StderrLog log;
+    return log;
+}
+
+std::string CliContext::serviceUrl() const {
+    if (options_.serviceUrl) {
+        return *options_.serviceUrl;
+    }
+    if (const char* fromEnvironment = std::getenv("VELMORAND_SERVICE_URL");
+        fromEnvironment && *fromEnvironment) {
+        return fromEnvironment;
+    }
+    return VELMORAND_SERVICE_URL;
+}
+
+MainQueue& CliContext::mainQueue() {
+    if (!loop_) {
+        loop_ = std::make_unique<EventLoop>(argc_, argv_);
+    }
+    return loop_->mainQueue;
+}
+
+HttpClient& CliContext::http() {
+    mainQueue();
+    return loop_->http;
+}
+
+int CliContext::runEventLoop() {
+    mainQueue();
+    return QCoreApplication::exec();
+}
+
+void CliContext::quit(int exitStatus) {
+    QCoreApplication::exit(exitStatus);
 }
 
 }  // namespace velmorand::cli

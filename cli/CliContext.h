@@ -5,37 +5,56 @@
 #include <optional>
 #include <string>
 
+#include "velmorand/desktop/DesktopEnvironment.h"
+
 namespace velmorand {
 
 class SharedConfig;
+class Bundle;
+class MainQueue;
+class HttpClient;
+class Log;
 
 namespace cli {
 
 // What the global options chose.
 struct GlobalOptions {
-    std::optional<std::filesystem::path> dataDir;
-    std::optional<std::filesystem::path> bundleDir;
+    DesktopLocations locations;
     std::optional<std::string> serviceUrl;
 };
 
 // The desktop services a command runs against, built on first use so that a command pays only
-// for what it touches (`config show` never starts an event loop).
+// for what it touches: `config show` never starts an event loop.
 class CliContext {
   public:
-    // Holds `options` by reference: they are filled in by parsing after the commands are set up.
-    explicit CliContext(const GlobalOptions& options);
+    // Holds `options` by reference: parsing fills them in after the commands are set up.
+    CliContext(const GlobalOptions& options, int& argc, char** argv);
     ~CliContext();
     CliContext(const CliContext&) = delete;
     CliContext& operator=(const CliContext&) = delete;
 
-    const GlobalOptions& options() const { return options_; }
     SharedConfig& config();
+    const Bundle& bundle();
+    Log& log();
+    // --service-url, else $VELMORAND_SERVICE_URL, else the build's default.
+    std::string serviceUrl() const;
+
+    // The main queue on an event loop that runs only inside runEventLoop().
+    MainQueue& mainQueue();
+    HttpClient& http();
+    // Runs the event loop until quit(); returns the status given to quit().
+    int runEventLoop();
+    void quit(int exitStatus);
 
   private:
     struct Stores;
+    struct EventLoop;
 
     const GlobalOptions& options_;
+    int& argc_;
+    char** argv_;
     std::unique_ptr<Stores> stores_;
+    std::unique_ptr<EventLoop> loop_;
 };
 
 }  // namespace cli

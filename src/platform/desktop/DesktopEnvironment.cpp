@@ -1,0 +1,22 @@
+#include "velmorand/desktop/DesktopEnvironment.h"
+
+namespace velmorand {
+
+DesktopEnvironment::DesktopEnvironment(const DesktopLocations& locations)
+    : root(DataRoot::resolve(locations.dataDir)),
+      bundle(DesktopBundle::resolveDirectory(locations.bundleDir, bundleBesideProgram())),
+      settings(root),
+      keychain(root.keychainFile(), bundle.resource("embedded", "mobileprovision")),
+      groupContainers(root),
+      classLookup(bundle.installDirectory() / "Frameworks") {}
+
+std::filesystem::path DesktopEnvironment::bundleBesideProgram() {
+    std::error_code error;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (error) {
+        return "share/velmorand/bundle";
+    }
+    return program.parent_path().parent_path() / "share" / "velmorand" / "bundle";
+}
+
+}  // namespace velmorand
