@@ -5,6 +5,7 @@
 
 #include "CliContext.h"
 #include "ConfigCommands.h"
+#include "PairingCommands.h"
 
 namespace velmorand::cli {
 
@@ -33,6 +34,7 @@ int run(int argc, char** argv) {
     CliContext context(options, argc, argv);
     Action action;
     addConfigCommands(app, context, action);
+    addPairingCommands(app, context, action);
 
     try {
         app.parse(argc, argv);

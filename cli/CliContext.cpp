@@ -2,14 +2,33 @@
 
 #include <QCoreApplication>
 #include <cstdlib>
+#include <iostream>
 
 #include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/desktop/StderrLog.h"
+#include "velmorand/pairing/PairingModel.h"
+#include "velmorand/pairing/WebRtcCapability.h"
+#include "velmorand/platform/Pasteboard.h"
 #include "velmorand/qt/QtHttpClient.h"
 #include "velmorand/qt/QtMainQueue.h"
+#include "velmorand/ui/BroadcastExtension.h"
 
 namespace velmorand::cli {
+namespace {
+
+class StdoutPasteboard : public Pasteboard {
+  public:
+    void setString(std::string_view text) override { std::cout << text << std::endl; }
+};
+
+// The local automation server's status URL; tests point it at a stand-in.
+std::string wdaStatusURL() {
+    const char* fromEnvironment = std::getenv("VELMORAND_WDA_URL");
+    return fromEnvironment && *fromEnvironment ? fromEnvironment : "http://127.0.0.1:8100/status";
+}
+
+}  // namespace
 struct CliContext::Stores {
     explicit Stores(const DesktopLocations& locations)
         : environment(locations),
@@ -27,6 +46,29 @@ struct CliContext::EventLoop {
     QCoreApplication application;
     QtMainQueue mainQueue;
     QtHttpClient http;
+};
+
+struct CliContext::Pairing {
+    Pairing(CliContext& context)
+        : webRtc(context.stores_->environment.classLookup, context.config(), context.log()),
+          model(PairingModel::create(PairingServices{
+              .config = context.config(),
+              .http = context.http(),
+              .mainQueue = context.mainQueue(),
+              .webRtc = webRtc,
+              .pasteboard = pasteboard,
+              .bundle = context.bundle(),
+              .broadcastExtensionLookup =
+                  [&bundle = context.bundle()] {
+                      return BroadcastExtension::bundleIdentifier(bundle);
+                  },
+              .appURL = context.serviceUrl(),
+              .wdaStatusURL = wdaStatusURL(),
+          })) {}
+
+    WebRtcCapability webRtc;
+    StdoutPasteboard pasteboard;
+    std::shared_ptr<PairingModel> model;
 };
 
 CliContext::CliContext(const GlobalOptions& options, int& argc, char** argv)
@@ -72,6 +114,14 @@ MainQueue& CliContext::mainQueue() {
 HttpClient& CliContext::http() {
     mainQueue();
     return loop_->http;
+}
+
+PairingModel& CliContext::model() {
+    if (!pairing_) {
+        config();
+        pairing_ = std::make_unique<Pairing>(*this);
+    }
+    return *pairing_->model;
 }
 
 int CliContext::runEventLoop() {

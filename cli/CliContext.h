@@ -14,6 +14,7 @@ class Bundle;
 class MainQueue;
 class HttpClient;
 class Log;
+class PairingModel;
 
 namespace cli {
 
@@ -42,6 +43,9 @@ class CliContext {
     // The main queue on an event loop that runs only inside runEventLoop().
     MainQueue& mainQueue();
     HttpClient& http();
+    // One model per command, on the event loop's main queue. The pair link it copies is
+    // printed on standard output: a terminal has no pasteboard.
+    PairingModel& model();
     // Runs the event loop until quit(); returns the status given to quit().
     int runEventLoop();
     void quit(int exitStatus);
@@ -49,12 +53,14 @@ class CliContext {
   private:
     struct Stores;
     struct EventLoop;
+    struct Pairing;
 
     const GlobalOptions& options_;
     int& argc_;
     char** argv_;
     std::unique_ptr<Stores> stores_;
     std::unique_ptr<EventLoop> loop_;
+    std::unique_ptr<Pairing> pairing_;
 };
 
 }  // namespace cli

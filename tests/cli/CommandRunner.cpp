@@ -5,8 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <stdexcept>
+#include <utility>
 
 namespace velmorand::testing {
 namespace {
@@ -21,13 +23,12 @@ void drain(int descriptor, std::string& into, bool& open) {
     }
 }
 
-}  // namespace
-
-CommandResult runCommand(const std::string& program, const std::vector<std::string>& arguments,
-                         const std::vector<std::string>& environment) {
-    int out[2];
-    int err[2];
-    if (pipe(out) != 0 || pipe(err) != 0) {
+// Starts `program` with its standard input closed and both output streams on pipes.
+pid_t spawn(const std::string& program, const std::vector<std::string>& arguments,
+            const std::vector<std::string>& environment, int& out, int& err) {
+    int outPipe[2];
+    int errPipe[2];
+    if (pipe(outPipe) != 0 || pipe(errPipe) != 0) {
         throw std::runtime_error("pipe failed");
     }
     const pid_t child = fork();
@@ -37,10 +38,10 @@ CommandResult runCommand(const std::string& program, const std::vector<std::stri
     if (child == 0) {
         const int devNull = open("/dev/null", O_RDONLY);
         dup2(devNull, 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        close(out[0]);
-        close(err[0]);
+        dup2(outPipe[1], 1);
+        dup2(errPipe[1], 2);
+        close(outPipe[0]);
+        close(errPipe[0]);
         for (const auto& entry : environment) {
             putenv(const_cast<char*>(entry.c_str()));
         }
@@ -52,30 +53,88 @@ CommandResult runCommand(const std::string& program, const std::vector<std::stri
         execv(program.c_str(), argv.data());
         _exit(127);
     }
-    close(out[1]);
-    close(err[1]);
+    close(outPipe[1]);
+    close(errPipe[1]);
+    out = outPipe[0];
+    err = errPipe[0];
+    return child;
+}
+
+}  // namespace
+
+CommandResult runCommand(const std::string& program, const std::vector<std::string>& arguments,
+                         const std::vector<std::string>& environment) {
+    int out = -1;
+    int err = -1;
+    const pid_t child = spawn(program, arguments, environment, out, err);
 
     CommandResult result;
     bool outOpen = true;
     bool errOpen = true;
     while (outOpen || errOpen) {
-        pollfd fds[2] = {{outOpen ? out[0] : -1, POLLIN, 0}, {errOpen ? err[0] : -1, POLLIN, 0}};
+        pollfd fds[2] = {{outOpen ? out : -1, POLLIN, 0}, {errOpen ? err : -1, POLLIN, 0}};
         if (poll(fds, 2, -1) < 0) {
             break;
         }
         if (fds[0].revents) {
-            drain(out[0], result.out, outOpen);
+            drain(out, result.out, outOpen);
         }
         if (fds[1].revents) {
-            drain(err[0], result.err, errOpen);
+            drain(err, result.err, errOpen);
         }
     }
-    close(out[0]);
-    close(err[0]);
+    close(out);
+    close(err);
     int status = 0;
     waitpid(child, &status, 0);
     result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
+}
+
+BackgroundProcess::BackgroundProcess(const std::string& program,
+                                     const std::vector<std::string>& arguments) {
+    pid_ = spawn(program, arguments, {}, out_, err_);
+}
+
+BackgroundProcess::~BackgroundProcess() {
+    kill(pid_, SIGTERM);
+    for (int waited = 0; waited < 50; ++waited) {
+        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
+            pid_ = -1;
+            break;
+        }
+        usleep(100'000);
+    }
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    close(out_);
+    close(err_);
+}
+
+std::string BackgroundProcess::readLine() {
+    return readLineFrom(out_, outBuffer_);
+}
+
+std::string BackgroundProcess::readErrorLine() {
+    return readLineFrom(err_, errBuffer_);
+}
+
+std::string BackgroundProcess::readLineFrom(int descriptor, std::string& buffer) {
+    while (true) {
+        if (const auto end = buffer.find('\n'); end != std::string::npos) {
+            std::string line = buffer.substr(0, end);
+            buffer.erase(0, end + 1);
+            return line;
+        }
+        char chunk[4096];
+        const ssize_t count = read(descriptor, chunk, sizeof chunk);
+        if (count <= 0) {
+            return std::exchange(buffer, {});
+        }
+        buffer.append(chunk, static_cast<std::size_t>(count));
+    }
 }
 
 }  // namespace velmorand::testing

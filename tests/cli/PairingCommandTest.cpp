@@ -1,0 +1,169 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "CommandRunner.h"
+#include "TempDir.h"
+
+namespace velmorand {
+namespace {
+
+using testing::BackgroundProcess;
+using testing::CommandResult;
+using testing::runCommand;
+
+constexpr const char* kDemoKey = "demo-key-1234";
+
+// A loopback port that accepts connections into its backlog and never answers them.
+class SilentServer {
+  public:
+    SilentServer() : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        bind(socket_, reinterpret_cast<sockaddr*>(&address), length);
+        listen(socket_, 16);
+        getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+    }
+    ~SilentServer() { close(socket_); }
+
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/status"; }
+
+  private:
+    int socket_;
+    int port_ = 0;
+};
+
+// Each test gets its own sandbox service and data root, and runs the program as a person would.
+class PairingCommandTest : public ::testing::Test {
+  protected:
+    PairingCommandTest() : sandbox_(VELMORAND_SANDBOX, {"--port", "0", "--wda-port", "0"}) {
+        serviceUrl_ = sandbox_.readLine();
+        const std::string announced = sandbox_.readErrorLine();
+        wdaStatusUrl_ = announced.substr(announced.find("http://")) + "/status";
+    }
+
+    CommandResult velmorand(std::vector<std::string> arguments,
+                            std::vector<std::string> environment = {}) {
+        arguments.insert(arguments.begin(), {"--data-dir", data_.path().string(), "--bundle-dir",
+                                             VELMORAND_DEV_BUNDLE, "--service-url", serviceUrl_});
+        // Later entries win, so a test can point the program elsewhere.
+        environment.insert(environment.begin(), "VELMORAND_WDA_URL=" + wdaStatusUrl_);
+        return runCommand(VELMORAND_CLI, arguments, environment);
+    }
+
+    nlohmann::json storedConfig() {
+        return nlohmann::json::parse(velmorand({"config", "show", "--json"}).out);
+    }
+
+    testing::TempDir data_;
+    BackgroundProcess sandbox_;
+    std::string serviceUrl_;
+    std::string wdaStatusUrl_;
+};
+
+TEST_F(PairingCommandTest, PairsAndAFailedRepairingKeepsTheEarlierPairing) {
+    const auto refused = velmorand({"pair", "wrong-key"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(refused.out, "Pairing…\nPairing failed: Handshake 401: Unknown access key\n");
+
+    const auto paired = velmorand({"pair", std::string(" ") + kDemoKey + "\n"});
+    EXPECT_EQ(paired.exitCode, 0) << paired.err;
+    EXPECT_EQ(paired.out, "Pairing…\nPaired as Sandbox iPhone\n");
+    const auto stored = storedConfig();
+    EXPECT_EQ(stored["accessKey"], kDemoKey);
+    EXPECT_EQ(stored["appURL"], serviceUrl_);
+    EXPECT_EQ(stored["isPaired"], true);
+
+    EXPECT_EQ(velmorand({"pair", "another-wrong-key"}).exitCode, 1);
+    EXPECT_EQ(storedConfig(), stored);
+
+    const auto blank = velmorand({"pair", " \t"});
+    EXPECT_EQ(blank.exitCode, 2);
+    EXPECT_EQ(blank.err, "velmorand: no access key given\n");
+}
+
+TEST_F(PairingCommandTest, UnreachableServiceEndsInTheFailureText) {
+    serviceUrl_ = "http://127.0.0.1:1";
+    const auto result = velmorand({"pair", kDemoKey});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(result.out.starts_with("Pairing…\nPairing failed: ")) << result.out;
+    EXPECT_EQ(storedConfig()["isPaired"], false);
+}
+
+TEST_F(PairingCommandTest, LinksAndScannedCodesCarryTheKey) {
+    EXPECT_EQ(velmorand({"open", "x://y?key="}).exitCode, 2);
+    EXPECT_EQ(velmorand({"open", "x://y?Key=K"}).exitCode, 2);
+    const auto noKey = velmorand({"scan", "x://h/pair?mykey=abc"});
+    EXPECT_EQ(noKey.exitCode, 1);
+    EXPECT_EQ(noKey.out, "QR had no pair key.\n");
+
+    const auto printed = velmorand({"scan", "--print-key", "x://h/pair?foo=1&key=a%2Bb"});
+    EXPECT_EQ(printed.out, "a+b\n");
+    EXPECT_EQ(velmorand({"scan", "--print-key", "pair?nothing=1"}).exitCode, 1);
+
+    const auto opened =
+        velmorand({"open", std::string("anything://open?foo=1&accessKey=") + kDemoKey + "&key=K2"});
+    EXPECT_EQ(opened.exitCode, 0) << opened.out;
+    EXPECT_EQ(storedConfig()["accessKey"], kDemoKey);
+
+    EXPECT_EQ(velmorand({"unpair"}).out, "Unpaired\n");
+    const auto scanned = velmorand({"scan", std::string("x://h/pair?KEY=") + kDemoKey});
+    EXPECT_EQ(scanned.exitCode, 0) << scanned.out;
+    EXPECT_EQ(storedConfig()["isPaired"], true);
+}
+
+TEST_F(PairingCommandTest, RelayPreferenceAndPairLink) {
+    ASSERT_EQ(velmorand({"pair", kDemoKey}).exitCode, 0);
+
+    const auto saved =
+        velmorand({"relay", "--region", "eu", "--override", " wss://r.example/x \n"});
+    EXPECT_EQ(saved.out, "Relay preference saved — applies on next broadcast start.\n");
+    auto stored = storedConfig();
+    EXPECT_EQ(stored["relayRegion"], "eu");
+    EXPECT_EQ(stored["relayOverride"], "wss://r.example/x");
+    EXPECT_EQ(stored["isPaired"], true);
+    EXPECT_EQ(velmorand({"relay", "--region", "mars"}).exitCode, 2);
+
+    const auto link = velmorand({"pair-url"});
+    EXPECT_EQ(link.out, serviceUrl_ + "/pair?key=" + kDemoKey + "\n");
+    EXPECT_EQ(link.err, "Copied pair URL.\n");
+    EXPECT_EQ(velmorand({"pair-url", "--key", "A b"}).out, serviceUrl_ + "/pair?key=A b\n");
+
+    EXPECT_EQ(velmorand({"unpair"}).exitCode, 0);
+    const auto nothing = velmorand({"pair-url"});
+    EXPECT_EQ(nothing.exitCode, 1);
+    EXPECT_EQ(nothing.err, "Paste an access key first.\n");
+}
+
+TEST_F(PairingCommandTest, TouchControlStartsAndIsConfirmedByTheLocalServer) {
+    EXPECT_EQ(velmorand({"touch", "start"}).out, "Pair this device first (access key required)\n");
+    ASSERT_EQ(velmorand({"pair", kDemoKey}).exitCode, 0);
+    EXPECT_EQ(velmorand({"touch", "status"}).out,
+              "Touch control: idle — tap Start (or use the dashboard)\n");
+
+    // Holds the start's own text for the 8-second wait before the follow-up check.
+    const auto started = velmorand({"touch", "start"});
+    EXPECT_EQ(started.exitCode, 0);
+    EXPECT_EQ(started.out, "Queuing touch control on Velmorand Mac…\nQueued (sandbox)\n");
+    EXPECT_EQ(velmorand({"touch", "status"}).out, "Touch control: active\n");
+
+    SilentServer silent;
+    const auto unconfirmed = velmorand({"touch", "status"}, {"VELMORAND_WDA_URL=" + silent.url()});
+    EXPECT_EQ(unconfirmed.out, "Touch control stopped — tap Start to restart\n");
+
+    const auto status = nlohmann::json::parse(velmorand({"status", "--json"}).out);
+    EXPECT_EQ(status["paired"], true);
+    EXPECT_EQ(status["deviceName"], "Sandbox iPhone");
+    EXPECT_EQ(status["wdaStatus"], "Touch control: active");
+    EXPECT_EQ(status["appURL"], serviceUrl_);
+}
+
+}  // namespace
+}  // namespace velmorand
