@@ -6,6 +6,7 @@
 #include "CliContext.h"
 #include "ConfigCommands.h"
 #include "PairingCommands.h"
+#include "RelayClientCommand.h"
 
 namespace velmorand::cli {
 
@@ -34,6 +35,7 @@ int run(int argc, char** argv) {
     CliContext context(options, argc, argv);
     Action action;
     addConfigCommands(app, context, action);
+    addRelayClientCommand(app, context, action);
     addPairingCommands(app, context, action);
 
     try {

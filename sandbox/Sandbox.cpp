@@ -1,5 +1,7 @@
 #include "velmorand/sandbox/Sandbox.h"
 
+#include "SandboxRelay.h"
+
 #include <QByteArray>
 #include <QCryptographicHash>
 #include <QFile>
@@ -14,9 +16,11 @@
 #include <QRandomGenerator>
 #include <QSslCertificate>
 #include <QSslKey>
+#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
 #include <QUrlQuery>
+#include <QWebSocket>
 #include <map>
 #include <set>
 #include <utility>
@@ -60,6 +64,11 @@ QJsonDocument errorDocument(const QString& message) {
     return QJsonDocument(QJsonObject{{QStringLiteral("error"), message}});
 }
 
+bool isWebSocketUpgrade(const QHttpServerRequest& request) {
+    return request.value(QByteArrayLiteral("upgrade")).compare("websocket", Qt::CaseInsensitive) ==
+           0;
+}
+
 }  // namespace
 
 std::optional<WdaMode> parseWdaMode(std::string_view text) {
@@ -87,12 +96,21 @@ std::string_view wdaModeName(WdaMode mode) {
 
 class Sandbox::Impl {
   public:
-    explicit Impl(SandboxOptions options) : options_(std::move(options)) {
+    explicit Impl(SandboxOptions options)
+        : options_(std::move(options)),
+          relay_([this](std::string_view token) { return tokens_.find(token) != tokens_.end(); },
+                 options_.relayPingInterval) {
         if (options_.accessKeys.empty()) {
             options_.accessKeys.emplace_back(SandboxOptions::kDemoKey);
         }
         mode_ = options_.wdaMode;
         addRoutes();
+        QObject::connect(&service_, &QAbstractHttpServer::newWebSocketConnection, &service_,
+                         [this] {
+                             while (service_.hasPendingWebSocketConnections()) {
+                                 relay_.accept(service_.nextPendingWebSocketConnection());
+                             }
+                         });
     }
 
     bool start(std::string* error) {
@@ -102,10 +120,7 @@ class Sandbox::Impl {
             }
             return false;
         };
-        const QString host = QString::fromStdString(options_.host);
-        const QHostAddress address = host == QLatin1String("localhost")
-                                         ? QHostAddress(QHostAddress::LocalHost)
-                                         : QHostAddress(host);
+        const QHostAddress address = listenAddress();
         if (address.isNull()) {
             return fail("Not an address to listen on: " + options_.host);
         }
@@ -127,6 +142,29 @@ class Sandbox::Impl {
         return true;
     }
 
+    QHostAddress listenAddress() const {
+        const QString host = QString::fromStdString(options_.host);
+        return host == QLatin1String("localhost") ? QHostAddress(QHostAddress::LocalHost)
+                                                  : QHostAddress(host);
+    }
+
+    void suspend() {
+        for (QTcpServer* server : service_.servers()) {
+            server->close();
+        }
+        relay_.dropAll();
+    }
+
+    bool resume(std::string* error) {
+        if (service_.listen(listenAddress(), port_) == port_) {
+            return true;
+        }
+        if (error != nullptr) {
+            *error = "Cannot listen on " + options_.host + ":" + std::to_string(port_) + " again";
+        }
+        return false;
+    }
+
     std::string origin(std::string_view scheme, std::uint16_t port) const {
         const bool ipv6 = options_.host.find(':') != std::string::npos;
         const std::string host = ipv6 ? "[" + options_.host + "]" : options_.host;
@@ -135,6 +173,7 @@ class Sandbox::Impl {
 
     std::string baseUrl() const { return origin(tls_ ? "https" : "http", port_); }
     std::string wdaBaseUrl() const { return origin("http", wdaPort_); }
+    std::string relayWsUrl() const { return origin(tls_ ? "wss" : "ws", port_) + "/relay"; }
 
     SandboxOptions options_;
     std::uint16_t port_ = 0;
@@ -203,6 +242,29 @@ class Sandbox::Impl {
         });
         service_.route(QStringLiteral("/admin/wda-mode"), Method::Post,
                        [this](const QHttpServerRequest& request) { return switchMode(request); });
+        // QHttpServer hands an upgrade over only once a route has taken the request; the route
+        // answers nothing itself, then the relay gets the socket.
+        for (const auto& path :
+             {QStringLiteral("/relay/device"), QStringLiteral("/relay/viewer")}) {
+            service_.route(
+                path, [](const QHttpServerRequest& request, QHttpServerResponder&& responder) {
+                    if (!isWebSocketUpgrade(request)) {
+                        responder.write(errorDocument(QStringLiteral("WebSocket upgrade required")),
+                                        Status::UpgradeRequired);
+                    }
+                });
+        }
+        service_.route(QStringLiteral("/admin/relay"), Method::Get, [this] {
+            return QHttpServerResponse(QJsonObject{
+                {QStringLiteral("deviceConnected"), relay_.deviceConnected()},
+                {QStringLiteral("viewers"), static_cast<qint64>(relay_.viewerCount())},
+                {QStringLiteral("deviceConnections"),
+                 static_cast<qint64>(relay_.deviceConnections())},
+                {QStringLiteral("devicePongs"), static_cast<qint64>(relay_.pongs())},
+            });
+        });
+        service_.route(QStringLiteral("/admin/relay/close-device"), Method::Post,
+                       [this](const QHttpServerRequest& request) { return closeDevice(request); });
         automation_.route(QStringLiteral("/status"), Method::Get, [] {
             return QHttpServerResponse(QJsonObject{
                 {QStringLiteral("value"), QJsonObject{{QStringLiteral("ready"), true}}}});
@@ -233,10 +295,9 @@ class Sandbox::Impl {
         }
         const QString token = randomToken();
         tokens_.insert(token.toStdString());
-        const std::string relay = origin(tls_ ? "wss" : "ws", port_) + "/relay";
         return QHttpServerResponse(QJsonObject{
             {QStringLiteral("deviceToken"), token},
-            {QStringLiteral("relayWsUrl"), QString::fromStdString(relay)},
+            {QStringLiteral("relayWsUrl"), QString::fromStdString(relayWsUrl())},
             {QStringLiteral("deviceId"), deviceIdFor(key)},
             {QStringLiteral("deviceName"), QStringLiteral("Sandbox iPhone")},
             {QStringLiteral("webrtcEnabled"), false},
@@ -324,11 +385,29 @@ class Sandbox::Impl {
             QJsonObject{{QStringLiteral("wdaMode"), QString::fromUtf8(name)}});
     }
 
+    // {"code":N,"reason":S}; code 1000 and an empty reason when absent.
+    QHttpServerResponse closeDevice(const QHttpServerRequest& request) {
+        const auto body = jsonObject(request.body()).value_or(QJsonObject{});
+        const int code = body.value(QStringLiteral("code")).toInt(1000);
+        if (code < 1000 || code > 4999) {
+            return errorResponse(QStringLiteral("code must be from 1000 to 4999"),
+                                 Status::BadRequest);
+        }
+        if (!relay_.closeDevice(code, body.value(QStringLiteral("reason")).toString())) {
+            return errorResponse(QStringLiteral("No device connected"), Status::NotFound);
+        }
+        return QHttpServerResponse(QJsonObject{{QStringLiteral("closed"), code}});
+    }
+
     std::map<std::string, Clock::time_point, std::less<>> startedAt_;
     QHttpServer service_;
     QHttpServer automation_;
     // Destroyed before the servers, so that no deferred answer outlives them.
     QObject timers_;
+
+  public:
+    // Declared after the service, which hands it sockets: destroyed first.
+    SandboxRelay relay_;
 };
 
 Sandbox::Sandbox(SandboxOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
@@ -373,6 +452,48 @@ WdaMode Sandbox::wdaMode() const {
 
 void Sandbox::setWdaMode(WdaMode mode) {
     impl_->mode_ = mode;
+}
+
+std::string Sandbox::relayWsUrl() const {
+    return impl_->relayWsUrl();
+}
+
+bool Sandbox::deviceConnected() const {
+    return impl_->relay_.deviceConnected();
+}
+
+std::size_t Sandbox::viewerCount() const {
+    return impl_->relay_.viewerCount();
+}
+
+std::size_t Sandbox::deviceConnections() const {
+    return impl_->relay_.deviceConnections();
+}
+
+std::size_t Sandbox::devicePongs() const {
+    return impl_->relay_.pongs();
+}
+
+std::optional<std::string> Sandbox::lastDeviceToken() const {
+    return impl_->relay_.lastDeviceToken();
+}
+
+bool Sandbox::closeDevice(int code, std::string_view reason) {
+    return impl_->relay_.closeDevice(
+        code, QString::fromUtf8(reason.data(), static_cast<qsizetype>(reason.size())));
+}
+
+bool Sandbox::sendToDevice(std::string_view payload, bool binary) {
+    return impl_->relay_.sendToDevice(
+        QByteArray(payload.data(), static_cast<qsizetype>(payload.size())), binary);
+}
+
+void Sandbox::suspend() {
+    impl_->suspend();
+}
+
+bool Sandbox::resume(std::string* error) {
+    return impl_->resume(error);
 }
 
 }  // namespace velmorand::sandbox

@@ -56,8 +56,12 @@ int main(int argc, char** argv) {
         QStringLiteral("wda-port"),
         QStringLiteral("Port of the stand-in automation server; 0 picks a free one."),
         QStringLiteral("N"), QStringLiteral("0"));
+    const QCommandLineOption pingOption(
+        QStringLiteral("relay-ping-ms"),
+        QStringLiteral("How often the relay pings the device, in ms; 0 sends no pings."),
+        QStringLiteral("N"), QStringLiteral("5000"));
     parser.addOptions({portOption, hostOption, certOption, keyFileOption, accessKeyOption,
-                       modeOption, wdaPortOption});
+                       modeOption, wdaPortOption, pingOption});
     parser.process(app);
 
     velmorand::sandbox::SandboxOptions options;
@@ -82,6 +86,12 @@ int main(int argc, char** argv) {
         usageError(QStringLiteral("--wda-mode must be normal, error, disabled or slow"));
     }
     options.wdaMode = *mode;
+    bool pingOk = false;
+    const uint pingMs = parser.value(pingOption).toUInt(&pingOk);
+    if (!pingOk) {
+        usageError(QStringLiteral("--relay-ping-ms needs a whole number of milliseconds"));
+    }
+    options.relayPingInterval = std::chrono::milliseconds(pingMs);
 
     velmorand::sandbox::Sandbox sandbox(std::move(options));
     std::string error;
@@ -94,6 +104,7 @@ int main(int argc, char** argv) {
         std::cout << key << '\n';
     }
     std::cout.flush();
-    std::cerr << "automation server: " << sandbox.wdaBaseUrl() << std::endl;
+    std::cerr << "automation server: " << sandbox.wdaBaseUrl() << '\n'
+              << "relay: " << sandbox.relayWsUrl() << "/device and /viewer" << std::endl;
     return QCoreApplication::exec();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -37,10 +38,20 @@ struct SandboxOptions {
     // How long a started touch server reports "starting" before "active".
     std::chrono::milliseconds wdaStartupTime{1000};
     std::chrono::milliseconds slowDelay{40'000};
+    // How often the relay sends {"type":"ping"} to the connected device; zero sends none.
+    std::chrono::milliseconds relayPingInterval{5'000};
 };
 
 // The sandbox service. Lives on a thread running a Qt event loop (the QCoreApplication's) and
 // serves from it; create, use and destroy it there.
+//
+// The relay shares the service's port: QHttpServer (built with WebSockets) hands the upgrades of
+// "/relay/device" and "/relay/viewer" to the relay, so the handshake's "relayWsUrl"
+// ("<ws|wss>://host:port/relay") needs no second port and speaks TLS exactly when the service
+// does, with the same certificate. Devices connect to relayWsUrl + "/device" with an
+// issued token in "x-device-token" (any other is closed with 4401 "unauthorized"); viewers to
+// relayWsUrl + "/viewer", unauthenticated. Viewer frames go to the device, device frames to every
+// viewer, both unchanged; the device's {"type":"pong"} answers end at the relay.
 class Sandbox {
   public:
     explicit Sandbox(SandboxOptions options);
@@ -66,6 +77,26 @@ class Sandbox {
 
     WdaMode wdaMode() const;
     void setWdaMode(WdaMode mode);
+
+    // baseUrl() with ws or wss and the "/relay" path, as the handshake hands it out.
+    std::string relayWsUrl() const;
+    bool deviceConnected() const;
+    std::size_t viewerCount() const;
+    // Device connections accepted so far.
+    std::size_t deviceConnections() const;
+    // {"type":"pong"} frames the device has sent.
+    std::size_t devicePongs() const;
+    // The "x-device-token" of the latest device connection, accepted or not.
+    std::optional<std::string> lastDeviceToken() const;
+    // Closes the device's link with `code`; false when no device is connected.
+    bool closeDevice(int code, std::string_view reason);
+    // Sends one frame to the device as the relay itself; false when no device is connected.
+    bool sendToDevice(std::string_view payload, bool binary = false);
+
+    // The service goes away: its port stops listening and every relay link is cut without a
+    // close frame. resume() listens on the same port again.
+    void suspend();
+    bool resume(std::string* error);
 
   private:
     class Impl;

@@ -138,6 +138,9 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
                                  lastError_ = socket_->errorString().toStdString();
                              }
                          });
+        // Our own closes disconnect every signal first, so this hears only the peer's close frame.
+        QObject::connect(socket_, &QWebSocket::aboutToClose, socket_,
+                         [this] { peerClosed_ = true; });
         QObject::connect(socket_, &QWebSocket::disconnected, socket_, [this] { onDisconnected(); });
 
         const auto timeout =
@@ -178,8 +181,10 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         if (ended_) {
             return;
         }
-        // A link lost without a close handshake is an error, not a close with a made-up code.
-        if (opened_ && !lastError_ && !shared_->stopped) {
+        // A link lost without a close frame is an error, not a close with a made-up code. Over
+        // TLS the peer's hang-up may be reported as an error before its close frame is read, so a
+        // close frame counts even after an error.
+        if (opened_ && (peerClosed_ || !lastError_) && !shared_->stopped) {
             const QByteArray reason = socket_->closeReason().toUtf8();
             shared_->delegate->closed(
                 shared_from_this(), static_cast<int>(socket_->closeCode()),
@@ -292,6 +297,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
     bool started_ = false;
     bool opened_ = false;
     bool ended_ = false;
+    bool peerClosed_ = false;
     std::string endReason_;
     std::optional<std::string> lastError_;
     std::deque<WebSocketMessage> inbox_;
