@@ -53,7 +53,13 @@ class PlistHandle {
         plist_t node = nullptr;
         plist_from_memory(reinterpret_cast<const char*>(bytes.data()),
                           static_cast<std::uint32_t>(bytes.size()), &node);
-        return PlistHandle(node);
+        PlistHandle handle(node);
+        // libplist asserts on, and overruns when writing, a string holding a NUL: such a list is
+        // taken as unreadable.
+        if (handle && hasStringWithNul(handle.get())) {
+            return {};
+        }
+        return handle;
     }
 
     std::optional<std::string> toXml() const {
@@ -72,6 +78,42 @@ class PlistHandle {
     }
 
   private:
+    static bool hasStringWithNul(plist_t node) {
+        switch (plist_get_node_type(node)) {
+            case PLIST_STRING: {
+                std::uint64_t length = 0;
+                const char* text = plist_get_string_ptr(node, &length);
+                return text != nullptr && std::char_traits<char>::length(text) != length;
+            }
+            case PLIST_ARRAY: {
+                const auto size = plist_array_get_size(node);
+                for (std::uint32_t index = 0; index < size; ++index) {
+                    if (hasStringWithNul(plist_array_get_item(node, index))) {
+                        return true;
+                    }
+                }
+                return false;
+            }
+            case PLIST_DICT: {
+                plist_dict_iter iterator = nullptr;
+                plist_dict_new_iter(node, &iterator);
+                bool found = false;
+                while (!found) {
+                    plist_t value = nullptr;
+                    plist_dict_next_item(node, iterator, nullptr, &value);
+                    if (value == nullptr) {
+                        break;
+                    }
+                    found = hasStringWithNul(value);
+                }
+                free(iterator);
+                return found;
+            }
+            default:
+                return false;
+        }
+    }
+
     plist_t node_ = nullptr;
 };
 
@@ -83,14 +125,13 @@ inline std::optional<std::string> stringValue(plist_t node) {
     if (!isType(node, PLIST_STRING)) {
         return std::nullopt;
     }
-    char* text = nullptr;
-    plist_get_string_val(node, &text);
+    // Not plist_get_string_val: it asserts on a string holding a NUL, which a damaged file can.
+    std::uint64_t length = 0;
+    const char* text = plist_get_string_ptr(node, &length);
     if (text == nullptr) {
         return std::nullopt;
     }
-    std::string result(text);
-    free(text);
-    return result;
+    return std::string(text, static_cast<std::size_t>(length));
 }
 
 // Scalars as the stores keep them; other node types have no StoredValue.

@@ -49,13 +49,10 @@ nlohmann::json toJson(plist_t node) {
             return array;
         }
         case PLIST_STRING:
+            return plist::stringValue(node).value_or("");
         case PLIST_KEY: {
             char* text = nullptr;
-            if (plist_get_node_type(node) == PLIST_STRING) {
-                plist_get_string_val(node, &text);
-            } else {
-                plist_get_key_val(node, &text);
-            }
+            plist_get_key_val(node, &text);
             std::string value = text != nullptr ? text : "";
             free(text);
             return value;
