@@ -41,9 +41,13 @@ bool isUploadExtension(const nlohmann::json& info) {
            point->get<std::string>() == BroadcastExtension::kExtensionPoint;
 }
 
-}  // namespace
+// The first upload extension in name order, with its information dictionary.
+struct FoundExtension {
+    fs::path directory;
+    nlohmann::json info;
+};
 
-std::optional<std::string> BroadcastExtension::bundleIdentifier(const Bundle& bundle) {
+std::optional<FoundExtension> firstUploadExtension(const Bundle& bundle) {
     const auto plugIns = bundle.plugInsDirectory();
     if (!plugIns) {
         return std::nullopt;
@@ -63,17 +67,45 @@ std::optional<std::string> BroadcastExtension::bundleIdentifier(const Bundle& bu
         if (entry.extension() != ".appex") {
             continue;
         }
-        const auto info = infoDictionary(entry);
+        auto info = infoDictionary(entry);
         if (!info || !isUploadExtension(*info)) {
             continue;
         }
-        const auto identifier = info->find("CFBundleIdentifier");
-        if (identifier == info->end() || !identifier->is_string()) {
-            return std::nullopt;
-        }
-        return identifier->get<std::string>();
+        return FoundExtension{entry, std::move(*info)};
     }
     return std::nullopt;
+}
+
+std::optional<std::string> stringValue(const nlohmann::json& info, const char* key) {
+    const auto value = info.find(key);
+    if (value == info.end() || !value->is_string()) {
+        return std::nullopt;
+    }
+    return value->get<std::string>();
+}
+
+}  // namespace
+
+std::optional<std::string> BroadcastExtension::bundleIdentifier(const Bundle& bundle) {
+    const auto found = firstUploadExtension(bundle);
+    if (!found) {
+        return std::nullopt;
+    }
+    return stringValue(found->info, "CFBundleIdentifier");
+}
+
+std::optional<fs::path> BroadcastExtension::executable(const Bundle& bundle) {
+    const auto found = firstUploadExtension(bundle);
+    if (!found || !stringValue(found->info, "CFBundleIdentifier")) {
+        return std::nullopt;
+    }
+    const auto name = stringValue(found->info, "CFBundleExecutable");
+    // A bare file name only: the program must stay inside its extension folder.
+    if (!name || name->empty() || *name == "." || *name == ".." ||
+        name->find('/') != std::string::npos) {
+        return std::nullopt;
+    }
+    return found->directory / *name;
 }
 
 }  // namespace velmorand

@@ -111,5 +111,56 @@ TEST(BroadcastExtension, AMissingPlugInsDirectoryFindsNothing) {
     EXPECT_EQ(BroadcastExtension::bundleIdentifier(testing::FakeBundle(dir.path())), std::nullopt);
 }
 
+struct ExecutableCase {
+    const char* name;
+    std::vector<Entry> entries;
+    std::optional<std::string> expected;  // relative to PlugIns
+};
+
+class BroadcastExtensionExecutable : public ::testing::TestWithParam<ExecutableCase> {
+  protected:
+    testing::TempDir dir;
+    testing::FakeBundle bundle{dir.path()};
+};
+
+TEST_P(BroadcastExtensionExecutable, NamesTheProgramOfTheExtensionFound) {
+    const auto plugIns = dir.path() / "PlugIns";
+    for (const auto& entry : GetParam().entries) {
+        fs::create_directories(plugIns / entry.name);
+        std::ofstream(plugIns / entry.name / "Info.plist") << *entry.infoPlist;
+    }
+    const auto expected = GetParam().expected;
+    EXPECT_EQ(BroadcastExtension::executable(bundle),
+              expected ? std::optional(plugIns / *expected) : std::nullopt);
+}
+
+Entry uploadRunning(std::string name, std::optional<std::string> identifier,
+                    const std::string& executable) {
+    return Entry{std::move(name),
+                 infoPlist("<key>CFBundleExecutable</key><string>" + executable +
+                               "</string><key>NSExtension</key><dict>"
+                               "<key>NSExtensionPointIdentifier</key><string>" +
+                               std::string(kUpload) + "</string></dict>",
+                           std::move(identifier)),
+                 false};
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, BroadcastExtensionExecutable,
+    ::testing::Values(
+        ExecutableCase{"found", {uploadRunning("Up.appex", "a.up", "upload")}, "Up.appex/upload"},
+        ExecutableCase{
+            "sameExtensionAsTheLookup",
+            {uploadRunning("B.appex", "b.up", "b"), uploadRunning("A.appex", "a.up", "a")},
+            "A.appex/a"},
+        ExecutableCase{"noExecutableKey", {upload("A.appex", "a.up")}, std::nullopt},
+        ExecutableCase{"noIdentifier", {uploadRunning("A.appex", std::nullopt, "a")}, std::nullopt},
+        ExecutableCase{
+            "pathsRefused", {uploadRunning("A.appex", "a.up", "../../bin/sh")}, std::nullopt},
+        ExecutableCase{"parentRefused", {uploadRunning("A.appex", "a.up", "..")}, std::nullopt},
+        ExecutableCase{"emptyRefused", {uploadRunning("A.appex", "a.up", "")}, std::nullopt},
+        ExecutableCase{"noExtension", {}, std::nullopt}),
+    [](const auto& info) { return std::string(info.param.name); });
+
 }  // namespace
 }  // namespace velmorand

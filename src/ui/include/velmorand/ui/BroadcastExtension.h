@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,6 +19,10 @@ class BroadcastExtension {
     // The bundle identifier of the first upload extension in name order; absent when there is
     // none, or when the first one has no identifier. Looked up afresh on every call.
     static std::optional<std::string> bundleIdentifier(const Bundle& bundle);
+
+    // The program of the extension bundleIdentifier finds: `<X>.appex/<CFBundleExecutable>`.
+    // Absent when there is no such extension, or its Info.plist names no plain file name.
+    static std::optional<std::filesystem::path> executable(const Bundle& bundle);
 };
 
 }  // namespace velmorand
