@@ -1,0 +1,141 @@
+#include "velmorand/extension/EventLines.h"
+
+#include <charconv>
+#include <cmath>
+#include <type_traits>
+#include <variant>
+
+#include <nlohmann/json.hpp>
+
+#include "velmorand/relay/Control.h"
+
+namespace velmorand::extension {
+namespace {
+
+std::string percent(double fraction) {
+    return std::to_string(std::lround(fraction * 100)) + "%";
+}
+
+template <typename T, typename Format>
+std::string orNone(const std::optional<T>& value, Format format) {
+    return value ? format(*value) : std::string("(none)");
+}
+
+std::string point(double x, double y) {
+    return "x=" + EventLines::number(x) + " y=" + EventLines::number(y);
+}
+
+std::string payload(const Control::Command& command) {
+    return std::visit(
+        [](const auto& c) -> std::string {
+            using C = std::decay_t<decltype(c)>;
+            if constexpr (std::is_same_v<C, Control::Swipe>) {
+                return "from " + point(c.from.x, c.from.y) + " to " + point(c.to.x, c.to.y) +
+                       " ms=" + std::to_string(c.ms);
+            } else if constexpr (std::is_same_v<C, Control::LongPress>) {
+                return point(c.x, c.y) + " ms=" + std::to_string(c.ms);
+            } else if constexpr (std::is_same_v<C, Control::PushMedia>) {
+                // The media itself would swamp the log.
+                return "fileName=" + EventLines::quoted(c.fileName) +
+                       " mime=" + EventLines::quoted(c.mime) + " base64 " +
+                       std::to_string(c.dataB64.size()) + " bytes";
+            } else if constexpr (std::is_same_v<C, Control::Text> ||
+                                 std::is_same_v<C, Control::SetClipboard>) {
+                return EventLines::quoted(c.text);
+            } else if constexpr (std::is_same_v<C, Control::Key>) {
+                return EventLines::quoted(c.key);
+            } else if constexpr (std::is_same_v<C, Control::Button>) {
+                return EventLines::quoted(c.button);
+            } else if constexpr (std::is_same_v<C, Control::OpenURL>) {
+                return EventLines::quoted(c.url);
+            } else if constexpr (std::is_same_v<C, Control::LaunchApp> ||
+                                 std::is_same_v<C, Control::KillApp>) {
+                return EventLines::quoted(c.bundleId);
+            } else {
+                return point(c.x, c.y);
+            }
+        },
+        command);
+}
+
+}  // namespace
+
+std::string EventLines::quoted(std::string_view text) {
+    return nlohmann::json(std::string(text))
+        .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string EventLines::number(double value) {
+    if (!std::isfinite(value)) {
+        return std::isnan(value) ? "nan" : (value > 0 ? "inf" : "-inf");
+    }
+    char buffer[64];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    return std::string(buffer, result.ptr);
+}
+
+std::string EventLines::encode(const SharedConfig::EncodeValues& values) {
+    return "encode: " + values.codec + ", " + std::to_string(values.fps) + " fps, quality " +
+           percent(values.quality) + ", scale " + percent(values.scale);
+}
+
+std::string EventLines::relay(const std::string& url, bool customUrl) {
+    return "relay: " + url + "/device" + (customUrl ? " (custom URL)" : " (from pairing)");
+}
+
+std::string EventLines::alreadyRunning(std::optional<long> pid) {
+    return pid ? "a broadcast is already running (pid " + std::to_string(*pid) + ")"
+               : std::string("a broadcast is already running");
+}
+
+std::string EventLines::control(const Control& control) {
+    return "control: " + std::string(control.name()) + " " + payload(control.command);
+}
+
+std::string EventLines::needStream(const std::optional<std::string>& prefer) {
+    return "need_stream" + (prefer ? " (prefer " + quoted(*prefer) + ")" : std::string()) +
+           ": capturing and encoding the screen is not part of this desktop build";
+}
+
+std::string EventLines::encodeSettings(std::optional<std::int64_t> fps,
+                                       std::optional<double> quality, std::optional<double> scale,
+                                       const std::optional<std::string>& codec) {
+    const auto integer = [](std::int64_t value) { return std::to_string(value); };
+    return "encode_settings: fps=" + orNone(fps, integer) + " quality=" + orNone(quality, number) +
+           " scale=" + orNone(scale, number) + " codec=" + orNone(codec, quoted) +
+           " (no encoder in this desktop build)";
+}
+
+std::string EventLines::streamControl(bool streaming) {
+    return std::string("stream_control: ") + (streaming ? "on" : "off");
+}
+
+std::string EventLines::requestIdr() {
+    return "request_idr: key frame requested";
+}
+
+std::string EventLines::streamQuality(const std::string& tier) {
+    return "stream_quality: tier " + quoted(tier);
+}
+
+std::string EventLines::qos(std::int64_t rttMs, double lossPct,
+                            const std::optional<std::string>& tier, std::int64_t decodeQueue,
+                            std::int64_t jitterMs, std::uint64_t count) {
+    return "qos #" + std::to_string(count) + ": rtt=" + std::to_string(rttMs) +
+           "ms loss=" + number(lossPct) + "% tier=" + orNone(tier, quoted) +
+           " decodeQueue=" + std::to_string(decodeQueue) + " jitter=" + std::to_string(jitterMs) +
+           "ms";
+}
+
+std::string EventLines::relayQos(double congestion) {
+    return "relay_qos: congestion=" + number(congestion);
+}
+
+std::string EventLines::webRtcSignal(const nlohmann::json& message) {
+    const auto type = message.find("type");
+    const std::string name =
+        type != message.end() && type->is_string() ? quoted(type->get<std::string>()) : "(none)";
+    return "webrtc: " + name + " (no WebRTC in this desktop build)";
+}
+
+}  // namespace velmorand::extension

@@ -1,0 +1,68 @@
+#include "velmorand/extension/ExtensionOptions.h"
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+
+namespace velmorand::extension {
+namespace {
+
+// CLI11 reads "inf" and "nan" as numbers; a delay must be an actual duration.
+std::string positiveSeconds(const std::string& text) {
+    double value = 0;
+    if (!CLI::detail::lexical_cast(text, value) || !std::isfinite(value) || value <= 0) {
+        return "must be a positive number of seconds";
+    }
+    return {};
+}
+
+}  // namespace
+
+std::variant<ExtensionOptions, ExtensionOptions::Exit> ExtensionOptions::parse(
+    const std::vector<std::string>& arguments, const std::string& version) {
+    ExtensionOptions options;
+    std::optional<std::string> dataDir;
+    std::optional<std::string> bundleDir;
+
+    CLI::App app(
+        "The screen-broadcast upload extension: connects this device to the relay and "
+        "logs what viewers ask for.",
+        "velmorand-broadcast");
+    app.set_version_flag("--version", "velmorand-broadcast " + version);
+    app.add_option("--data-dir", dataDir, "Where the settings, keychain and group container live");
+    app.add_option("--bundle-dir", bundleDir,
+                   "The application bundle (default: the one holding this extension)");
+    const CLI::Validator positive(positiveSeconds, "SECONDS", "positive");
+    app.add_option("--min-delay", options.reconnect.minDelay, "Shortest reconnect delay")
+        ->check(positive)
+        ->capture_default_str();
+    app.add_option("--max-delay", options.reconnect.maxDelay, "Longest reconnect delay")
+        ->check(positive)
+        ->capture_default_str();
+    app.add_option("--jitter", options.reconnect.jitter, "Largest random addition to a delay")
+        ->check(positive)
+        ->capture_default_str();
+
+    // CLI11 wants the arguments last first.
+    std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+    try {
+        app.parse(reversed);
+    } catch (const CLI::CallForHelp&) {
+        return Exit{0, app.help()};
+    } catch (const CLI::CallForVersion&) {
+        return Exit{0, app.version() + "\n"};
+    } catch (const CLI::ParseError& error) {
+        return Exit{2, "velmorand-broadcast: " + std::string(error.what()) + "\n"};
+    }
+    if (options.reconnect.minDelay > options.reconnect.maxDelay) {
+        return Exit{2, "velmorand-broadcast: --min-delay must not exceed --max-delay\n"};
+    }
+    if (dataDir) {
+        options.dataDir = *dataDir;
+    }
+    if (bundleDir) {
+        options.bundleDir = *bundleDir;
+    }
+    return options;
+}
+
+}  // namespace velmorand::extension

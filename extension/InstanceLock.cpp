@@ -1,0 +1,68 @@
+#include "velmorand/extension/InstanceLock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace velmorand::extension {
+namespace {
+
+std::optional<long> recordedPid(int descriptor) {
+    char buffer[32] = {};
+    const auto count = ::pread(descriptor, buffer, sizeof buffer - 1, 0);
+    if (count <= 0) {
+        return std::nullopt;
+    }
+    char* end = nullptr;
+    const long pid = std::strtol(buffer, &end, 10);
+    if (end == buffer || pid <= 0) {
+        return std::nullopt;
+    }
+    return pid;
+}
+
+}  // namespace
+
+InstanceLock::InstanceLock(std::filesystem::path file) : file_(std::move(file)) {
+    descriptor_ = ::open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (descriptor_ < 0) {
+        error_ = file_.string() + ": " + std::strerror(errno);
+        return;
+    }
+    int result = 0;
+    do {
+        result = ::flock(descriptor_, LOCK_EX | LOCK_NB);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) {
+        if (errno == EWOULDBLOCK) {
+            holder_ = recordedPid(descriptor_);
+        } else {
+            error_ = file_.string() + ": " + std::strerror(errno);
+        }
+        ::close(descriptor_);
+        descriptor_ = -1;
+        return;
+    }
+    held_ = true;
+    const std::string pid = std::to_string(::getpid()) + "\n";
+    // Should this fail, the lock still holds; a second start just cannot name its holder.
+    if (::ftruncate(descriptor_, 0) == 0) {
+        [[maybe_unused]] const auto written = ::pwrite(descriptor_, pid.data(), pid.size(), 0);
+    }
+}
+
+InstanceLock::~InstanceLock() {
+    if (descriptor_ < 0) {
+        return;
+    }
+    // A stale id must not be reported once nobody holds the lock.
+    [[maybe_unused]] const int ignored = ::ftruncate(descriptor_, 0);
+    ::close(descriptor_);
+}
+
+}  // namespace velmorand::extension

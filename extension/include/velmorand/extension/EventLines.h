@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "velmorand/config/SharedConfig.h"
+
+namespace velmorand {
+struct Control;
+}
+
+namespace velmorand::extension {
+
+// The log lines of the broadcast's events. None of them carries the device token or the access
+// key; a viewer's typed text is quoted as it came, since it is what the viewer sent.
+class EventLines {
+  public:
+    EventLines() = delete;
+
+    static constexpr std::string_view kAuthRejected =
+        "relay rejected the device token — re-pair this device";
+    static constexpr std::string_view kNotPaired =
+        "not paired — pair this device in Velmorand Connect first";
+
+    // "encode: jpeg, 20 fps, quality 40%, scale 50%".
+    static std::string encode(const SharedConfig::EncodeValues& values);
+    static std::string relay(const std::string& url, bool customUrl);
+    static std::string alreadyRunning(std::optional<long> pid);
+
+    // "control: tap x=10 y=20", "control: text \"hi\"", …
+    static std::string control(const Control& control);
+    static std::string needStream(const std::optional<std::string>& prefer);
+    static std::string encodeSettings(std::optional<std::int64_t> fps,
+                                      std::optional<double> quality, std::optional<double> scale,
+                                      const std::optional<std::string>& codec);
+    static std::string streamControl(bool streaming);
+    static std::string requestIdr();
+    static std::string streamQuality(const std::string& tier);
+    // `count`: how many reports have arrived so far, this one included.
+    static std::string qos(std::int64_t rttMs, double lossPct,
+                           const std::optional<std::string>& tier, std::int64_t decodeQueue,
+                           std::int64_t jitterMs, std::uint64_t count);
+    static std::string relayQos(double congestion);
+    // The signal's type only; its body (SDP, candidates) stays out of the log.
+    static std::string webRtcSignal(const nlohmann::json& message);
+
+    // `text` as a JSON string literal.
+    static std::string quoted(std::string_view text);
+    // Shortest form that reads back the same: 10, 0.25.
+    static std::string number(double value);
+};
+
+}  // namespace velmorand::extension

@@ -1,0 +1,112 @@
+// velmorand-broadcast: the screen-broadcast upload extension. Started by the application for one
+// broadcast; reads the shared configuration once, keeps the device's relay link until stopped,
+// and writes what happens to extension.log in the group container.
+#include <unistd.h>
+
+#include <QCoreApplication>
+#include <csignal>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "velmorand/config/AppGroup.h"
+#include "velmorand/config/SharedConfig.h"
+#include "velmorand/desktop/DesktopEnvironment.h"
+#include "velmorand/desktop/StderrLog.h"
+#include "velmorand/extension/Broadcast.h"
+#include "velmorand/extension/EventLines.h"
+#include "velmorand/extension/ExtensionLogWriter.h"
+#include "velmorand/extension/ExtensionOptions.h"
+#include "velmorand/extension/InstanceLock.h"
+#include "velmorand/extension/RelayBase.h"
+#include "velmorand/qt/QtMainQueue.h"
+#include "velmorand/qt/QtWebSocketSession.h"
+#include "velmorand/qt/StopSignals.h"
+#include "velmorand/relay/RelayClient.h"
+
+namespace {
+
+using namespace velmorand;
+using namespace velmorand::extension;
+
+// The extension lives at <bundle>/PlugIns/<name>.appex/<program>.
+std::filesystem::path bundleAroundProgram() {
+    std::error_code error;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+    return error ? std::filesystem::path(".") : program.parent_path().parent_path().parent_path();
+}
+
+int runBroadcast(int argc, char** argv, const ExtensionOptions& options) {
+    DesktopEnvironment environment(DesktopLocations{
+        .dataDir = options.dataDir,
+        .bundleDir = DesktopBundle::resolveDirectory(options.bundleDir, bundleAroundProgram()),
+    });
+    StderrLog stderrLog;
+    const auto container = environment.groupContainers.containerDirectory(kAppGroupName);
+    if (!container) {
+        stderrLog.write("no group container under " + environment.root.root().string());
+        return 1;
+    }
+    ExtensionLogWriter log(*container / "extension.log", {.echo = &stderrLog, .clock = {}});
+
+    InstanceLock lock(*container / "broadcast.lock");
+    if (!lock.held()) {
+        log.write(lock.error() ? "cannot take the broadcast lock: " + *lock.error()
+                               : EventLines::alreadyRunning(lock.holder()));
+        return 1;
+    }
+
+    const AppGroup appGroup(environment.bundle);
+    const SharedConfig config(environment.settings, environment.keychain, appGroup);
+    const auto values = config.load();
+    for (const auto& secret : {values.deviceToken, values.accessKey}) {
+        if (secret) {
+            log.addSecret(*secret);
+        }
+    }
+    log.write("started (pid " + std::to_string(::getpid()) + ")");
+    const auto base = RelayBase::choose(values);
+    if (!base) {
+        log.write(EventLines::kNotPaired);
+        return 1;
+    }
+
+    QCoreApplication application(argc, argv);
+    QtMainQueue mainQueue;
+    auto client =
+        RelayClient::make(base->url, *values.deviceToken,
+                          RelayClient::Services{.mainQueue = mainQueue,
+                                                .log = log,
+                                                .makeSession = QtWebSocketSession::factory(),
+                                                .random = {}});
+    client->setReconnectPolicy(options.reconnect);
+    Broadcast broadcast(*client, log, mainQueue,
+                        [](int status) { QCoreApplication::exit(status); });
+    bool stopped = false;
+    StopSignals stopSignals([&log, &stopped](int signal) {
+        if (!std::exchange(stopped, true)) {
+            log.write(signal == SIGTERM ? "stopped (SIGTERM)" : "stopped (SIGINT)");
+            QCoreApplication::exit(0);
+        }
+    });
+    broadcast.begin(*base, SharedConfig::resolvedEncode(values));
+    return QCoreApplication::exec();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Before any thread exists, so that none of them takes the stop signals.
+    StopSignals::block();
+
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    auto parsed = ExtensionOptions::parse(arguments, VELMORAND_VERSION);
+    if (const auto* exit = std::get_if<ExtensionOptions::Exit>(&parsed)) {
+        (exit->status == 0 ? std::cout : std::cerr) << exit->text << std::flush;
+        return exit->status;
+    }
+    return runBroadcast(argc, argv, std::get<ExtensionOptions>(parsed));
+}

@@ -1,0 +1,185 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "../relay/FakeWebSocket.h"
+#include "ManualMainQueue.h"
+#include "RecordingLog.h"
+#include "velmorand/extension/Broadcast.h"
+#include "velmorand/extension/EventLines.h"
+#include "velmorand/relay/RelayClient.h"
+
+namespace velmorand::extension {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kToken = "device-token-7f3a";
+
+class BroadcastTest : public ::testing::Test {
+  protected:
+    BroadcastTest()
+        : client_(RelayClient::make("ws://relay.test/r", kToken,
+                                    RelayClient::Services{.mainQueue = queue_,
+                                                          .log = log_,
+                                                          .makeSession = sockets_.factory(),
+                                                          .random = [] { return 0.5; }})),
+          broadcast_(*client_, log_, queue_, [this](int status) { stops_.push_back(status); }) {}
+
+    // Connects and proves the link, so that replies go out.
+    std::shared_ptr<testing::FakeWebSocketTask> begin() {
+        SharedConfig::EncodeValues encode;
+        encode.codec = "h264";
+        encode.fps = 30;
+        encode.quality = 0.25;
+        broadcast_.begin(RelayBase{"ws://relay.test/r", RelayBase::Source::customUrl}, encode);
+        EXPECT_EQ(sockets_.tasks.size(), 1u);
+        auto task = sockets_.tasks.back();
+        sockets_.open(task);
+        queue_.runReady();
+        return task;
+    }
+
+    void deliver(testing::FakeWebSocketTask& task, const std::string& frame) {
+        ASSERT_TRUE(task.deliverText(frame)) << frame;
+        queue_.runReady();
+    }
+
+    // The lines logged since the last call.
+    std::vector<std::string> newLines() {
+        const auto all = log_.lines();
+        std::vector<std::string> fresh(all.begin() + static_cast<std::ptrdiff_t>(seen_), all.end());
+        seen_ = all.size();
+        return fresh;
+    }
+
+    testing::ManualMainQueue queue_;
+    testing::RecordingLog log_;
+    testing::FakeWebSockets sockets_;
+    std::shared_ptr<RelayClient> client_;
+    std::vector<int> stops_;
+    Broadcast broadcast_;
+    std::size_t seen_ = 0;
+};
+
+TEST_F(BroadcastTest, BeginLogsTheRelayAndEncodeThenConnectsWithTheToken) {
+    const auto task = begin();
+    EXPECT_EQ(newLines(), (std::vector<std::string>{
+                              "relay: ws://relay.test/r/device (custom URL)",
+                              "encode: h264, 30 fps, quality 25%, scale 50%",
+                              "relay: link open",
+                          }));
+    EXPECT_EQ(task->request.url, "ws://relay.test/r/device");
+    EXPECT_EQ(task->request.headers,
+              (std::vector<std::pair<std::string, std::string>>{{"x-device-token", kToken}}));
+}
+
+TEST_F(BroadcastTest, EachViewerEventIsOneLine) {
+    const auto task = begin();
+    newLines();
+    struct Case {
+        std::string frame;
+        std::string line;
+    };
+    const std::vector<Case> cases = {
+        {R"({"type":"tap","x":10,"y":20.5})", "control: tap x=10 y=20.5"},
+        {R"({"type":"swipe","from":{"x":1,"y":2},"to":{"x":3,"y":4},"ms":300})",
+         "control: swipe from x=1 y=2 to x=3 y=4 ms=300"},
+        {R"({"type":"text","value":"hi \"there\"\n"})", R"(control: text "hi \"there\"\n")"},
+        {R"({"type":"open_url","url":"https://example.org"})",
+         R"(control: openURL "https://example.org")"},
+        {R"({"type":"push_media","fileName":"a.png","mime":"image/png","dataB64":"QUJD"})",
+         R"(control: pushMedia fileName="a.png" mime="image/png" base64 4 bytes)"},
+        {R"({"type":"need_stream","prefer":"h264"})",
+         R"(need_stream (prefer "h264"): capturing and encoding the screen is not part of this )"
+         "desktop build"},
+        {R"({"type":"need_stream"})",
+         "need_stream: capturing and encoding the screen is not part of this desktop build"},
+        {R"({"type":"encode_settings","fps":29.5,"quality":0.4})",
+         "encode_settings: fps=30 quality=0.4 scale=(none) codec=(none) (no encoder in this "
+         "desktop build)"},
+        {R"({"type":"stream_control","streaming":false})", "stream_control: off"},
+        {R"({"type":"stream_control"})", "stream_control: on"},
+        {R"({"type":"request_idr"})", "request_idr: key frame requested"},
+        {R"({"type":"stream_quality","tier":""})", R"(stream_quality: tier "")"},
+        {R"({"type":"relay_qos","congestion":0.75})", "relay_qos: congestion=0.75"},
+        {R"({"type":"webrtc_offer","sdp":"v=0 secret-ish body"})",
+         R"(webrtc: "webrtc_offer" (no WebRTC in this desktop build))"},
+    };
+    for (const auto& c : cases) {
+        deliver(*task, c.frame);
+        EXPECT_EQ(newLines(), std::vector<std::string>{c.line}) << c.frame;
+    }
+}
+
+TEST_F(BroadcastTest, ProbesAreAnsweredWithoutLogging) {
+    const auto task = begin();
+    newLines();
+    deliver(*task, R"({"type":"ping"})");
+    deliver(*task, R"({"type":"latency_ping","t":12,"viewerId":"v1"})");
+    deliver(*task, R"({"type":"device_online"})");
+    EXPECT_TRUE(newLines().empty());
+    ASSERT_EQ(task->sent.size(), 2u);
+    EXPECT_EQ(task->sent[0], R"({"type":"pong"})");
+    EXPECT_NE(task->sent[1].find("latency_pong"), std::string::npos);
+}
+
+TEST_F(BroadcastTest, QualityReportsAreSampled) {
+    const auto task = begin();
+    newLines();
+    const std::uint64_t reports = 2 * Broadcast::kQosEvery + 1;
+    for (std::uint64_t i = 0; i < reports; ++i) {
+        deliver(*task, R"({"type":"qos","rttMs":80,"lossPct":1.5,"tier":"high"})");
+    }
+    const auto lines = newLines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], R"(qos #1: rtt=80ms loss=1.5% tier="high" decodeQueue=0 jitter=0ms)");
+    EXPECT_EQ(lines[1].rfind("qos #" + std::to_string(Broadcast::kQosEvery + 1) + ":", 0), 0u);
+    EXPECT_EQ(lines[2].rfind("qos #" + std::to_string(reports) + ":", 0), 0u);
+}
+
+TEST_F(BroadcastTest, RejectedTokenStopsOnceWithStatusOneAfterTheClose) {
+    const auto task = begin();
+    newLines();
+    sockets_.close(task, 4401, "unauthorized");
+    // Nothing happens until the main queue runs.
+    EXPECT_TRUE(stops_.empty());
+    queue_.runReady();
+    EXPECT_EQ(stops_, std::vector<int>{1});
+    const auto lines = newLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.front(), "[relay-client] closed code=4401 unauthorized");
+    EXPECT_EQ(lines.back(), EventLines::kAuthRejected);
+
+    // A second rejection before the program ends changes nothing.
+    client_->connect();
+    sockets_.close(sockets_.tasks.back(), 4401, "unauthorized");
+    queue_.runReady();
+    EXPECT_EQ(stops_, std::vector<int>{1});
+}
+
+TEST_F(BroadcastTest, OtherClosesKeepReconnecting) {
+    const auto task = begin();
+    sockets_.close(task, 1011, "going away");
+    queue_.advance(5s);
+    EXPECT_TRUE(stops_.empty());
+    EXPECT_EQ(sockets_.tasks.size(), 2u);
+}
+
+TEST_F(BroadcastTest, NoLineCarriesTheToken) {
+    const auto task = begin();
+    for (const char* frame : {R"({"type":"key","key":"Enter"})", R"({"type":"need_stream"})",
+                              R"({"type":"launch_app","bundleId":"com.x"})"}) {
+        deliver(*task, frame);
+    }
+    sockets_.close(task, 4401, "bad token");
+    queue_.runReady();
+    const auto lines = log_.lines();
+    EXPECT_GE(lines.size(), 8u);
+    for (const auto& line : lines) {
+        EXPECT_EQ(line.find(kToken), std::string::npos) << line;
+    }
+}
+
+}  // namespace
+}  // namespace velmorand::extension
