@@ -5,6 +5,7 @@
 
 #include "CliContext.h"
 #include "ConfigCommands.h"
+#include "EncodeCommands.h"
 #include "PairingCommands.h"
 #include "RelayClientCommand.h"
 
@@ -37,6 +38,7 @@ int run(int argc, char** argv) {
     addConfigCommands(app, context, action);
     addRelayClientCommand(app, context, action);
     addPairingCommands(app, context, action);
+    addEncodeCommands(app, context, options, action);
 
     try {
         app.parse(argc, argv);

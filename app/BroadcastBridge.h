@@ -1,0 +1,60 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "velmorand/ui/MainScreen.h"
+
+namespace velmorand {
+class Bundle;
+class PairingModel;
+}  // namespace velmorand
+
+namespace velmorand::app {
+
+// The broadcast section: the start button's identifier, title and state, its notes, and the
+// start itself, which runs the upload extension's program as a detached process — the desktop's
+// system broadcast with that extension preselected.
+class BroadcastBridge : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(bool enabled READ enabled NOTIFY changed)
+    Q_PROPERTY(QString title READ title NOTIFY changed)
+    Q_PROPERTY(QString extensionID READ extensionID NOTIFY changed)
+    Q_PROPERTY(bool showsPairFirst READ showsPairFirst NOTIFY changed)
+    Q_PROPERTY(bool showsStartHelp READ showsStartHelp NOTIFY changed)
+    Q_PROPERTY(bool showsMissingExtension READ showsMissingExtension NOTIFY changed)
+
+  public:
+    // `extensionArguments` are handed to the extension's program: the locations this program
+    // was given, so that both use the same stores and bundle.
+    BroadcastBridge(std::shared_ptr<PairingModel> model, const Bundle& bundle,
+                    QStringList extensionArguments, QObject* parent = nullptr);
+
+    bool enabled() const { return extensionID_.has_value(); }
+    QString title() const;
+    QString extensionID() const;
+    bool showsPairFirst() const { return notes_.pairFirst; }
+    bool showsStartHelp() const { return notes_.startHelp; }
+    bool showsMissingExtension() const { return notes_.missingExtension; }
+
+    // Looks the extension up again; the model's changes do this on their own.
+    Q_INVOKABLE void update();
+    // Does nothing without an identifier, or when there is no program to run.
+    Q_INVOKABLE bool start();
+
+  signals:
+    void changed();
+
+  private:
+    std::shared_ptr<PairingModel> model_;
+    const Bundle& bundle_;
+    QStringList extensionArguments_;
+    std::optional<std::string> extensionID_;
+    MainScreen::BroadcastNotes notes_;
+};
+
+}  // namespace velmorand::app

@@ -1,0 +1,93 @@
+#include "EncodeCommands.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "Cli.h"
+#include "CliContext.h"
+#include "velmorand/config/AppGroup.h"
+#include "velmorand/config/SharedConfig.h"
+#include "velmorand/desktop/DesktopBundle.h"
+#include "velmorand/ui/EncodeSection.h"
+#include "velmorand/ui/ExtensionLog.h"
+#include "velmorand/ui/MainScreen.h"
+
+namespace velmorand::cli {
+namespace {
+
+struct EncodeEdits {
+    std::optional<std::string> codec;
+    std::optional<std::int64_t> fps;
+    std::optional<double> quality;
+    std::optional<double> scale;
+};
+
+int saveEncode(SharedConfig& config, const EncodeEdits& edits) {
+    EncodeSection section(config);
+    section.loadEncode();
+    if (edits.codec) {
+        section.setCodec(*edits.codec);
+    }
+    if (edits.fps) {
+        section.setFps(*edits.fps);
+    }
+    if (edits.quality) {
+        section.setQuality(*edits.quality);
+    }
+    if (edits.scale) {
+        section.setScale(*edits.scale);
+    }
+    section.persistEncode();
+
+    const auto stored = config.load();
+    std::cout << section.status() << '\n'
+              << "codec: " << stored.codec.value_or("") << '\n'
+              << "fps: " << stored.fps.value_or(0) << '\n'
+              << "quality: " << nlohmann::json(stored.quality.value_or(0)).dump() << '\n'
+              << "scale: " << nlohmann::json(stored.scale.value_or(0)).dump() << '\n';
+    return kExitSuccess;
+}
+
+int printLog(CliContext& context, const GlobalOptions& options) {
+    const AppGroup appGroup(context.bundle());
+    const DesktopGroupContainers containers(DataRoot::resolve(options.locations.dataDir));
+    const auto log = ExtensionLog::readExtLog(appGroup, containers);
+    std::cout << MainScreen::logText(log);
+    if (log.empty() || log.back() != '\n') {
+        std::cout << '\n';
+    }
+    return kExitSuccess;
+}
+
+}  // namespace
+
+void addEncodeCommands(CLI::App& app, CliContext& context, const GlobalOptions& options,
+                       Action& action) {
+    auto* encode = app.add_subcommand(
+        "encode",
+        "Save the encode preferences the upload extension applies at its next start; values "
+        "not given keep their stored (else default) setting");
+    auto edits = std::make_shared<EncodeEdits>();
+    encode->add_option("--codec", edits->codec, "jpeg or h264")->type_name("C");
+    encode->add_option("--fps", edits->fps, "Frames per second, stored within 1..60")
+        ->type_name("N");
+    encode->add_option("--quality", edits->quality, "JPEG quality, stored within 0.1..1.0")
+        ->type_name("Q");
+    encode->add_option("--scale", edits->scale, "Output scale, stored within 0.1..1.0")
+        ->type_name("S");
+    encode->callback([&context, &action, edits] {
+        action = [&context, edits] { return saveEncode(context.config(), *edits); };
+    });
+
+    auto* log = app.add_subcommand("log", "Print the last 4000 characters of extension.log");
+    log->callback([&context, &options, &action] {
+        action = [&context, &options] { return printLog(context, options); };
+    });
+}
+
+}  // namespace velmorand::cli

@@ -1,0 +1,301 @@
+import QtQuick
+import QtTest
+
+TestCase {
+    id: test
+
+    property var window: null
+
+    name: "MainScreen"
+    when: windowShown
+
+    SignalSpy {
+        id: codeSpy
+        target: scanner
+        signalName: "codeFound"
+    }
+
+    function initTestCase() {
+        const component = Qt.createComponent(support.mainUrl)
+        compare(component.status, Component.Ready, component.errorString())
+        window = component.createObject(null, { width: 640, height: 1500 })
+        verify(window)
+        tryCompare(window, "visible", true)
+        waitForRendering(window.contentItem)
+    }
+
+    function cleanupTestCase() {
+        // A handshake still running would outlive the services it uses.
+        support.holdService(false)
+        tryCompare(pairing, "busy", false, 20000)
+        window.close()
+        window.destroy()
+        wait(50)
+    }
+
+    // Every test starts unpaired, with nothing stored, no extension and an empty key field.
+    function init() {
+        support.holdService(false)
+        tryCompare(pairing, "busy", false, 20000)
+        support.clearStore()
+        support.removeExtension()
+        pairing.key = ""
+        pairing.refresh()
+        broadcast.update()
+        tryCompare(pairing, "paired", false)
+        if (window.scannerSheet.opened)
+            window.scannerSheet.close()
+        tryCompare(window.scannerSheet, "visible", false)
+    }
+
+    function item(name) {
+        const found = findChild(window.contentItem, name) || findChild(window.scannerSheet, name)
+        verify(found, "no item named " + name)
+        return found
+    }
+
+    // Brings an item into the form's view, then clicks it as a user would.
+    function click(name) {
+        const target = item(name)
+        const flickable = window.form.contentItem
+        const top = target.mapToItem(flickable, 0, 0).y
+        if (top < 0 || top + target.height > flickable.height)
+            flickable.contentY = Math.max(0, flickable.contentY + top - 40)
+        verify(target.visible && target.enabled, name + " cannot be clicked")
+        mouseClick(target)
+    }
+
+    function typeInto(name, text) {
+        const field = item(name)
+        field.forceActiveFocus()
+        field.selectAll()
+        keyClick(Qt.Key_Delete)
+        for (const c of text)
+            keyClick(c === " " ? Qt.Key_Space : c)
+        compare(field.text, text)
+    }
+
+    function pairWithDemoKey() {
+        typeInto("keyField", support.demoKey)
+        click("pairButton")
+        tryCompare(pairing, "paired", true, 10000)
+    }
+
+    function test_pairButtonNeedsAKeyAndNoPairingInFlight() {
+        const button = item("pairButton")
+        compare(button.enabled, false)
+        typeInto("keyField", "   ")
+        compare(button.enabled, false)
+        pairing.key = " \t "
+        compare(button.enabled, false)
+        typeInto("keyField", "  " + support.demoKey + "  ")
+        compare(button.enabled, true)
+
+        support.holdService(true)
+        click("pairButton")
+        tryCompare(button, "enabled", false)
+        compare(pairing.busy, true)
+        compare(item("pairSpinner").visible, true)
+        compare(item("statusText").text, "Pairing…")
+
+        support.holdService(false)
+        tryCompare(pairing, "busy", false, 10000)
+        compare(pairing.paired, true)
+        // The key went out untrimmed and the model trimmed it.
+        compare(support.stored("accessKey"), support.demoKey)
+    }
+
+    function test_pairThenUnpair() {
+        pairWithDemoKey()
+        tryCompare(item("statusText"), "text", "Paired as " + pairing.deviceName)
+        compare(item("keyField").visible, false)
+        compare(item("pairedLabel").visible, true)
+        compare(item("deviceNameText").text, pairing.deviceName || "Paired")
+        compare(item("deviceNameText").text.length > 0, true)
+
+        click("unpairButton")
+        tryCompare(item("keyField"), "visible", true)
+        tryCompare(item("statusText"), "text", "Unpaired")
+        compare(item("pairedLabel").visible, false)
+        compare(support.stored("deviceToken"), "")
+    }
+
+    function test_failedPairingSaysWhy() {
+        typeInto("keyField", "not-a-key")
+        click("pairButton")
+        tryVerify(() => item("statusText").text.startsWith("Pairing failed: "), 10000)
+        compare(pairing.paired, false)
+        compare(pairing.busy, false)
+    }
+
+    function test_saveRelayPreference() {
+        const picker = item("regionPicker")
+        compare(picker.currentText, "Auto")
+        picker.forceActiveFocus()
+        keyClick(Qt.Key_Down)
+        compare(picker.currentText, "EU")
+        typeInto("relayOverrideField", "  wss://relay.example/x  ")
+
+        click("saveRelayButton")
+        tryCompare(item("statusText"), "text",
+                   "Relay preference saved — applies on next broadcast start.")
+        compare(support.stored("relayRegion"), "eu")
+        compare(support.stored("relayOverride"), "wss://relay.example/x")
+
+        pairing.refresh()
+        tryCompare(item("relayOverrideField"), "text", "wss://relay.example/x")
+        compare(picker.currentText, "EU")
+    }
+
+    function test_saveEncodePreference() {
+        encode.loadEncode()
+        compare(item("fpsText").text, "FPS 20")
+        compare(item("qualityText").text, "Quality 40%")
+        compare(item("scaleText").text, "Scale 50%")
+
+        click("codec-h264")
+        click("fpsUp")
+        click("fpsUp")
+        compare(item("fpsText").text, "FPS 22")
+        const quality = item("qualitySlider")
+        quality.forceActiveFocus()
+        keyClick(Qt.Key_Right)
+        compare(item("qualityText").text, "Quality 45%")
+        const scale = item("scaleSlider")
+        scale.forceActiveFocus()
+        for (let i = 0; i < 20; ++i)
+            keyClick(Qt.Key_Left)
+        compare(item("scaleText").text, "Scale 25%")
+
+        click("saveEncodeButton")
+        compare(item("encodeStatusText").visible, true)
+        compare(item("encodeStatusText").text, "Saved — applies on next Start Broadcast.")
+        compare(support.stored("codec"), "h264")
+        compare(support.stored("fps"), "22")
+        compare(Number(support.stored("quality")), 0.45)
+        compare(Number(support.stored("scale")), 0.25)
+
+        // Unsaved edits go when the section loads again.
+        click("codec-jpeg")
+        encode.loadEncode()
+        compare(item("codec-h264").checked, true)
+        compare(item("codec-jpeg").checked, false)
+    }
+
+    function test_frameRateStepperStopsAtItsBounds() {
+        encode.fps = 59
+        click("fpsUp")
+        compare(item("fpsText").text, "FPS 60")
+        compare(item("fpsUp").enabled, false)
+        encode.fps = 6
+        click("fpsDown")
+        compare(item("fpsText").text, "FPS 5")
+        compare(item("fpsDown").enabled, false)
+        encode.loadEncode()
+    }
+
+    function test_broadcastButtonFollowsPairingAndExtension() {
+        const button = item("broadcastButton")
+        // Unpaired, extension or not: no identifier.
+        support.installExtension()
+        broadcast.update()
+        compare(button.text, "Broadcast extension missing")
+        compare(button.enabled, false)
+        compare(item("pairFirstText").visible, true)
+        compare(item("startHelpText").visible, false)
+        compare(item("missingExtensionText").visible, false)
+        support.removeExtension()
+
+        pairWithDemoKey()
+        tryCompare(item("missingExtensionText"), "visible", true)
+        compare(button.text, "Broadcast extension missing")
+        compare(button.enabled, false)
+        compare(item("pairFirstText").visible, false)
+        compare(item("startHelpText").visible, false)
+
+        support.installExtension()
+        pairing.refresh()
+        tryCompare(button, "enabled", true)
+        compare(button.text, "Start Broadcast")
+        compare(broadcast.extensionID, "co.velmorand.connect.test-upload")
+        compare(item("startHelpText").visible, true)
+        compare(item("missingExtensionText").visible, false)
+
+        click("broadcastButton")
+        tryVerify(() => support.launchRecord() !== "", 5000)
+        compare(support.launchRecord(), "--data-dir\n" + support.dataDir + "\n--bundle-dir\n"
+                + support.bundleDir + "\n")
+    }
+
+    function test_scannerDeliversTheFirstUsableCodeOnce() {
+        codeSpy.clear()
+        click("scanButton")
+        tryCompare(window.scannerSheet, "opened", true)
+        compare(window.scannerSheet.title, "Scan QR")
+        if (scanner.denied)
+            compare(item("deniedText").text,
+                    "Camera access is off. Paste a pairing URL or access key in Pairing instead.")
+        support.attachCamera()
+
+        support.showNothing()
+        support.showQrCode(" \n  \n ")
+        wait(50)
+        compare(codeSpy.count, 0)
+        compare(window.scannerSheet.opened, true)
+
+        support.showQrCode("  velmorand://pair?key=" + support.demoKey + "\n")
+        tryCompare(codeSpy, "count", 1)
+        compare(codeSpy.signalArguments[0][0], "velmorand://pair?key=" + support.demoKey)
+        tryCompare(window.scannerSheet, "visible", false)
+        compare(pairing.key, support.demoKey)
+        tryCompare(pairing, "paired", true, 10000)
+
+        support.showQrCode("velmorand://pair?key=second")
+        wait(50)
+        compare(codeSpy.count, 1)
+        compare(pairing.key, support.demoKey)
+    }
+
+    function test_scannerSecondCodeInTheSameSessionIsIgnored() {
+        codeSpy.clear()
+        click("scanButton")
+        tryCompare(window.scannerSheet, "opened", true)
+        support.attachCamera()
+        support.showQrCode("first-key")
+        support.showQrCode("second-key")
+        tryCompare(codeSpy, "count", 1)
+        wait(50)
+        compare(codeSpy.count, 1)
+        compare(codeSpy.signalArguments[0][0], "first-key")
+        compare(pairing.key, "first-key")
+    }
+
+    function test_scannerReadsAnImageFile() {
+        codeSpy.clear()
+        click("scanButton")
+        tryCompare(window.scannerSheet, "opened", true)
+        compare(item("openImageButton").text, "Open image…")
+        compare(scanner.decodeImageFile(support.writeQrImage("   ")), false)
+        compare(scanner.decodeImageFile(support.writeQrImage("pair?key=from-image")), true)
+        tryCompare(codeSpy, "count", 1)
+        tryCompare(window.scannerSheet, "visible", false)
+        compare(pairing.key, "from-image")
+    }
+
+    function test_scannerClosesWithoutACode() {
+        click("scanButton")
+        tryCompare(window.scannerSheet, "opened", true)
+        mouseClick(item("closeButton"))
+        tryCompare(window.scannerSheet, "visible", false)
+        compare(scanner.active, false)
+    }
+
+    function test_diagnosticsShowTheLogOrTheEmptyText() {
+        support.writeExtensionLog("")
+        click("refreshLogButton")
+        compare(item("logText").text, "(empty — start a broadcast first)")
+        support.writeExtensionLog("started\nframe 1\n")
+        click("refreshLogButton")
+        compare(item("logText").text, "started\nframe 1\n")
+    }
+}
