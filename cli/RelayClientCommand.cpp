@@ -13,10 +13,10 @@
 #include "Cli.h"
 #include "CliContext.h"
 #include "RelayEventPrinter.h"
-#include "SignalQuit.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/platform/Text.h"
 #include "velmorand/qt/QtWebSocketSession.h"
+#include "velmorand/qt/StopSignals.h"
 #include "velmorand/relay/RelayClient.h"
 
 namespace velmorand::cli {
@@ -122,6 +122,10 @@ void printLine(const std::string& line) {
 }
 
 int runRelayClient(const Options& options, CliContext& context) {
+    // First, before the stores or the event loop start a thread. Only this command blocks the
+    // signals: the others keep their default action, so Ctrl-C ends them at once (status 130 in
+    // the shell) wherever they are, with nothing to watch for it.
+    StopSignals::block();
     if (const auto usage = checkPolicy(options.policy)) {
         std::cerr << kPrefix << *usage << '\n';
         return kExitUsage;
@@ -134,14 +138,15 @@ int runRelayClient(const Options& options, CliContext& context) {
     const auto& link = std::get<Link>(resolved);
 
     MainQueue& mainQueue = context.mainQueue();
-    SignalQuit signals([&context](int) { context.quit(kExitSuccess); });
+    // Running until stopped is this command's purpose: stopping is a success.
+    StopSignals stopSignals([&context](int) { context.quit(kExitSuccess); });
     auto client = RelayClient::make(link.base, link.token,
                                     {mainQueue, context.log(), QtWebSocketSession::factory(), {}});
     client->setReconnectPolicy(options.policy);
     RelayEventPrinter::attach(*client, printLine);
     client->connect();
     const int status = context.runEventLoop();
-    // The client's session thread ends before the event loop's objects go.
+    // The client and its session go before the event loop's objects.
     client.reset();
     return status;
 }

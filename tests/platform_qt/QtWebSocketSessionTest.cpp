@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QSslConfiguration>
 #include <QSslKey>
+#include <QThread>
 #include <QWebSocket>
 #include <QWebSocketServer>
 #include <mutex>
@@ -118,7 +119,8 @@ QSslConfiguration serverTls(const std::filesystem::path& certificate,
     return tls;
 }
 
-class QtWebSocketSessionTest : public ::testing::Test {
+// Every case runs with the sockets on the session's own thread and on the test's (main) thread.
+class QtWebSocketSessionTest : public ::testing::TestWithParam<QtWebSocketSession::SocketThread> {
   protected:
     std::shared_ptr<WebSocketTask> start(const std::string& url,
                                          std::chrono::milliseconds timeout = 10s) {
@@ -160,10 +162,10 @@ class QtWebSocketSessionTest : public ::testing::Test {
     }
 
     std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
-    std::unique_ptr<WebSocketSession> session_ = QtWebSocketSession::factory()(delegate_);
+    std::unique_ptr<WebSocketSession> session_ = QtWebSocketSession::factory(GetParam())(delegate_);
 };
 
-TEST_F(QtWebSocketSessionTest, CarriesTheTokenHeaderAndTextAndBinaryFramesBothWays) {
+TEST_P(QtWebSocketSessionTest, CarriesTheTokenHeaderAndTextAndBinaryFramesBothWays) {
     Peer peer;
     auto task = start(peer.url());
     // Sent before the link is up: held until it is.
@@ -205,7 +207,32 @@ TEST_F(QtWebSocketSessionTest, CarriesTheTokenHeaderAndTextAndBinaryFramesBothWa
     }
 }
 
-TEST_F(QtWebSocketSessionTest, ReportsThePeersCloseCodeAndReasonAndFailsReceives) {
+TEST_P(QtWebSocketSessionTest, CompletionsComeLaterOnTheSocketsThread) {
+    Peer peer;
+    auto task = start(peer.url());
+    ASSERT_TRUE(openedOnce(*task));
+    ASSERT_TRUE(pumpUntil([&] { return peer.socket() != nullptr; }));
+    peer.socket()->sendTextMessage(QStringLiteral("waiting"));
+    pumpFor(50ms);
+
+    auto received = std::make_shared<Box<QThread*>>();
+    auto sent = std::make_shared<Box<QThread*>>();
+    task->receive(
+        [received](WebSocketTask::ReceiveResult) { received->set(QThread::currentThread()); });
+    task->send({WebSocketMessage::Kind::text, "x"},
+               [sent](std::optional<WebSocketError>) { sent->set(QThread::currentThread()); });
+    const bool onCaller = GetParam() == QtWebSocketSession::SocketThread::caller;
+    if (onCaller) {
+        // A message already waiting and a send on an open link still answer after the call.
+        EXPECT_FALSE(received->has());
+        EXPECT_FALSE(sent->has());
+    }
+    ASSERT_TRUE(pumpUntil([&] { return received->has() && sent->has(); }));
+    EXPECT_EQ(*received->get() == QThread::currentThread(), onCaller);
+    EXPECT_EQ(*sent->get() == QThread::currentThread(), onCaller);
+}
+
+TEST_P(QtWebSocketSessionTest, ReportsThePeersCloseCodeAndReasonAndFailsReceives) {
     Peer peer;
     auto task = start(peer.url());
     ASSERT_TRUE(openedOnce(*task));
@@ -225,7 +252,7 @@ TEST_F(QtWebSocketSessionTest, ReportsThePeersCloseCodeAndReasonAndFailsReceives
     EXPECT_FALSE(receiveError(*task).empty());
 }
 
-TEST_F(QtWebSocketSessionTest, ALinkDroppedWithoutACloseHandshakeIsAnErrorNotAClose) {
+TEST_P(QtWebSocketSessionTest, ALinkDroppedWithoutACloseHandshakeIsAnErrorNotAClose) {
     Peer peer;
     auto task = start(peer.url());
     ASSERT_TRUE(openedOnce(*task));
@@ -237,7 +264,7 @@ TEST_F(QtWebSocketSessionTest, ALinkDroppedWithoutACloseHandshakeIsAnErrorNotACl
     EXPECT_EQ(delegate_->events().size(), 1u);
 }
 
-TEST_F(QtWebSocketSessionTest, AConnectionThatNeverOpensEndsInAReceiveErrorAlone) {
+TEST_P(QtWebSocketSessionTest, AConnectionThatNeverOpensEndsInAReceiveErrorAlone) {
     testing::CannedServer silent(std::nullopt);
     testing::CannedServer refusing("HTTP/1.1 401 Unauthorized\r\nContent-Length: 0\r\n\r\n");
     const auto silentUrl = "ws" + silent.url().substr(4);
@@ -252,7 +279,7 @@ TEST_F(QtWebSocketSessionTest, AConnectionThatNeverOpensEndsInAReceiveErrorAlone
     EXPECT_TRUE(delegate_->events().empty());
 }
 
-TEST_F(QtWebSocketSessionTest, SecureLinksCheckTheCertificateAndTheServerName) {
+TEST_P(QtWebSocketSessionTest, SecureLinksCheckTheCertificateAndTheServerName) {
     const auto& pki = testPki();
     Peer good(serverTls(pki.serverCertificate, pki.serverKey));
     Peer misnamed(serverTls(pki.localhostOnlyCertificate, pki.localhostOnlyKey));
@@ -270,7 +297,7 @@ TEST_F(QtWebSocketSessionTest, SecureLinksCheckTheCertificateAndTheServerName) {
     EXPECT_EQ(delegate_->events().size(), 2u);
 }
 
-TEST_F(QtWebSocketSessionTest, CancellingEndsTheTaskQuietly) {
+TEST_P(QtWebSocketSessionTest, CancellingEndsTheTaskQuietly) {
     Peer peer;
     auto task = start(peer.url());
     ASSERT_TRUE(openedOnce(*task));
@@ -290,7 +317,7 @@ TEST_F(QtWebSocketSessionTest, CancellingEndsTheTaskQuietly) {
     EXPECT_EQ(delegate_->events().size(), 1u);
 }
 
-TEST_F(QtWebSocketSessionTest, TheSessionKeepsARunningTaskAliveForItsEvents) {
+TEST_P(QtWebSocketSessionTest, TheSessionKeepsARunningTaskAliveForItsEvents) {
     Peer peer;
     auto box = std::make_shared<Box<WebSocketTask::ReceiveResult>>();
     {
@@ -303,7 +330,7 @@ TEST_F(QtWebSocketSessionTest, TheSessionKeepsARunningTaskAliveForItsEvents) {
     EXPECT_EQ(std::get<WebSocketMessage>(*box->get()).payload, "still here");
 }
 
-TEST_F(QtWebSocketSessionTest, DestroyingTheSessionClosesItsSocketsWithoutFurtherEvents) {
+TEST_P(QtWebSocketSessionTest, DestroyingTheSessionClosesItsSocketsWithoutFurtherEvents) {
     Peer peer;
     auto task = start(peer.url());
     ASSERT_TRUE(openedOnce(*task));
@@ -318,6 +345,15 @@ TEST_F(QtWebSocketSessionTest, DestroyingTheSessionClosesItsSocketsWithoutFurthe
     task->receive([](WebSocketTask::ReceiveResult) { ADD_FAILURE() << "completion after end"; });
     task->resume();
 }
+
+INSTANTIATE_TEST_SUITE_P(SocketThreads, QtWebSocketSessionTest,
+                         ::testing::Values(QtWebSocketSession::SocketThread::own,
+                                           QtWebSocketSession::SocketThread::caller),
+                         [](const auto& info) {
+                             return info.param == QtWebSocketSession::SocketThread::own
+                                        ? "OwnThread"
+                                        : "CallerThread";
+                         });
 
 }  // namespace
 }  // namespace velmorand

@@ -7,18 +7,21 @@
 #include <QTimer>
 #include <QUrl>
 #include <QWebSocket>
+#include <cassert>
+#include <cstdlib>
 #include <deque>
 #include <limits>
 #include <mutex>
+#include <string_view>
 #include <unordered_set>
 #include <utility>
 
 #include "TlsTrust.h"
 
-// The sockets live on a network thread owned by the session, not on the main thread: the
-// platform contract delivers completions off the main thread (the relay client re-posts them to
-// the main queue itself), and a network thread keeps reading frames and answering the peer's
-// pings while the main thread is busy.
+// Either choice of socket thread keeps the platform contract: every event and completion comes
+// from a queued call, never from inside the caller's own call, so the owner may call back in.
+// The relay client re-posts them to its main queue in any case; on the caller's thread that is a
+// cheap same-thread post instead of a hop across threads.
 
 namespace velmorand {
 
@@ -34,17 +37,18 @@ class QtWebSocketTask;
 
 struct QtWebSocketSession::Shared {
     std::shared_ptr<WebSocketSessionDelegate> delegate;
-    QThread thread;
+    // The session's own network thread; absent when the sockets live on the creating thread.
+    std::unique_ptr<QThread> thread;
 
     // Guards `context` only; null once the session has shut down.
     std::mutex mutex;
     QObject* context = nullptr;
 
-    // Touched on the session thread only.
+    // Touched on the sockets' thread only.
     bool stopped = false;
     std::unordered_set<std::shared_ptr<QtWebSocketTask>> live;
 
-    // Runs `work` on the session thread, unless the session has shut down.
+    // Runs `work` on the sockets' thread, unless the session has shut down.
     template <typename Work>
     void post(Work&& work) {
         std::lock_guard lock(mutex);
@@ -84,7 +88,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         });
     }
 
-    // On the session thread, as it shuts down: no further events or completions.
+    // On the sockets' thread, as the session shuts down: no further events or completions.
     void abandon() {
         receives_.clear();
         sends_.clear();
@@ -291,7 +295,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
     std::shared_ptr<Shared> shared_;
     const WebSocketRequest request_;
 
-    // Everything below is touched on the session thread only.
+    // Everything below is touched on the sockets' thread only.
     QWebSocket* socket_ = nullptr;
     QTimer* handshakeTimer_ = nullptr;
     bool started_ = false;
@@ -307,14 +311,18 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
 
 }  // namespace
 
-QtWebSocketSession::QtWebSocketSession(std::shared_ptr<WebSocketSessionDelegate> delegate)
+QtWebSocketSession::QtWebSocketSession(std::shared_ptr<WebSocketSessionDelegate> delegate,
+                                       SocketThread socketThread)
     : shared_(std::make_shared<Shared>()) {
     shared_->delegate = std::move(delegate);
-    shared_->thread.setObjectName(QStringLiteral("velmorand-websocket"));
     auto* context = new QObject();
-    context->moveToThread(&shared_->thread);
+    if (socketThread == SocketThread::own) {
+        shared_->thread = std::make_unique<QThread>();
+        shared_->thread->setObjectName(QStringLiteral("velmorand-websocket"));
+        context->moveToThread(shared_->thread.get());
+        shared_->thread->start();
+    }
     shared_->context = context;
-    shared_->thread.start();
 }
 
 QtWebSocketSession::~QtWebSocketSession() {
@@ -324,24 +332,34 @@ QtWebSocketSession::~QtWebSocketSession() {
         context = shared_->context;
         shared_->context = nullptr;
     }
-    QThread* owner = QThread::currentThread();
     Shared* shared = shared_.get();
+    const auto abandonAll = [shared] {
+        shared->stopped = true;
+        auto live = std::move(shared->live);
+        shared->live.clear();
+        for (const auto& task : live) {
+            task->abandon();
+        }
+    };
+    if (!shared_->thread) {
+        // Sockets still closing are children of the context and go with it.
+        assert(context->thread() == QThread::currentThread());
+        abandonAll();
+        delete context;
+        return;
+    }
+    QThread* owner = QThread::currentThread();
     QMetaObject::invokeMethod(
         context,
-        [shared, context, owner] {
-            shared->stopped = true;
-            auto live = std::move(shared->live);
-            shared->live.clear();
-            for (const auto& task : live) {
-                task->abandon();
-            }
+        [abandonAll, context, owner] {
+            abandonAll();
             // Sockets of tasks that ended earlier were deleted later; do it before the loop ends.
             QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
             context->moveToThread(owner);
         },
         Qt::BlockingQueuedConnection);
-    shared_->thread.quit();
-    shared_->thread.wait();
+    shared_->thread->quit();
+    shared_->thread->wait();
     delete context;
 }
 
@@ -349,10 +367,30 @@ std::shared_ptr<WebSocketTask> QtWebSocketSession::makeTask(const WebSocketReque
     return std::make_shared<QtWebSocketTask>(shared_, request);
 }
 
-WebSocketSessionFactory QtWebSocketSession::factory() {
-    return [](std::shared_ptr<WebSocketSessionDelegate> delegate) {
-        return std::unique_ptr<WebSocketSession>(new QtWebSocketSession(std::move(delegate)));
+WebSocketSessionFactory QtWebSocketSession::factory(SocketThread socketThread) {
+    return [socketThread](std::shared_ptr<WebSocketSessionDelegate> delegate) {
+        return std::unique_ptr<WebSocketSession>(
+            new QtWebSocketSession(std::move(delegate), socketThread));
     };
+}
+
+// The sockets live on the caller's (main) thread: with no thread hop per probe the relay client's
+// round trip met its targets, where the network thread did not (median 1.2x against 1.4x the
+// floor; see docs/performance.md). What it costs: while the main thread is busy nobody reads the
+// socket, so frames wait in the kernel's buffer (which then pushes back on the relay) and the
+// automatic answer to WebSocket-level pings waits too, and a send made from another thread is
+// written only when the main thread is free. None of that loses anything here: the client
+// handles every frame and answers the relay's "ping" messages on the main thread in either
+// case, so a busy main thread delays its answers just the same, and all its sends are replies
+// made on the main thread. A sender on another thread (a video encoder) would want `own`.
+WebSocketSessionFactory QtWebSocketSession::factory() {
+    static const SocketThread chosen = [] {
+        const char* fromEnvironment = std::getenv("VELMORAND_SOCKET_THREAD");
+        return fromEnvironment != nullptr && std::string_view(fromEnvironment) == "own"
+                   ? SocketThread::own
+                   : SocketThread::caller;
+    }();
+    return factory(chosen);
 }
 
 }  // namespace velmorand

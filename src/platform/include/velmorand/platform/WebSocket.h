@@ -45,14 +45,15 @@ class WebSocketTask {
     virtual void resume() = 0;
     // Closes the connection; pending receives then complete with an error.
     virtual void cancel() = 0;
-    // Completions run on the session's own thread, not the main thread.
+    // Completions run on the session's thread (which may be the main thread), always by a later
+    // queued call, never inside the call that started the work.
     virtual void send(WebSocketMessage message, SendCompletion completion) = 0;
     // Delivers exactly one message (or the error that ended the connection) per call; the caller
     // calls again for the next one.
     virtual void receive(ReceiveCompletion completion) = 0;
 };
 
-// Receives the session's events, on the session's own thread.
+// Receives the session's events, on the session's thread (which may be the main thread).
 class WebSocketSessionDelegate {
   public:
     virtual ~WebSocketSessionDelegate() = default;
