@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <QElapsedTimer>
-#include <memory>
-#include <optional>
-#include <string>
 
 #include "FakeBundle.h"
 #include "FakeClassLookup.h"
@@ -32,10 +29,50 @@ constexpr const char* kAccessKey = "KEY-FAULTS-1";
 constexpr const char* kStopped = "Touch control stopped — tap Start to restart";
 const std::string kHandshakeBody =
     R"({"deviceToken":"t","relayWsUrl":"wss://relay.test","deviceId":"d","deviceName":"Phone"})";
-constexpr const char* kIdleText = "Touch control: idle — tap Start (or use the dashboard)";
 
 class HttpFaults : public ::testing::Test {
   protected:
+    void makeModel(const std::string& appURL,
+                   const std::string& wdaStatusURL = "http://127.0.0.1:9/status") {
+        model = PairingModel::create({.config = config,
+                                      .http = http,
+                                      .mainQueue = queue,
+                                      .webRtc = webRtc,
+                                      .pasteboard = pasteboard,
+                                      .bundle = bundle,
+                                      .broadcastExtensionLookup = [] { return std::nullopt; },
+                                      .appURL = appURL,
+                                      .wdaStatusURL = wdaStatusURL});
+    }
+    // A device paired earlier with the service at `appURL`.
+    void storePairing(const std::string& appURL) {
+        HandshakeResult stored;
+        stored.deviceToken = "stored-token";
+        stored.relayWsUrl = "wss://relay.test";
+        stored.deviceId = "stored-id";
+        config.save(kAccessKey, appURL, stored);
+    }
+    // Runs `operation` and waits until `line()` differs from `from`; the text and the time taken.
+    std::pair<std::string, qint64> waitFor(const std::function<void()>& operation,
+                                           const std::function<std::string()>& line,
+                                           const std::string& from,
+                                           std::chrono::milliseconds limit) {
+        QElapsedTimer clock;
+        clock.start();
+        operation();
+        EXPECT_TRUE(pumpUntil([&] { return line() != from && !model->busy(); }, limit)) << line();
+        return {line(), clock.elapsed()};
+    }
+    std::pair<std::string, qint64> pair(std::chrono::milliseconds limit = 20s) {
+        return waitFor([&] { model->pair(kAccessKey); }, [&] { return model->status(); },
+                       "Pairing…", limit);
+    }
+    std::pair<std::string, qint64> touch(void (PairingModel::*operation)(),
+                                         const std::string& from) {
+        return waitFor([&] { (model.get()->*operation)(); }, [&] { return model->wdaStatus(); },
+                       from, 20s);
+    }
+
     // Read by the client when it is made, hence first.
     ScopedEnv ca{"VELMORAND_CA_FILE", testPki().caCertificate.string()};
     TempDir dir;
@@ -51,246 +88,111 @@ class HttpFaults : public ::testing::Test {
     WebRtcCapability webRtc{classes, config, log};
     RecordingPasteboard pasteboard;
     std::shared_ptr<PairingModel> model;
-
-    void makeModel(const std::string& appURL,
-                   const std::string& wdaStatusURL = "http://127.0.0.1:9/status") {
-        model = PairingModel::create(PairingServices{
-            .config = config,
-            .http = http,
-            .mainQueue = queue,
-            .webRtc = webRtc,
-            .pasteboard = pasteboard,
-            .bundle = bundle,
-            .broadcastExtensionLookup = [] { return std::nullopt; },
-            .appURL = appURL,
-            .wdaStatusURL = wdaStatusURL,
-        });
-    }
-
-    // A device paired earlier with the service at `appURL`.
-    void storePairing(const std::string& appURL) {
-        HandshakeResult result;
-        result.deviceToken = "stored-token";
-        result.relayWsUrl = "wss://relay.test";
-        result.deviceId = "stored-id";
-        config.save(kAccessKey, appURL, result);
-    }
-
-    // Pairs and waits for the outcome; the time it took goes to `elapsed`.
-    std::string pairAndWait(std::chrono::milliseconds limit, qint64* elapsed = nullptr) {
-        QElapsedTimer clock;
-        clock.start();
-        model->pair(kAccessKey);
-        EXPECT_TRUE(pumpUntil([&] { return !model->busy(); }, limit)) << model->status();
-        if (elapsed) {
-            *elapsed = clock.elapsed();
-        }
-        return model->status();
-    }
-
-    // Runs `operation` and waits until the touch-control line leaves `from`.
-    std::string touchAndWait(void (PairingModel::*operation)(), const std::string& from,
-                             std::chrono::milliseconds limit, qint64* elapsed = nullptr) {
-        QElapsedTimer clock;
-        clock.start();
-        (model.get()->*operation)();
-        EXPECT_TRUE(pumpUntil([&] { return model->wdaStatus() != from; }, limit));
-        if (elapsed) {
-            *elapsed = clock.elapsed();
-        }
-        return model->wdaStatus();
-    }
 };
 
-enum class Operation { pair, start, status };
-enum class Fault { truncated, redirect, wrongName, expired };
-
-struct FaultCase {
-    const char* name;
-    Operation operation;
-    Fault fault;
-    // The status line: exactly `exact` when set, else `prefix` followed by a transport error
-    // holding `mentions`.
-    std::string prefix;
-    std::optional<std::string> exact = std::nullopt;
-    const char* mentions = "";
-};
-
-std::ostream& operator<<(std::ostream& out, const FaultCase& c) {
-    return out << c.name;
-}
-
-// What a healthy service would say to each operation.
-std::string healthyBody(Operation operation) {
-    switch (operation) {
-        case Operation::pair:
-            return kHandshakeBody;
-        case Operation::start:
-            return R"({"message":"Queued"})";
-        case Operation::status:
-            return R"({"wdaStatus":"idle"})";
-    }
-    return {};
-}
-
-class HttpFault : public HttpFaults, public ::testing::WithParamInterface<FaultCase> {};
-
-TEST_P(HttpFault, EndsInItsStatusLine) {
-    const auto& c = GetParam();
-    ScriptedServer elsewhere(Answer::http(200, healthyBody(c.operation)));
-    std::unique_ptr<ScriptedServer> server;
-    switch (c.fault) {
-        case Fault::truncated: {
-            // Promises more than it sends, then hangs up.
-            const auto body = healthyBody(c.operation);
-            server = std::make_unique<ScriptedServer>(Answer::bytes(QByteArray::fromStdString(
-                "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
-                std::to_string(body.size() + 100) + "\r\n\r\n" + body)));
-            break;
+// Each fault once, on the blocking handshake or on a touch-control request; the texts are
+// exact, or a prefix and a transport error that names the fault.
+TEST_F(HttpFaults, EachFaultEndsInItsStatusLineWithoutFollowingOrTrustingIt) {
+    ScriptedServer elsewhere(httpAnswer(200, kHandshakeBody));
+    const auto truncated = [](const std::string& body) {
+        return QByteArray::fromStdString("HTTP/1.1 200 OK\r\nContent-Length: " +
+                                         std::to_string(body.size() + 100) + "\r\n\r\n" + body);
+    };
+    const auto redirect = httpAnswer(302, "moved", "Location: " + elsewhere.baseUrl() + "/x\r\n");
+    const ScriptedServer::Tls misnamed{testPki().localhostOnlyCertificate,
+                                       testPki().localhostOnlyKey};
+    const struct {
+        const char* name;
+        QByteArray answer;
+        std::optional<ScriptedServer::Tls> tls;
+        void (PairingModel::*touch)();
+        std::string prefix;
+        const char* mentions;
+    } cases[] = {
+        {"pair truncated", truncated(kHandshakeBody), {}, nullptr, "Pairing failed: ", ""},
+        {"pair redirect", redirect, {}, nullptr, "Pairing failed: Handshake 302: moved", nullptr},
+        {"pair misnamed", httpAnswer(200, kHandshakeBody), misnamed, nullptr,
+         "Pairing failed: ", "host name"},
+        {"start truncated",
+         truncated(R"({"message":"Queued"})"),
+         {},
+         &PairingModel::startWda,
+         "Start failed: ",
+         ""},
+        {"status expired", httpAnswer(200, R"({"wdaStatus":"idle"})"), expiredCertificate(),
+         &PairingModel::refreshWdaStatus, "Can't reach Velmorand: ", "expired"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScriptedServer server(c.answer, c.tls);
+        makeModel(server.baseUrl());
+        storePairing(server.baseUrl());
+        const auto status = c.touch == nullptr
+                                ? pair().first
+                                : touch(c.touch, c.touch == &PairingModel::startWda
+                                                     ? "Queuing touch control on Velmorand Mac…"
+                                                     : "")
+                                      .first;
+        if (c.mentions == nullptr) {
+            EXPECT_EQ(status, c.prefix);
+        } else {
+            ASSERT_TRUE(status.starts_with(c.prefix)) << status;
+            EXPECT_GT(status.size(), c.prefix.size()) << status;
+            EXPECT_NE(status.find(c.mentions, c.prefix.size()), std::string::npos) << status;
         }
-        case Fault::redirect:
-            server = std::make_unique<ScriptedServer>(Answer::http(
-                302, "moved", {"Location: " + elsewhere.baseUrl() + "/api/agent-handshake"}));
-            break;
-        case Fault::wrongName:
-            server = std::make_unique<ScriptedServer>(
-                Answer::http(200, healthyBody(c.operation)),
-                ScriptedServer::Tls{testPki().localhostOnlyCertificate,
-                                    testPki().localhostOnlyKey});
-            break;
-        case Fault::expired:
-            server = std::make_unique<ScriptedServer>(Answer::http(200, healthyBody(c.operation)),
-                                                      expiredCertificate());
-            break;
+        // A failed pairing leaves the earlier one in place; nothing goes over a rejected link.
+        EXPECT_EQ(config.load().deviceToken, "stored-token");
+        EXPECT_EQ(server.requests().empty(), c.tls.has_value());
     }
-    makeModel(server->baseUrl());
-    storePairing(server->baseUrl());
-
-    std::string status;
-    switch (c.operation) {
-        case Operation::pair:
-            status = pairAndWait(20s);
-            // A failed pairing leaves the earlier one in place.
-            EXPECT_EQ(config.load().deviceToken, "stored-token");
-            break;
-        case Operation::start:
-            status = touchAndWait(&PairingModel::startWda,
-                                  "Queuing touch control on Velmorand Mac…", 20s);
-            break;
-        case Operation::status:
-            status = touchAndWait(&PairingModel::refreshWdaStatus, "", 20s);
-            break;
-    }
-
-    if (c.exact) {
-        EXPECT_EQ(status, *c.exact);
-    } else {
-        ASSERT_TRUE(status.starts_with(c.prefix)) << status;
-        const auto detail = status.substr(c.prefix.size());
-        EXPECT_FALSE(detail.empty());
-        EXPECT_NE(detail.find(c.mentions), std::string::npos) << status;
-    }
-    // Redirects are answers, never followed.
-    EXPECT_TRUE(elsewhere.requests().empty());
-    if (c.fault == Fault::wrongName || c.fault == Fault::expired) {
-        EXPECT_TRUE(server->requests().empty()) << "a request went out over a rejected link";
-    }
+    EXPECT_TRUE(elsewhere.requests().empty()) << "a redirect was followed";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Faults, HttpFault,
-    ::testing::Values(
-        FaultCase{"PairTruncated", Operation::pair, Fault::truncated, "Pairing failed: "},
-        FaultCase{"PairRedirect", Operation::pair, Fault::redirect, "",
-                  "Pairing failed: Handshake 302: moved"},
-        FaultCase{"PairWrongName", Operation::pair, Fault::wrongName,
-                  "Pairing failed: ", std::nullopt, "host name"},
-        FaultCase{"PairExpired", Operation::pair, Fault::expired, "Pairing failed: ", std::nullopt,
-                  "expired"},
-        FaultCase{"StartTruncated", Operation::start, Fault::truncated, "Start failed: "},
-        FaultCase{"StartRedirect", Operation::start, Fault::redirect, "", "Start refused (302)"},
-        FaultCase{"StartWrongName", Operation::start, Fault::wrongName,
-                  "Start failed: ", std::nullopt, "host name"},
-        FaultCase{"StartExpired", Operation::start, Fault::expired, "Start failed: ", std::nullopt,
-                  "expired"},
-        FaultCase{"StatusTruncated", Operation::status, Fault::truncated,
-                  "Can't reach Velmorand: "},
-        FaultCase{"StatusRedirect", Operation::status, Fault::redirect, "",
-                  "Status check failed (302)"},
-        FaultCase{"StatusWrongName", Operation::status, Fault::wrongName,
-                  "Can't reach Velmorand: ", std::nullopt, "host name"},
-        FaultCase{"StatusExpired", Operation::status, Fault::expired,
-                  "Can't reach Velmorand: ", std::nullopt, "expired"}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-struct LocalCase {
-    const char* name;
-    Answer answer;
-    const char* expected;
-    // The answer can only come from the 2-second time-out.
-    bool timesOut = false;
-};
-
-class LocalServerFault : public HttpFaults, public ::testing::WithParamInterface<LocalCase> {};
-
-TEST_P(LocalServerFault, OnlyAReadyServerShowsActiveAndNoneTakesLongerThanTwoSeconds) {
-    const auto& c = GetParam();
-    ScriptedServer service(Answer::http(200, R"({"wdaStatus":"active"})"));
-    ScriptedServer local(c.answer);
-    makeModel(service.baseUrl(), local.baseUrl() + "/status");
-    storePairing(service.baseUrl());
-
-    qint64 elapsed = 0;
-    EXPECT_EQ(touchAndWait(&PairingModel::refreshWdaStatus, "", 10s, &elapsed), c.expected);
-    EXPECT_EQ(local.requests().size(), 1u);
-    EXPECT_LT(elapsed, 4000);
-    if (c.timesOut) {
-        EXPECT_GE(elapsed, 1500);
+// The service says "active"; only a ready local server shows it, and none takes over 2 s.
+TEST_F(HttpFaults, OnlyAReadyLocalServerShowsActiveAndNoneTakesLongerThanTwoSeconds) {
+    ScriptedServer service(httpAnswer(200, R"({"wdaStatus":"active"})"));
+    const std::string ready = R"({"value":{"ready":true}})";
+    ScriptedServer readyServer(httpAnswer(200, ready));
+    ScriptedServer slowServer({}, std::nullopt, httpAnswer(200, ready));
+    CannedServer silentServer(std::nullopt);
+    const std::tuple<const char*, std::string, const char*, bool> cases[] = {
+        {"ready", readyServer.baseUrl() + "/status", "Touch control: active", false},
+        {"slowloris", slowServer.baseUrl() + "/status", kStopped, true},
+        {"silent", silentServer.url("/status"), kStopped, true},
+    };
+    for (const auto& [name, url, expected, timesOut] : cases) {
+        SCOPED_TRACE(name);
+        makeModel(service.baseUrl(), url);
+        storePairing(service.baseUrl());
+        const auto [status, elapsed] = touch(&PairingModel::refreshWdaStatus, "");
+        EXPECT_EQ(status, expected);
+        EXPECT_LT(elapsed, 4000);
+        if (timesOut) {
+            EXPECT_GE(elapsed, 1500);
+        }
     }
+    EXPECT_EQ(readyServer.requests().size(), 1u);
+    EXPECT_EQ(slowServer.requests().size(), 1u);
+    EXPECT_EQ(silentServer.requests().size(), 1u);
 }
-
-Answer slowloris(const std::string& body) {
-    Answer answer;
-    answer.dribble = QByteArray::fromStdString(
-        "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
-    return answer;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, LocalServerFault,
-    ::testing::Values(
-        LocalCase{"Ready", Answer::http(200, R"({"value":{"ready":true}})"),
-                  "Touch control: active"},
-        LocalCase{"Slowloris", slowloris(R"({"value":{"ready":true}})"), kStopped, true},
-        LocalCase{"Silent", Answer::none(), kStopped, true},
-        LocalCase{"Truncated",
-                  Answer::bytes("HTTP/1.1 200 OK\r\nContent-Length: 90\r\n\r\n{\"value\":{\"rea"),
-                  kStopped},
-        LocalCase{"Redirect", Answer::http(302, "", {"Location: http://127.0.0.1:9/status"}),
-                  kStopped}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 // The one test that waits out the full 15 seconds.
 TEST_F(HttpFaults, SlowlorisHandshakeTimesOutAfterFifteenSeconds) {
-    ScriptedServer server(slowloris(kHandshakeBody));
+    ScriptedServer server({}, std::nullopt, httpAnswer(200, kHandshakeBody));
     makeModel(server.baseUrl());
-
-    qint64 elapsed = 0;
-    EXPECT_EQ(pairAndWait(25s, &elapsed), "Pairing failed: The request timed out");
+    const auto [status, elapsed] = pair(25s);
+    EXPECT_EQ(status, "Pairing failed: The request timed out");
     EXPECT_GE(elapsed, 14'500);
     EXPECT_LT(elapsed, 18'000);
     EXPECT_FALSE(config.load().isPaired());
 }
 
 TEST_F(HttpFaults, PairingWhileAStatusCheckRunsFinishesBoth) {
-    ScriptedServer handshake(Answer::http(200, kHandshakeBody));
+    ScriptedServer handshake(httpAnswer(200, kHandshakeBody));
     // The status answer trickles in while the handshake runs on its own thread.
-    Answer trickle = Answer::bytes(
-        "HTTP/1.1 200 OK\r\nContent-Length: 21\r\nContent-Type: application/json\r\n\r\n");
-    trickle.dribble = R"({"wdaStatus":"idle"})"
-                      "\n";
-    trickle.dribbleEvery = 20ms;
-    ScriptedServer service(trickle);
+    ScriptedServer service("HTTP/1.1 200 OK\r\nContent-Length: 21\r\n\r\n", std::nullopt,
+                           R"({"wdaStatus":"idle"})"
+                           "\n",
+                           20ms);
     makeModel(handshake.baseUrl());
     storePairing(service.baseUrl());
 
@@ -298,7 +200,7 @@ TEST_F(HttpFaults, PairingWhileAStatusCheckRunsFinishesBoth) {
     model->pair(kAccessKey);
     ASSERT_TRUE(pumpUntil([&] { return !model->busy() && !model->wdaStatus().empty(); }, 20s));
     EXPECT_EQ(model->status(), "Paired as Phone");
-    EXPECT_EQ(model->wdaStatus(), kIdleText);
+    EXPECT_EQ(model->wdaStatus(), "Touch control: idle — tap Start (or use the dashboard)");
     EXPECT_EQ(config.load().deviceToken, "t");
     ASSERT_FALSE(handshake.requests().empty());
     EXPECT_TRUE(handshake.requests().front().startsWith("POST /api/agent-handshake"));

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QByteArray>
-#include <QSslConfiguration>
 #include <QTcpServer>
 #include <chrono>
 #include <filesystem>
@@ -12,35 +11,8 @@
 
 namespace velmorand::testing {
 
-// How a scripted server answers each request, once it has read it whole.
-struct Answer {
-    // Written at once.
-    QByteArray head;
-    // Then written one byte every `dribbleEvery`.
-    QByteArray dribble;
-    std::chrono::milliseconds dribbleEvery{1000};
-    // Then the connection is closed; otherwise it stays open, silent.
-    bool close = true;
-    // Nothing at all is written and the connection stays open.
-    bool silent = false;
-
-    static Answer bytes(QByteArray raw) {
-        Answer answer;
-        answer.head = std::move(raw);
-        return answer;
-    }
-    static Answer http(int status, const std::string& body,
-                       const std::vector<std::string>& extraHeaders = {});
-    static Answer none() {
-        Answer answer;
-        answer.silent = true;
-        answer.close = false;
-        return answer;
-    }
-};
-
-// A loopback HTTP or HTTPS server answering every request with the same script, and recording
-// each request it read. Lives on the thread that makes it; answers while that thread's events run.
+// A loopback HTTP or HTTPS server. Each request, once read whole, is recorded and answered with
+// `head` at once, then `dribble` one byte every `every`, then a hang-up.
 class ScriptedServer {
   public:
     struct Tls {
@@ -48,22 +20,27 @@ class ScriptedServer {
         std::filesystem::path key;
     };
 
-    explicit ScriptedServer(Answer answer, std::optional<Tls> tls = std::nullopt);
-    ~ScriptedServer();
+    explicit ScriptedServer(QByteArray head, std::optional<Tls> tls = std::nullopt,
+                            QByteArray dribble = {},
+                            std::chrono::milliseconds every = std::chrono::seconds(1));
 
-    // "http(s)://127.0.0.1:<port>" with no trailing slash; `host` replaces the address.
-    std::string baseUrl(const std::string& host = "127.0.0.1") const;
+    // "http(s)://127.0.0.1:<port>", no trailing slash.
+    std::string baseUrl() const;
     const std::vector<QByteArray>& requests() const { return requests_; }
 
   private:
-    void accept(QTcpSocket* socket);
     void answer(QTcpSocket* socket);
 
     std::unique_ptr<QTcpServer> server_;
-    bool tls_ = false;
-    Answer answer_;
+    bool tls_;
+    QByteArray head_;
+    QByteArray dribble_;
+    std::chrono::milliseconds every_;
     std::vector<QByteArray> requests_;
 };
+
+// A whole HTTP/1.1 answer.
+QByteArray httpAnswer(int status, const std::string& body, const std::string& extraHeaders = "");
 
 // A certificate for localhost and 127.0.0.1, signed by the test CA, whose validity ended in 2020.
 ScriptedServer::Tls expiredCertificate();

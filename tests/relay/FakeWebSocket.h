@@ -49,8 +49,7 @@ class FakeWebSocketTask : public WebSocketTask {
     std::deque<ReceiveCompletion> receives;
 };
 
-// Every session and task made through `factory()`. Tasks are kept here, so they outlive the
-// session that made them.
+// Every session and task made through `factory()`; the tasks outlive their session.
 class FakeWebSockets {
   public:
     WebSocketSessionFactory factory() {
@@ -60,7 +59,6 @@ class FakeWebSockets {
             return std::make_unique<Session>(*this);
         };
     }
-
     void open(const std::shared_ptr<FakeWebSocketTask>& task) { delegate->opened(task); }
     void close(const std::shared_ptr<FakeWebSocketTask>& task, int code,
                std::optional<std::string> reason = std::nullopt) {
@@ -72,16 +70,12 @@ class FakeWebSockets {
     std::vector<std::shared_ptr<FakeWebSocketTask>> tasks;
 
   private:
-    class Session : public WebSocketSession {
-      public:
-        explicit Session(FakeWebSockets& owner) : owner_(owner) {}
+    struct Session : WebSocketSession {
+        explicit Session(FakeWebSockets& owner) : owner(owner) {}
         std::shared_ptr<WebSocketTask> makeTask(const WebSocketRequest& request) override {
-            owner_.tasks.push_back(std::make_shared<FakeWebSocketTask>(request));
-            return owner_.tasks.back();
+            return owner.tasks.emplace_back(std::make_shared<FakeWebSocketTask>(request));
         }
-
-      private:
-        FakeWebSockets& owner_;
+        FakeWebSockets& owner;
     };
 };
 

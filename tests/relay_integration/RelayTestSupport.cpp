@@ -10,20 +10,17 @@
 
 namespace velmorand::testing {
 
-using namespace std::chrono_literals;
-
-RelayBench::RelayBench(bool tls, std::chrono::milliseconds pingInterval) : tls_(tls) {
+RelayBench::RelayBench(bool tls, std::chrono::milliseconds pingInterval) {
     sandbox::SandboxOptions options;
     options.relayPingInterval = pingInterval;
     if (tls) {
-        const auto& pki = testPki();
-        options.tlsCertificateFile = pki.serverCertificate.string();
-        options.tlsKeyFile = pki.serverKey.string();
-        caFile_.emplace("VELMORAND_CA_FILE", pki.caCertificate.string());
+        options.tlsCertificateFile = testPki().serverCertificate.string();
+        options.tlsKeyFile = testPki().serverKey.string();
+        caFile.emplace("VELMORAND_CA_FILE", testPki().caCertificate.string());
     }
-    sandbox_ = std::make_unique<sandbox::Sandbox>(std::move(options));
+    sandbox = std::make_unique<sandbox::Sandbox>(std::move(options));
     std::string error;
-    if (!sandbox_->start(&error)) {
+    if (!sandbox->start(&error)) {
         ADD_FAILURE() << error;
         return;
     }
@@ -32,7 +29,7 @@ RelayBench::RelayBench(bool tls, std::chrono::milliseconds pingInterval) : tls_(
     QtHttpClient http(mainQueue);
     HttpRequest request;
     request.method = "POST";
-    request.url = sandbox_->baseUrl() + "/api/agent-handshake";
+    request.url = sandbox->baseUrl() + "/api/agent-handshake";
     request.body = R"({"accessKey":"demo-key-1234","webrtc":false})";
     const auto outcome = sendAndWait(http, request);
     const auto* response = std::get_if<HttpResponse>(&outcome);
@@ -41,13 +38,9 @@ RelayBench::RelayBench(bool tls, std::chrono::milliseconds pingInterval) : tls_(
         return;
     }
     const auto body = nlohmann::json::parse(response->body.value_or("{}"));
-    pairing_.deviceToken = body.at("deviceToken").get<std::string>();
-    pairing_.relayWsUrl = body.at("relayWsUrl").get<std::string>();
-    pairing_.deviceId = body.at("deviceId").get<std::string>();
-    pairing_.deviceName = body.at("deviceName").get<std::string>();
+    pairing.deviceToken = body.at("deviceToken").get<std::string>();
+    pairing.relayWsUrl = body.at("relayWsUrl").get<std::string>();
 }
-
-RelayBench::~RelayBench() = default;
 
 Viewer::Viewer(const std::string& relayWsUrl) {
     if (qEnvironmentVariableIsSet("VELMORAND_CA_FILE")) {
@@ -60,21 +53,20 @@ Viewer::Viewer(const std::string& relayWsUrl) {
     QObject::connect(&socket_, &QWebSocket::binaryMessageReceived, &socket_,
                      [this](const QByteArray& bytes) { received_.push_back(bytes.toStdString()); });
     socket_.open(QUrl(QString::fromStdString(relayWsUrl + "/viewer")));
-    if (!pumpUntil([this] { return socket_.state() == QAbstractSocket::ConnectedState; })) {
-        ADD_FAILURE() << "viewer could not connect: " << socket_.errorString().toStdString();
+    EXPECT_TRUE(pumpUntil([this] { return socket_.state() == QAbstractSocket::ConnectedState; }))
+        << "viewer could not connect: " << socket_.errorString().toStdString();
+}
+
+void Viewer::send(const std::string& frame, bool binary) {
+    if (binary) {
+        socket_.sendBinaryMessage(QByteArray::fromStdString(frame));
+    } else {
+        socket_.sendTextMessage(QString::fromStdString(frame));
     }
 }
 
-void Viewer::sendText(const std::string& text) {
-    socket_.sendTextMessage(QString::fromStdString(text));
-}
-
-void Viewer::sendBinary(const std::string& bytes) {
-    socket_.sendBinaryMessage(QByteArray::fromStdString(bytes));
-}
-
-std::optional<std::string> Viewer::next(std::chrono::milliseconds limit) {
-    if (!pumpUntil([this] { return received_.size() > taken_; }, limit)) {
+std::optional<std::string> Viewer::next() {
+    if (!pumpUntil([this] { return received_.size() > taken_; })) {
         return std::nullopt;
     }
     return received_[taken_++];

@@ -1,0 +1,343 @@
+#include "velmorand/relay/RelayClient.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "FakeWebSocket.h"
+#include "ManualMainQueue.h"
+#include "RecordingLog.h"
+
+namespace velmorand::testing {
+namespace {
+
+using Lines = std::vector<std::string>;
+using namespace std::chrono_literals;
+
+template <typename T>
+std::string show(const std::optional<T>& value) {
+    return value ? (std::ostringstream() << *value).str() : "-";
+}
+
+// A client on a manual main queue and fake sockets, every callback recorded as one line.
+struct Harness {
+    explicit Harness(std::string base = "wss://relay.example") {
+        client = RelayClient::make(std::move(base), "token-1",
+                                   {queue, log, sockets.factory(), [this] { return random; }});
+        client->setReconnectPolicy({1, 8, 0.5});
+        auto& c = *client;
+        c.onControl = [this](const Control& control) {
+            controls.push_back(control);
+            add("control", control.name());
+        };
+        c.onOpen = [this] { add("open"); };
+        c.onNeedStream = [this](auto prefer) { add("needStream", show(prefer)); };
+        c.onRequestIdr = [this] { add("requestIdr"); };
+        c.onStreamQuality = [this](auto tier) { add("streamQuality", "'" + tier + "'"); };
+        c.onQos = [this](auto rtt, auto loss, auto tier, auto decodeQueue, auto jitter) {
+            add("qos", rtt, loss, show(tier), decodeQueue, jitter);
+        };
+        c.onRelayQos = [this](double congestion) { add("relayQos", congestion); };
+        c.onAuthRejected = [this] { add("authRejected"); };
+        c.onWebRtcSignal = [this](const nlohmann::json& message) { add("webrtc", message.dump()); };
+        c.onEncodeSettings = [this](auto fps, auto quality, auto scale, auto codec) {
+            add("encodeSettings", show(fps), show(quality), show(scale), show(codec));
+        };
+        c.onStreamControl = [this](bool on) { add("streamControl", on ? "on" : "off"); };
+    }
+
+    template <typename... Parts>
+    void add(const Parts&... parts) {
+        std::ostringstream out;
+        ((out << parts << ' '), ...);
+        events.push_back(out.str().substr(0, out.str().size() - 1));
+    }
+    FakeWebSocketTask& task() { return *sockets.tasks.back(); }
+    void receive(std::string frame, WebSocketMessage::Kind kind = WebSocketMessage::Kind::text) {
+        EXPECT_TRUE(task().deliver(WebSocketMessage{kind, std::move(frame)}));
+        queue.runReady();
+    }
+    // Fails the current attempt, error then close, and checks that exactly one next attempt
+    // comes, after `delay` seconds.
+    void failAndReconnect(double delay) {
+        const auto before = sockets.tasks.size();
+        const auto failed = sockets.tasks.back();
+        failed->fail("boom");
+        sockets.close(failed, 1006);
+        queue.advance(MainQueue::Duration(delay - 0.01));
+        EXPECT_EQ(sockets.tasks.size(), before) << "reconnected before " << delay;
+        queue.advance(0.02s);
+        EXPECT_EQ(sockets.tasks.size(), before + 1) << "no reconnect after " << delay;
+        EXPECT_TRUE(failed->cancelled);
+    }
+    Lines logged() const {
+        auto lines = log.lines();
+        for (auto& line : lines) {
+            EXPECT_TRUE(line.starts_with("[relay-client] ")) << line;
+            line.erase(0, 15);
+        }
+        return lines;
+    }
+
+    ManualMainQueue queue;
+    RecordingLog log;
+    FakeWebSockets sockets;
+    double random = 0.4;
+    std::shared_ptr<RelayClient> client;
+    Lines events;
+    std::vector<Control> controls;
+};
+
+struct Row {
+    const char* frame;
+    Lines events;
+    Lines sent = {};
+};
+
+class Dispatch : public ::testing::Test {
+  protected:
+    void SetUp() override { h.client->connect(); }
+    void expectRows(const std::vector<Row>& rows) {
+        for (const auto& row : rows) {
+            SCOPED_TRACE(row.frame);
+            h.events.clear();
+            h.task().sent.clear();
+            h.client->handleText(row.frame);
+            EXPECT_EQ(h.events, row.events);
+            EXPECT_EQ(h.task().sent, row.sent);
+        }
+        EXPECT_EQ(h.log.lines(), Lines{});
+    }
+    Harness h;
+};
+
+TEST_F(Dispatch, RoutesEachFrameToItsReplyOrCallback) {
+    expectRows({
+        {R"({"type":"ping","t":5})", {}, {R"({"type":"pong"})"}},
+        {R"({"type":"latency_ping"})", {}, {R"({"type":"latency_pong","t":0})"}},
+        {R"({"type":"latency_ping","t":42,"viewerId":"viewer/a"})",
+         {},
+         {R"({"type":"latency_pong","t":42,"viewerId":"viewer\/a"})"}},
+        {R"({"type":"need_stream"})", {"needStream -"}},
+        {R"({"type":"need_stream","prefer":"webrtc"})", {"needStream webrtc"}},
+        {R"({"type":"request_idr","x":1})", {"requestIdr"}},
+        {R"({"type":"stream_control"})", {"streamControl on"}},
+        {R"({"type":"stream_control","streaming":false})", {"streamControl off"}},
+        // Frame rates round half away from zero.
+        {R"({"type":"encode_settings","fps":29.5,"quality":0.4})", {"encodeSettings 30 0.4 - -"}},
+        {R"({"type":"encode_settings","fps":-2.5,"scale":0.5,"codec":"h264"})",
+         {"encodeSettings -3 - 0.5 h264"}},
+        {R"({"type":"encode_settings","fps":-9223372036854775808})",
+         {"encodeSettings -9223372036854775808 - - -"}},
+        // A missing tier is "auto" for quality but absent for qos; an empty one differs too.
+        {R"({"type":"stream_quality"})", {"streamQuality 'auto'"}},
+        {R"({"type":"stream_quality","tier":""})", {"streamQuality ''"}},
+        {R"({"type":"qos","tier":""})", {"qos 0 0 - 0 0"}},
+        {R"({"type":"qos","rttMs":120,"lossPct":1.5,"tier":"low","decodeQueue":3,"jitterMs":7})",
+         {"qos 120 1.5 low 3 7"}},
+        {R"({"type":"relay_qos"})", {"relayQos 0"}},
+        {R"({"type":"relay_qos","congestion":0.75})", {"relayQos 0.75"}},
+        {R"({"type":"tap","x":1,"y":2})", {"control tap"}},
+        // Notices, commandless and undecodable frames are dropped silently.
+        {R"({"type":"error","message":"x"})", {}},
+        {R"({"type":"frames_dropped","count":3})", {}},
+        {R"({"type":"Ping"})", {}},
+        {"garbage", {}},
+        // Any frame holding the substring is signalling, once it parses as an object.
+        {R"({"type": "webrtc_offer","sdp":"v=0"})",
+         {R"(webrtc {"sdp":"v=0","type":"webrtc_offer"})"}},
+        {R"({"type":"ping","inner":{"type":"webrtc_x"}})",
+         {R"(webrtc {"inner":{"type":"webrtc_x"},"type":"ping"})"}},
+        {R"({"type" : "webrtc_offer"})", {}},
+        {R"({"type":"webrtc_offer",)", {}},
+        {R"([{"type":"webrtc_offer"}])", {}},
+    });
+    EXPECT_EQ(h.controls, (std::vector{Control{Control::Tap{1, 2}}}));
+}
+
+TEST_F(Dispatch, UnsetCallbacksDropTheirFrames) {
+    h.client->onWebRtcSignal = nullptr;
+    h.client->onControl = nullptr;
+    h.client->onEncodeSettings = nullptr;
+    expectRows({
+        // Without signalling, a known type under the substring is handled by its own row.
+        {R"({"type":"ping","inner":{"type":"webrtc_x"}})", {}, {R"({"type":"pong"})"}},
+        {R"({"type":"need_stream","note":{"type":"webrtc_"}})", {"needStream -"}},
+        {R"({"type":"webrtc_offer","sdp":"v=0"})", {}},
+        {R"({"type":"tap","x":1,"y":2})", {}},
+        // The frame rate is only converted for a listener.
+        {R"({"type":"encode_settings","fps":1e300})", {}},
+    });
+}
+
+TEST(DispatchDeath, UnrepresentableFrameRateStopsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const char* fps : {"9223372036854775808", "-9.3e18", "1e308"}) {
+        Harness h;
+        EXPECT_DEATH(
+            h.client->handleText(std::string(R"({"type":"encode_settings","fps":)") + fps + "}"),
+            "")
+            << fps;
+    }
+}
+
+TEST(Connection, OpensBasePlusDeviceWithTheTokenHeader) {
+    for (const auto& [base, url] : {std::pair{"wss://relay.example", "wss://relay.example/device"},
+                                    std::pair{"ws://10.0.0.2:8/r/", "ws://10.0.0.2:8/r//device"}}) {
+        Harness h(base);
+        h.client->connect();
+        ASSERT_EQ(h.sockets.tasks.size(), 1u);
+        const auto& task = h.task();
+        EXPECT_EQ(task.request.url, url);
+        EXPECT_EQ(task.request.headers,
+                  (decltype(task.request.headers){{"x-device-token", "token-1"}}));
+        EXPECT_EQ(task.request.timeout, 60s);
+        EXPECT_EQ(task.resumeCount, 1);
+        EXPECT_EQ(task.receives.size(), 1u);
+    }
+}
+
+TEST(Connection, BadUrlSchedulesAReconnect) {
+    for (const char* base : {"relay.example", ""}) {
+        Harness h(base);
+        h.client->connect();
+        EXPECT_TRUE(h.sockets.tasks.empty()) << base;
+        EXPECT_EQ(h.logged(), (Lines{"bad relay url", "reconnecting in 1.2s"})) << base;
+    }
+}
+
+TEST(Connection, EachFailureReconnectsOnceWithBackOffDoublingUpToTheCeiling) {
+    Harness h;
+    h.client->connect();
+    h.client->connect();
+    Lines expected;
+    for (const char* delay : {"1.2", "2.2", "4.2", "8.2", "8.2"}) {
+        h.failAndReconnect(std::stod(delay));
+        expected.insert(expected.end(), {"recv error: boom — reconnecting",
+                                         std::string("reconnecting in ") + delay + "s"});
+    }
+    EXPECT_EQ(h.logged(), expected);
+    EXPECT_EQ(h.sockets.sessionsMade, 1);
+}
+
+TEST(Connection, OnlyTheServerProvesALinkAndResetsTheBackOff) {
+    const std::pair<std::function<void(Harness&)>, double> cases[] = {
+        {[](Harness& h) { h.receive(R"({"type":"device_online"})"); }, 1.2},
+        {[](Harness& h) { (h.sockets.open(h.sockets.tasks.back()), h.queue.runReady()); }, 1.2},
+        // The optimistic open, 0.35 s after connecting, proves nothing.
+        {[](Harness& h) { h.queue.advance(0.35s); }, 4.2},
+    };
+    for (const auto& [prove, next] : cases) {
+        Harness h;
+        h.client->connect();
+        h.failAndReconnect(1.2);
+        h.failAndReconnect(2.2);
+        prove(h);
+        EXPECT_EQ(h.events, Lines{"open"});
+        h.failAndReconnect(next);
+    }
+}
+
+TEST(Connection, OpensOnceAndReadsBinaryFramesAsText) {
+    Harness h;
+    h.client->connect();
+    h.queue.advance(0.34s);
+    EXPECT_TRUE(h.events.empty());
+    h.sockets.open(h.sockets.tasks.back());
+    h.receive(R"({"type":"ping"})", WebSocketMessage::Kind::binary);
+    h.receive("\xff{}", WebSocketMessage::Kind::binary);
+    h.receive(R"({"type":"request_idr"})");
+    h.queue.advance(1s);
+    EXPECT_EQ(h.events, (Lines{"open", "requestIdr"}));
+    EXPECT_EQ(h.task().sent, Lines{R"({"type":"pong"})"});
+    EXPECT_EQ(h.task().receives.size(), 1u) << "the loop re-arms after each frame";
+}
+
+TEST(Connection, ConnectAbandonsOldTasksAndAPendingReconnect) {
+    Harness h;
+    h.client->connect();
+    h.task().fail("boom");
+    h.queue.runReady();
+    for (int i = 0; i < 3; ++i) {
+        h.client->connect();
+    }
+    auto stale = h.sockets.tasks[1];
+    auto failing = h.sockets.tasks[2];
+    EXPECT_FALSE(stale->cancelled || failing->cancelled);
+    ASSERT_TRUE(stale->deliverText(R"({"type":"request_idr"})"));
+    ASSERT_TRUE(failing->fail("late"));
+    h.sockets.open(stale);
+    h.sockets.close(stale, 1000, "bye");
+    h.queue.advance(30s);
+    EXPECT_EQ(h.logged(), (Lines{"recv error: boom — reconnecting", "reconnecting in 1.2s"}));
+    EXPECT_EQ(h.events, Lines{"open"}) << "only the live attempt's timer";
+    EXPECT_TRUE(stale->receives.empty()) << "a stale task's loop is not re-armed";
+    EXPECT_EQ(h.sockets.tasks.size(), 4u);
+}
+
+TEST(Connection, CloseIsLoggedAndRejectedTokenStillReconnects) {
+    const std::tuple<int, std::optional<std::string>, std::string, Lines> cases[] = {
+        {4401, "token rejected", "closed code=4401 token rejected", {"authRejected"}},
+        {1000, std::nullopt, "closed code=1000 ", {}},
+        {1011, "\xff\xfe", "closed code=1011 ", {}},
+    };
+    for (const auto& [code, reason, line, events] : cases) {
+        Harness h;
+        h.client->connect();
+        h.sockets.close(h.sockets.tasks.back(), code, reason);
+        h.queue.advance(1.3s);
+        EXPECT_EQ(h.events, events);
+        EXPECT_EQ(h.logged(), (Lines{line, "reconnecting in 1.2s"}));
+        EXPECT_EQ(h.sockets.tasks.size(), 2u);
+    }
+}
+
+TEST(Connection, RepliesWithoutALiveSocketAreDroppedSilently) {
+    Harness h;
+    h.client->handleText(R"({"type":"ping"})");
+    h.client->connect();
+    h.task().fail("gone");
+    h.queue.runReady();
+    h.client->handleText(R"({"type":"latency_ping","t":1})");
+    EXPECT_TRUE(h.task().sent.empty());
+    EXPECT_EQ(h.logged(), (Lines{"recv error: gone — reconnecting", "reconnecting in 1.2s"}));
+}
+
+TEST(Connection, SendErrorIsLoggedOnly) {
+    Harness h;
+    h.client->connect();
+    h.receive(R"({"type":"ping"})");
+    ASSERT_EQ(h.task().sendCompletions.size(), 1u);
+    h.task().sendCompletions[0](WebSocketError{"broken pipe"});
+    h.task().sendCompletions[0](std::nullopt);
+    h.queue.advance(60s);
+    EXPECT_EQ(h.logged(), Lines{"send error: broken pipe"});
+    EXPECT_EQ(h.sockets.tasks.size(), 1u);
+}
+
+TEST(Connection, PendingWorkDoesNotKeepTheClientAlive) {
+    Harness h;
+    h.client->connect();
+    h.task().fail("boom");
+    h.queue.runReady();
+    std::weak_ptr<RelayClient> weak = h.client;
+    h.client.reset();
+    EXPECT_TRUE(weak.expired());
+    h.queue.advance(60s);
+    EXPECT_EQ(h.sockets.tasks.size(), 1u);
+}
+
+TEST(ConnectionDeath, JitterMustBePositiveAndFinite) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (double jitter : {0.0, -1.0, double(INFINITY), double(NAN)}) {
+        Harness h;
+        h.client->setReconnectPolicy({1, 30, jitter});
+        h.client->connect();
+        EXPECT_DEATH((h.task().fail("boom"), h.queue.runReady()), "") << jitter;
+    }
+}
+
+}  // namespace
+}  // namespace velmorand::testing
