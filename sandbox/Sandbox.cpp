@@ -22,7 +22,6 @@
 #include <QUrlQuery>
 #include <QWebSocket>
 #include <map>
-#include <set>
 #include <utility>
 
 namespace velmorand::sandbox {
@@ -62,6 +61,20 @@ QString deviceIdFor(const std::string& key) {
 
 QJsonDocument errorDocument(const QString& message) {
     return QJsonDocument(QJsonObject{{QStringLiteral("error"), message}});
+}
+
+// The viewer page's files, compiled in from viewer/.
+QHttpServerResponse viewerFile(const QString& name, const QByteArray& mimeType) {
+    QFile file(QStringLiteral(":/velmorand/sandbox/viewer/") + name);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return errorResponse(QStringLiteral("Missing ") + name, Status::InternalServerError);
+    }
+    QHttpServerResponse response(mimeType, file.readAll());
+    // Everything the page needs is served here; nothing may come from elsewhere.
+    response.setHeader(QByteArrayLiteral("Content-Security-Policy"),
+                       QByteArrayLiteral("default-src 'self'"));
+    response.setHeader(QByteArrayLiteral("Cache-Control"), QByteArrayLiteral("no-store"));
+    return response;
 }
 
 bool isWebSocketUpgrade(const QHttpServerRequest& request) {
@@ -179,7 +192,12 @@ class Sandbox::Impl {
     std::uint16_t port_ = 0;
     std::uint16_t wdaPort_ = 0;
     bool tls_ = false;
-    std::set<std::string, std::less<>> tokens_;
+    struct Device {
+        QString id;
+        QString name;
+    };
+    // Issued tokens and the device each was issued to.
+    std::map<std::string, Device, std::less<>> tokens_;
     std::optional<std::string> lastHandshake_;
     WdaMode mode_ = WdaMode::normal;
 
@@ -254,14 +272,19 @@ class Sandbox::Impl {
                     }
                 });
         }
-        service_.route(QStringLiteral("/admin/relay"), Method::Get, [this] {
-            return QHttpServerResponse(QJsonObject{
-                {QStringLiteral("deviceConnected"), relay_.deviceConnected()},
-                {QStringLiteral("viewers"), static_cast<qint64>(relay_.viewerCount())},
-                {QStringLiteral("deviceConnections"),
-                 static_cast<qint64>(relay_.deviceConnections())},
-                {QStringLiteral("devicePongs"), static_cast<qint64>(relay_.pongs())},
-            });
+        service_.route(QStringLiteral("/admin/relay"), Method::Get,
+                       [this] { return QHttpServerResponse(relayState()); });
+        service_.route(QStringLiteral("/"), Method::Get, [] {
+            return viewerFile(QStringLiteral("index.html"),
+                              QByteArrayLiteral("text/html; charset=utf-8"));
+        });
+        service_.route(QStringLiteral("/viewer.js"), Method::Get, [] {
+            return viewerFile(QStringLiteral("viewer.js"),
+                              QByteArrayLiteral("text/javascript; charset=utf-8"));
+        });
+        service_.route(QStringLiteral("/viewer.css"), Method::Get, [] {
+            return viewerFile(QStringLiteral("viewer.css"),
+                              QByteArrayLiteral("text/css; charset=utf-8"));
         });
         service_.route(QStringLiteral("/admin/relay/close-device"), Method::Post,
                        [this](const QHttpServerRequest& request) { return closeDevice(request); });
@@ -269,6 +292,23 @@ class Sandbox::Impl {
             return QHttpServerResponse(QJsonObject{
                 {QStringLiteral("value"), QJsonObject{{QStringLiteral("ready"), true}}}});
         });
+    }
+
+    QJsonObject relayState() const {
+        QJsonObject state{
+            {QStringLiteral("deviceConnected"), relay_.deviceConnected()},
+            {QStringLiteral("viewers"), static_cast<qint64>(relay_.viewerCount())},
+            {QStringLiteral("deviceConnections"), static_cast<qint64>(relay_.deviceConnections())},
+            {QStringLiteral("devicePongs"), static_cast<qint64>(relay_.pongs())},
+        };
+        if (const auto token = relay_.deviceToken()) {
+            if (const auto device = tokens_.find(*token); device != tokens_.end()) {
+                state[QStringLiteral("device")] =
+                    QJsonObject{{QStringLiteral("deviceId"), device->second.id},
+                                {QStringLiteral("deviceName"), device->second.name}};
+            }
+        }
+        return state;
     }
 
     QHttpServerResponse handshake(const QHttpServerRequest& request) {
@@ -294,12 +334,13 @@ class Sandbox::Impl {
             return errorResponse(QString::fromLatin1(kUnknownKey), Status::Unauthorized);
         }
         const QString token = randomToken();
-        tokens_.insert(token.toStdString());
+        const Device device{deviceIdFor(key), QStringLiteral("Sandbox iPhone")};
+        tokens_.emplace(token.toStdString(), device);
         return QHttpServerResponse(QJsonObject{
             {QStringLiteral("deviceToken"), token},
             {QStringLiteral("relayWsUrl"), QString::fromStdString(relayWsUrl())},
-            {QStringLiteral("deviceId"), deviceIdFor(key)},
-            {QStringLiteral("deviceName"), QStringLiteral("Sandbox iPhone")},
+            {QStringLiteral("deviceId"), device.id},
+            {QStringLiteral("deviceName"), device.name},
             {QStringLiteral("webrtcEnabled"), false},
         });
     }

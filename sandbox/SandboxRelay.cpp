@@ -1,5 +1,7 @@
 #include "SandboxRelay.h"
 
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QWebSocket>
 #include <algorithm>
 #include <utility>
@@ -17,6 +19,12 @@ const QByteArray kDeviceOffline = QByteArrayLiteral(R"({"type":"device_offline"}
 
 QWebSocketProtocol::CloseCode closeCode(int code) {
     return static_cast<QWebSocketProtocol::CloseCode>(code);
+}
+
+bool isPing(const QByteArray& payload) {
+    const auto document = QJsonDocument::fromJson(payload);
+    return document.isObject() &&
+           document.object().value(QStringLiteral("type")) == QLatin1String("ping");
 }
 
 void send(QWebSocket* socket, const QByteArray& payload, bool binary) {
@@ -81,6 +89,8 @@ void SandboxRelay::acceptDevice(QWebSocket* socket) {
         previous->close(QWebSocketProtocol::CloseCodeNormal, QStringLiteral("replaced"));
     }
     device_ = socket;
+    deviceToken_ = token.toStdString();
+    viewerPings_ = 0;
     ++deviceConnections_;
     QObject::connect(socket, &QWebSocket::textMessageReceived, &context_,
                      [this, socket](const QString& text) {
@@ -106,6 +116,9 @@ void SandboxRelay::acceptViewer(QWebSocket* socket) {
 
 void SandboxRelay::fromViewer(const QByteArray& payload, bool binary) {
     if (device_ != nullptr) {
+        if (!binary && isPing(payload)) {
+            ++viewerPings_;
+        }
         send(device_, payload, binary);
         return;
     }
@@ -117,7 +130,10 @@ void SandboxRelay::fromViewer(const QByteArray& payload, bool binary) {
 void SandboxRelay::fromDevice(const QByteArray& payload, bool binary) {
     if (!binary && payload == kPong) {
         ++pongs_;
-        return;
+        if (viewerPings_ == 0) {
+            return;
+        }
+        --viewerPings_;
     }
     for (QWebSocket* viewer : viewers_) {
         send(viewer, payload, binary);

@@ -17,7 +17,8 @@ class QWebSocket;
 
 namespace velmorand::sandbox {
 
-// The relay: one device and any number of viewers, joined by forwarding frames unchanged.
+// The relay: one device and any number of viewers, joined by forwarding frames unchanged. The
+// device's pongs end here, except as many as answer viewers' pings, which reach the viewers.
 // Lives on the thread of the service that hands it sockets.
 class SandboxRelay {
   public:
@@ -43,6 +44,10 @@ class SandboxRelay {
     std::size_t deviceConnections() const { return deviceConnections_; }
     std::size_t pongs() const { return pongs_; }
     const std::optional<std::string>& lastDeviceToken() const { return lastDeviceToken_; }
+    // The token of the connected device; empty when none is connected.
+    std::optional<std::string> deviceToken() const {
+        return device_ != nullptr ? std::optional(deviceToken_) : std::nullopt;
+    }
 
   private:
     void acceptDevice(QWebSocket* socket);
@@ -60,6 +65,9 @@ class SandboxRelay {
     std::size_t deviceConnections_ = 0;
     std::size_t pongs_ = 0;
     std::optional<std::string> lastDeviceToken_;
+    std::string deviceToken_;
+    // Viewer pings the device has yet to answer.
+    std::size_t viewerPings_ = 0;
 };
 
 }  // namespace velmorand::sandbox

@@ -51,7 +51,11 @@ struct SandboxOptions {
 // does, with the same certificate. Devices connect to relayWsUrl + "/device" with an
 // issued token in "x-device-token" (any other is closed with 4401 "unauthorized"); viewers to
 // relayWsUrl + "/viewer", unauthenticated. Viewer frames go to the device, device frames to every
-// viewer, both unchanged; the device's {"type":"pong"} answers end at the relay.
+// viewer, both unchanged; the device's {"type":"pong"} answers end at the relay, except those
+// answering viewers' pings.
+//
+// "/" serves a viewer page (plain HTML and JavaScript) that drives the relay as a dashboard
+// viewer; "/admin/relay" tells it, as JSON, whether and which device is connected.
 class Sandbox {
   public:
     explicit Sandbox(SandboxOptions options);
