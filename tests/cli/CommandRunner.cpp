@@ -1,47 +1,23 @@
 #include "CommandRunner.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
-#include <stdexcept>
-#include <utility>
 
 namespace velmorand::testing {
 namespace {
 
-void drain(int descriptor, std::string& into, bool& open) {
-    char buffer[4096];
-    const ssize_t count = read(descriptor, buffer, sizeof buffer);
-    if (count > 0) {
-        into.append(buffer, static_cast<std::size_t>(count));
-    } else {
-        open = false;
-    }
-}
-
-// Starts `program` with its standard input closed and both output streams on pipes.
+// Starts `program` with standard input closed and its output streams on `out` and `err`.
 pid_t spawn(const std::string& program, const std::vector<std::string>& arguments,
-            const std::vector<std::string>& environment, int& out, int& err) {
-    int outPipe[2];
-    int errPipe[2];
-    if (pipe(outPipe) != 0 || pipe(errPipe) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
+            const std::vector<std::string>& environment, int out, int err) {
     const pid_t child = fork();
-    if (child < 0) {
-        throw std::runtime_error("fork failed");
-    }
     if (child == 0) {
-        const int devNull = open("/dev/null", O_RDONLY);
-        dup2(devNull, 0);
-        dup2(outPipe[1], 1);
-        dup2(errPipe[1], 2);
-        close(outPipe[0]);
-        close(errPipe[0]);
+        dup2(open("/dev/null", O_RDONLY), 0);
+        dup2(out, 1);
+        dup2(err, 2);
         for (const auto& entry : environment) {
             putenv(const_cast<char*>(entry.c_str()));
         }
@@ -53,88 +29,64 @@ pid_t spawn(const std::string& program, const std::vector<std::string>& argument
         execv(program.c_str(), argv.data());
         _exit(127);
     }
-    close(outPipe[1]);
-    close(errPipe[1]);
-    out = outPipe[0];
-    err = errPipe[0];
     return child;
+}
+
+std::string contents(std::FILE* file) {
+    std::string text;
+    std::rewind(file);
+    for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file)) {
+        text += static_cast<char>(c);
+    }
+    std::fclose(file);
+    return text;
 }
 
 }  // namespace
 
 CommandResult runCommand(const std::string& program, const std::vector<std::string>& arguments,
                          const std::vector<std::string>& environment) {
-    int out = -1;
-    int err = -1;
-    const pid_t child = spawn(program, arguments, environment, out, err);
-
-    CommandResult result;
-    bool outOpen = true;
-    bool errOpen = true;
-    while (outOpen || errOpen) {
-        pollfd fds[2] = {{outOpen ? out : -1, POLLIN, 0}, {errOpen ? err : -1, POLLIN, 0}};
-        if (poll(fds, 2, -1) < 0) {
-            break;
-        }
-        if (fds[0].revents) {
-            drain(out, result.out, outOpen);
-        }
-        if (fds[1].revents) {
-            drain(err, result.err, errOpen);
-        }
-    }
-    close(out);
-    close(err);
+    // Files rather than pipes: nothing to drain while the program runs.
+    std::FILE* out = std::tmpfile();
+    std::FILE* err = std::tmpfile();
     int status = 0;
-    waitpid(child, &status, 0);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
+    waitpid(spawn(program, arguments, environment, fileno(out), fileno(err)), &status, 0);
+    const int exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return {exitCode, contents(out), contents(err)};
 }
 
 BackgroundProcess::BackgroundProcess(const std::string& program,
                                      const std::vector<std::string>& arguments) {
-    pid_ = spawn(program, arguments, {}, out_, err_);
+    int out[2];
+    int err[2];
+    if (pipe2(out, O_CLOEXEC) == 0 && pipe2(err, O_CLOEXEC) == 0) {
+        pid_ = spawn(program, arguments, {}, out[1], err[1]);
+        close(out[1]);
+        close(err[1]);
+        streams_[0] = fdopen(out[0], "r");
+        streams_[1] = fdopen(err[0], "r");
+    }
 }
 
 BackgroundProcess::~BackgroundProcess() {
-    kill(pid_, SIGTERM);
-    for (int waited = 0; waited < 50; ++waited) {
-        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-            pid_ = -1;
-            break;
-        }
-        usleep(100'000);
-    }
     if (pid_ > 0) {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
-    close(out_);
-    close(err_);
-}
-
-std::string BackgroundProcess::readLine() {
-    return readLineFrom(out_, outBuffer_);
-}
-
-std::string BackgroundProcess::readErrorLine() {
-    return readLineFrom(err_, errBuffer_);
-}
-
-std::string BackgroundProcess::readLineFrom(int descriptor, std::string& buffer) {
-    while (true) {
-        if (const auto end = buffer.find('\n'); end != std::string::npos) {
-            std::string line = buffer.substr(0, end);
-            buffer.erase(0, end + 1);
-            return line;
+    for (auto* stream : streams_) {
+        if (stream) {
+            std::fclose(stream);
         }
-        char chunk[4096];
-        const ssize_t count = read(descriptor, chunk, sizeof chunk);
-        if (count <= 0) {
-            return std::exchange(buffer, {});
-        }
-        buffer.append(chunk, static_cast<std::size_t>(count));
     }
+}
+
+std::string BackgroundProcess::readLine(bool fromError) {
+    std::FILE* stream = streams_[fromError ? 1 : 0];
+    std::string line;
+    for (int c = stream ? std::fgetc(stream) : EOF; c != EOF && c != '\n'; c = std::fgetc(stream)) {
+        line += static_cast<char>(c);
+    }
+    return line;
 }
 
 }  // namespace velmorand::testing

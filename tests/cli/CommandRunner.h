@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -11,12 +12,12 @@ struct CommandResult {
     std::string err;
 };
 
-// Runs `program` with `arguments` to completion, with standard input closed, and collects both
-// output streams. `environment` entries ("NAME=value") are added to the inherited environment.
+// Runs `program` to completion with standard input closed and collects both output streams.
+// `environment` entries ("NAME=value") are added to the inherited environment, later ones winning.
 CommandResult runCommand(const std::string& program, const std::vector<std::string>& arguments,
                          const std::vector<std::string>& environment = {});
 
-// A program left running in the background, stopped (SIGTERM, then SIGKILL) when this goes.
+// A program left running in the background, killed when this goes.
 class BackgroundProcess {
   public:
     BackgroundProcess(const std::string& program, const std::vector<std::string>& arguments);
@@ -24,19 +25,12 @@ class BackgroundProcess {
     BackgroundProcess(const BackgroundProcess&) = delete;
     BackgroundProcess& operator=(const BackgroundProcess&) = delete;
 
-    // The next line the program writes on its standard output (or standard error), without
-    // the line break; empty once the stream has ended.
-    std::string readLine();
-    std::string readErrorLine();
+    // The next line of standard output (or error), without its line break; empty at the end.
+    std::string readLine(bool fromError = false);
 
   private:
-    static std::string readLineFrom(int descriptor, std::string& buffer);
-
     int pid_ = -1;
-    int out_ = -1;
-    int err_ = -1;
-    std::string outBuffer_;
-    std::string errBuffer_;
+    std::FILE* streams_[2] = {nullptr, nullptr};
 };
 
 }  // namespace velmorand::testing

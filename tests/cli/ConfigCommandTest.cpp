@@ -14,14 +14,12 @@
 namespace velmorand {
 namespace {
 
-using testing::runCommand;
-
 class ConfigCommandTest : public ::testing::Test {
   protected:
     testing::CommandResult velmorand(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), {"--data-dir", data_.path().string(), "--bundle-dir",
                                              VELMORAND_DEV_BUNDLE});
-        return runCommand(VELMORAND_CLI, arguments);
+        return testing::runCommand(VELMORAND_CLI, arguments);
     }
 
     // Writes through the same desktop stores the program reads, as the app would.
@@ -50,14 +48,8 @@ TEST_F(ConfigCommandTest, FreshInstallShowsUnpairedWithDefaultEncode) {
 }
 
 TEST_F(ConfigCommandTest, ShowsPresentFieldsInFieldOrderAndClearErasesThem) {
-    SharedConfig::Values values;
-    values.accessKey = "K1";
-    values.deviceToken = "tok";
-    values.relayWsUrl = "wss://relay.example/r";
-    values.deviceName = "";
-    values.codec = " H264 ";
-    values.fps = 240;
-    values.quality = 0.25;
+    const SharedConfig::Values values{
+        "K1", {}, "tok", "wss://relay.example/r", {}, "", " H264 ", {}, 240, 0.25, {}, {}, {}, {}};
     store(values);
 
     const auto text = velmorand({"config", "show"});

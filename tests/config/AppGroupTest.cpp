@@ -1,105 +1,73 @@
 #include "velmorand/config/AppGroup.h"
 
 #include <atomic>
-#include <filesystem>
 #include <latch>
-#include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "FakeBundle.h"
-#include "Profiles.h"
-#include "TempDir.h"
+#include "ConfigFixture.h"
 
 namespace velmorand {
 namespace {
 
-using testing::FakeBundle;
-using testing::TempDir;
+using testing::profilePlist;
+using testing::signedContainer;
 
-struct ProfileCase {
-    const char* name;
-    std::string bytes;
-    bool expected;
-};
+constexpr const char* kGroup = "<string>group.co.velmorand.connect</string>";
 
-class AppGroupProfileTest : public ::testing::TestWithParam<ProfileCase> {};
-
-TEST_P(AppGroupProfileTest, ReadsTheGroupListOutOfTheEmbeddedProfile) {
-    TempDir dir;
-    testing::writeProfile(dir.path(), GetParam().bytes);
-    FakeBundle bundle(dir.path());
-
-    EXPECT_EQ(AppGroup::hasAppGroupInEmbeddedProvision(bundle), GetParam().expected);
-    EXPECT_EQ(AppGroup(bundle).available(), GetParam().expected);
+std::string profile(const std::string& groups) {
+    return signedContainer(profilePlist(groups));
 }
 
-std::vector<ProfileCase> profileCases() {
-    using testing::profilePlist;
-    using testing::signedContainer;
-    const std::string entitled =
-        profilePlist("<array><string>group.co.velmorand.connect</string></array>");
-    const std::string amongOthers = profilePlist(
-        "<array><string>group.co.other</string><string>group.co.velmorand.connect</string>"
-        "<string>group.co.velmorand.connect.beta</string></array>");
-    return {
-        {"BareXml", entitled, true},
-        {"JunkAroundTheXml", signedContainer(entitled), true},
-        {"AmongOtherGroups", signedContainer(amongOthers), true},
-        // High Latin-1 bytes inside the payload still decode, one character each.
-        {"HighBytesInsideThePayload",
-         signedContainer(profilePlist("<array><string>group.co.velmorand.connect</string></array>",
-                                      "Caf\xe9 \xa9")),
-         true},
-        {"WrongCase",
-         signedContainer(
-             profilePlist("<array><string>group.co.Velmorand.connect</string></array>")),
+TEST(AppGroupTest, ReadsTheGroupListOutOfTheEmbeddedProfile) {
+    const std::string bare = profilePlist(std::string("<array>") + kGroup + "</array>");
+    const std::string cut = bare.substr(0, bare.size() - 8);
+    const std::pair<std::optional<std::string>, bool> cases[] = {
+        {std::nullopt, false},
+        {bare, true},
+        {testing::kEntitledProfile, true},
+        // High Latin-1 bytes inside the payload decode one character each.
+        {profile(std::string("<array><string>Caf\xe9 \xa9</string>") + kGroup + "</array>"), true},
+        {profile("<array><string>group.co.Velmorand.connect</string></array>"), false},
+        {profile("<array><string>group.co.velmorand.connect.beta</string></array>"), false},
+        {profile(kGroup), false},
+        {profile(std::string("<array>") + kGroup + "<integer>1</integer></array>"), false},
+        {"</plist>" + cut, false},
+        {cut, false},
+        {"<?xml version=\"1.0\"?><html></html></plist>", false},
+        {std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><array>") + kGroup +
+             "</array></plist>",
          false},
-        {"SingleStringInsteadOfArray",
-         signedContainer(profilePlist("<string>group.co.velmorand.connect</string>")), false},
-        {"ArrayWithANonString",
-         signedContainer(profilePlist(
-             "<array><string>group.co.velmorand.connect</string><integer>1</integer></array>")),
-         false},
-        {"EndMarkerBeforeStart", "</plist>" + entitled.substr(0, entitled.size() - 8), false},
-        {"NoEndMarker", entitled.substr(0, entitled.size() - 8), false},
-        {"NotAPropertyList", "<?xml version=\"1.0\"?><html></html></plist>", false},
-        {"TopLevelArray",
-         "<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>group.co.velmorand.connect"
-         "</string></array></plist>",
-         false},
-        {"EntitlementsNotADictionary",
-         "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Entitlements</key>"
-         "<array><string>group.co.velmorand.connect</string></array></dict></plist>",
+        {std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Entitlements</key>"
+                     "<array>") +
+             kGroup + "</array></dict></plist>",
          false},
     };
-}
-
-INSTANTIATE_TEST_SUITE_P(Profiles, AppGroupProfileTest, ::testing::ValuesIn(profileCases()),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST(AppGroupTest, NoEmbeddedProfileMeansUnavailable) {
-    TempDir dir;
-    FakeBundle bundle(dir.path());
-    EXPECT_FALSE(AppGroup(bundle).available());
+    for (const auto& row : cases) {
+        SCOPED_TRACE(&row - cases);
+        const auto& [bytes, expected] = row;
+        testing::TempDir dir;
+        if (bytes) {
+            testing::writeProfile(dir.path(), *bytes);
+        }
+        testing::FakeBundle bundle(dir.path());
+        EXPECT_EQ(AppGroup::hasAppGroupInEmbeddedProvision(bundle), expected);
+        EXPECT_EQ(AppGroup(bundle).available(), expected);
+    }
 }
 
 TEST(AppGroupTest, AnswerHoldsAfterTheProfileChanges) {
-    TempDir dir;
-    testing::writeEntitledProfile(dir.path());
-    FakeBundle bundle(dir.path());
+    testing::TempDir dir;
+    testing::writeProfile(dir.path(), testing::kEntitledProfile);
+    testing::FakeBundle bundle(dir.path());
     AppGroup group(bundle);
     ASSERT_TRUE(group.available());
-
     std::filesystem::remove(dir.path() / "embedded.mobileprovision");
     EXPECT_TRUE(group.available());
     EXPECT_FALSE(AppGroup(bundle).available());
 }
 
-class CountingBundle : public FakeBundle {
-  public:
+struct CountingBundle : testing::FakeBundle {
     using FakeBundle::FakeBundle;
     std::optional<std::filesystem::path> resource(std::string_view name,
                                                   std::string_view extension) const override {
@@ -110,11 +78,10 @@ class CountingBundle : public FakeBundle {
 };
 
 TEST(AppGroupTest, ConcurrentFirstReadsEvaluateOnceAndAgree) {
-    TempDir dir;
-    testing::writeEntitledProfile(dir.path());
+    testing::TempDir dir;
+    testing::writeProfile(dir.path(), testing::kEntitledProfile);
     CountingBundle bundle(dir.path());
     AppGroup group(bundle);
-
     constexpr int kThreads = 8;
     std::latch start(kThreads);
     std::vector<int> seen(kThreads, -1);
@@ -128,11 +95,8 @@ TEST(AppGroupTest, ConcurrentFirstReadsEvaluateOnceAndAgree) {
     for (auto& thread : threads) {
         thread.join();
     }
-
     EXPECT_EQ(bundle.lookups.load(), 1);
-    for (int i = 0; i < kThreads; ++i) {
-        EXPECT_EQ(seen[i], 1) << "thread " << i;
-    }
+    EXPECT_EQ(seen, std::vector<int>(kThreads, 1));
 }
 
 }  // namespace

@@ -2,10 +2,10 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "velmorand/platform/HttpClient.h"
@@ -20,19 +20,17 @@ inline HttpOutcome transportError(std::string description) {
     return HttpTransportError{std::move(description)};
 }
 
-// Answers from scripted routes and records every request. Completions of `send` are posted to
-// the main queue. With `holdExchanges()`, blocking exchanges wait until the test releases them,
-// so that several can be in flight at once.
+// Answers from scripted routes (the latest route whose method and URL prefix match wins; an
+// unrouted request fails in transport) and records every request. `send` completes on the main
+// queue. After `holdExchanges()`, blocking exchanges park until released, so that several can be
+// in flight at once.
 class FakeHttpClient : public HttpClient {
   public:
     explicit FakeHttpClient(MainQueue& mainQueue) : mainQueue_(mainQueue) {}
 
-    // Answers requests of `method` whose URL starts with `urlPrefix`. A later route wins over an
-    // earlier one; an unrouted request fails in transport.
     void route(std::string method, std::string urlPrefix, HttpOutcome outcome) {
         std::lock_guard lock(mutex_);
-        routes_.insert(routes_.begin(),
-                       Route{std::move(method), std::move(urlPrefix), std::move(outcome)});
+        routes_.push_back({std::move(method), std::move(urlPrefix), std::move(outcome)});
     }
 
     HttpOutcome exchange(const HttpRequest& request) override {
@@ -41,19 +39,18 @@ class FakeHttpClient : public HttpClient {
         if (!holding_) {
             return answerFor(request);
         }
-        parked_.push_back(Parked{request, std::nullopt});
+        parked_.emplace_back(request, std::nullopt);
         const auto index = parked_.size() - 1;
         changed_.notify_all();
-        changed_.wait(lock, [&] { return parked_[index].outcome.has_value(); });
-        return *parked_[index].outcome;
+        changed_.wait(lock, [&] { return parked_[index].second.has_value(); });
+        return *parked_[index].second;
     }
 
     void send(HttpRequest request, Completion completion) override {
-        HttpOutcome outcome = [&] {
-            std::lock_guard lock(mutex_);
-            requests_.push_back(request);
-            return answerFor(request);
-        }();
+        std::unique_lock lock(mutex_);
+        requests_.push_back(request);
+        auto outcome = answerFor(request);
+        lock.unlock();
         mainQueue_.post([completion = std::move(completion), outcome = std::move(outcome)] {
             completion(outcome);
         });
@@ -64,7 +61,7 @@ class FakeHttpClient : public HttpClient {
         holding_ = true;
     }
 
-    // Waits until `count` exchanges are parked in total. False when they did not come.
+    // Waits until `count` exchanges have parked in total. False when they did not come.
     bool waitForParked(std::size_t count) {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, std::chrono::seconds(20),
@@ -74,10 +71,9 @@ class FakeHttpClient : public HttpClient {
     // Lets the parked exchange whose body contains `bodyPart` return `outcome`.
     bool release(std::string_view bodyPart, HttpOutcome outcome) {
         std::lock_guard lock(mutex_);
-        for (auto& parked : parked_) {
-            if (!parked.outcome && parked.request.body &&
-                parked.request.body->find(bodyPart) != std::string::npos) {
-                parked.outcome = std::move(outcome);
+        for (auto& [request, result] : parked_) {
+            if (!result && request.body && request.body->find(bodyPart) != std::string::npos) {
+                result = std::move(outcome);
                 changed_.notify_all();
                 return true;
             }
@@ -85,15 +81,14 @@ class FakeHttpClient : public HttpClient {
         return false;
     }
 
-    std::vector<HttpRequest> requests() const {
+    // Every request so far, or those of `method` whose URL starts with `urlPrefix`.
+    std::vector<HttpRequest> requests(std::string_view method = {},
+                                      std::string_view urlPrefix = {}) const {
         std::lock_guard lock(mutex_);
-        return requests_;
-    }
-
-    std::vector<HttpRequest> requestsTo(std::string_view urlPrefix) const {
         std::vector<HttpRequest> matching;
-        for (auto& request : requests()) {
-            if (request.url.starts_with(urlPrefix)) {
+        for (const auto& request : requests_) {
+            if ((method.empty() || request.method == method) &&
+                request.url.starts_with(urlPrefix)) {
                 matching.push_back(request);
             }
         }
@@ -106,15 +101,11 @@ class FakeHttpClient : public HttpClient {
         std::string urlPrefix;
         HttpOutcome outcome;
     };
-    struct Parked {
-        HttpRequest request;
-        std::optional<HttpOutcome> outcome;
-    };
 
     HttpOutcome answerFor(const HttpRequest& request) const {
-        for (const auto& route : routes_) {
-            if (route.method == request.method && request.url.starts_with(route.urlPrefix)) {
-                return route.outcome;
+        for (auto route = routes_.rbegin(); route != routes_.rend(); ++route) {
+            if (route->method == request.method && request.url.starts_with(route->urlPrefix)) {
+                return route->outcome;
             }
         }
         return HttpTransportError{"no route to " + request.url};
@@ -125,7 +116,7 @@ class FakeHttpClient : public HttpClient {
     std::condition_variable changed_;
     std::vector<Route> routes_;
     std::vector<HttpRequest> requests_;
-    std::vector<Parked> parked_;
+    std::vector<std::pair<HttpRequest, std::optional<HttpOutcome>>> parked_;
     bool holding_ = false;
 };
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <nlohmann/json.hpp>
 
 #include "PairingHarness.h"
@@ -10,8 +12,8 @@ namespace {
 
 using testing::answer;
 using testing::kDefaultAppURL;
-using testing::PairingHarness;
 using Field = PairingModel::Field;
+using nlohmann::json;
 
 const std::string kHandshakeURL = std::string(kDefaultAppURL) + "/api/agent-handshake";
 constexpr const char* kDeskAnswer =
@@ -19,27 +21,24 @@ constexpr const char* kDeskAnswer =
 
 class PairingFlowTest : public ::testing::Test {
   protected:
-    PairingFlowTest() { h.classes.classes.insert("RTCPeerConnectionFactory"); }
-
-    void answerHandshake(HttpOutcome outcome) {
-        h.http.route("POST", kHandshakeURL, std::move(outcome));
+    PairingFlowTest() {
+        h.classes.classes.insert("RTCPeerConnectionFactory");
+        h.http.route("POST", kHandshakeURL, answer(200, kDeskAnswer));
     }
 
-    // The handshakes sent so far, as JSON bodies.
-    std::vector<nlohmann::json> handshakeBodies() const {
-        std::vector<nlohmann::json> bodies;
-        for (const auto& request : h.http.requestsTo(kHandshakeURL)) {
-            bodies.push_back(nlohmann::json::parse(request.body.value_or("null")));
+    std::vector<json> handshakeBodies() const {
+        std::vector<json> bodies;
+        for (const auto& request : h.http.requests("POST", kHandshakeURL)) {
+            bodies.push_back(json::parse(request.body.value_or("null")));
         }
         return bodies;
     }
 
-    PairingHarness h;
+    testing::PairingHarness h;
     PairingModel& model = *h.model;
 };
 
 TEST_F(PairingFlowTest, SuccessStoresRefreshesThenReports) {
-    answerHandshake(answer(200, kDeskAnswer));
     const auto seen = testing::recordAnnouncements(model);
     model.pair("  abc \n");
     EXPECT_TRUE(model.busy());
@@ -54,9 +53,7 @@ TEST_F(PairingFlowTest, SuccessStoresRefreshesThenReports) {
     EXPECT_EQ(model.deviceName(), "Desk");
     EXPECT_EQ(model.status(), "Paired as Desk");
     EXPECT_FALSE(model.busy());
-
-    // "Paired as" is announced only once the store and the mirror say paired; the flag drops
-    // right after it.
+    // "Paired as" is announced only once the store and the mirror say paired; busy drops after.
     const auto success = std::find_if(seen->begin(), seen->end(), [](const auto& a) {
         return a.field == Field::status && a.status == "Pairing…";
     });
@@ -66,14 +63,11 @@ TEST_F(PairingFlowTest, SuccessStoresRefreshesThenReports) {
     ASSERT_NE(success + 1, seen->end());
     EXPECT_EQ((success + 1)->field, Field::busy);
 
-    const auto stored = h.config.load();
-    EXPECT_EQ(stored.accessKey, "abc");
-    EXPECT_EQ(stored.appURL, kDefaultAppURL);
-    EXPECT_EQ(stored.deviceToken, "tok");
-    EXPECT_EQ(stored.relayWsUrl, "wss://relay.test");
-    EXPECT_EQ(stored.deviceId, "dev");
-    const auto expectedBody = nlohmann::json{{"accessKey", "abc"}, {"webrtc", true}};
-    EXPECT_EQ(handshakeBodies(), std::vector<nlohmann::json>{expectedBody});
+    const SharedConfig::Values stored{
+        "abc", kDefaultAppURL, "tok", "wss://relay.test", "dev", "Desk", {}, {}, {}, {}, {}, {}, {},
+        {}};
+    EXPECT_EQ(h.config.load(), stored);
+    EXPECT_EQ(handshakeBodies(), std::vector<json>{json({{"accessKey", "abc"}, {"webrtc", true}})});
 }
 
 TEST_F(PairingFlowTest, ABlankKeyDoesNothingAtAll) {
@@ -86,65 +80,45 @@ TEST_F(PairingFlowTest, ABlankKeyDoesNothingAtAll) {
     EXPECT_TRUE(h.http.requests().empty());
 }
 
-struct FailureCase {
-    const char* name;
-    HttpOutcome outcome;
-    std::string status;
-};
-
-class PairingFailure : public PairingFlowTest, public ::testing::WithParamInterface<FailureCase> {};
-
-TEST_P(PairingFailure, ReportsTheErrorAndKeepsTheEarlierPairing) {
+TEST_F(PairingFlowTest, AFailureIsReportedAndTheEarlierPairingKept) {
     h.storePairing("old", "Old Phone");
     model.refresh();
     h.queue.runReady();
     const auto before = h.config.load();
-    answerHandshake(GetParam().outcome);
-    model.pair("new");
-    ASSERT_TRUE(h.queue.waitAndRun());
-    EXPECT_EQ(model.status(), GetParam().status);
-    EXPECT_FALSE(model.busy());
-    EXPECT_TRUE(model.paired());
-    EXPECT_EQ(model.deviceName(), "Old Phone");
-    EXPECT_EQ(h.config.load(), before);
+    const std::pair<HttpOutcome, std::string> cases[] = {
+        {answer(401, R"({"error":"Invalid access key"})"),
+         "Pairing failed: Handshake 401: Invalid access key"},
+        {testing::transportError("Offline."), "Pairing failed: Offline."},
+        {answer(200, "<html>"), "Pairing failed: " + JsonParseError().description()},
+    };
+    for (const auto& [outcome, status] : cases) {
+        SCOPED_TRACE(status);
+        h.http.route("POST", kHandshakeURL, outcome);
+        model.pair("new");
+        ASSERT_TRUE(h.queue.waitAndRun());
+        EXPECT_EQ(model.status(), status);
+        EXPECT_FALSE(model.busy());
+        EXPECT_TRUE(model.paired());
+        EXPECT_EQ(model.deviceName(), "Old Phone");
+        EXPECT_EQ(h.config.load(), before);
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Errors, PairingFailure,
-    ::testing::Values(FailureCase{"refused", answer(401, R"({"error":"Invalid access key"})"),
-                                  "Pairing failed: Handshake 401: Invalid access key"},
-                      FailureCase{"network",
-                                  testing::transportError("The Internet connection appears to be "
-                                                          "offline."),
-                                  "Pairing failed: The Internet connection appears to be offline."},
-                      FailureCase{"decode", answer(200, R"({"deviceToken":"t"})"),
-                                  "Pairing failed: Bad handshake response"},
-                      FailureCase{"notJson", answer(200, "<html>"),
-                                  "Pairing failed: " + JsonParseError().description()}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(PairingFlowTest, AsksForTheStoredRegionNotThePickersAndTheDefaultService) {
-    auto values = h.config.load();
-    values.relayRegion = "eu";
-    values.appURL = "https://elsewhere.test";
-    h.config.persist(values);
+TEST_F(PairingFlowTest, SendsTheStoredRegionNotThePickersToTheDefaultService) {
     model.setRelayRegion("us");
+    model.pair("k");
+    ASSERT_TRUE(h.queue.waitAndRun());
+    h.update([](auto& values) {
+        values.relayRegion = "eu";
+        values.appURL = "https://elsewhere.test";
+    });
     h.classes.classes.clear();
-    answerHandshake(answer(500, "down"));
     model.pair("k");
     ASSERT_TRUE(h.queue.waitAndRun());
-    const auto expectedBody =
-        nlohmann::json{{"accessKey", "k"}, {"webrtc", false}, {"preferredRegion", "eu"}};
-    EXPECT_EQ(handshakeBodies(), std::vector<nlohmann::json>{expectedBody});
-}
-
-TEST_F(PairingFlowTest, WithoutAStoredRegionNoneIsSent) {
-    model.setRelayRegion("us");
-    answerHandshake(answer(500, "down"));
-    model.pair("k");
-    ASSERT_TRUE(h.queue.waitAndRun());
-    ASSERT_EQ(handshakeBodies().size(), 1u);
-    EXPECT_FALSE(handshakeBodies()[0].contains("preferredRegion"));
+    EXPECT_EQ(
+        handshakeBodies(),
+        (std::vector<json>{{{"accessKey", "k"}, {"webrtc", true}},
+                           {{"accessKey", "k"}, {"webrtc", false}, {"preferredRegion", "eu"}}}));
 }
 
 TEST_F(PairingFlowTest, TwoPairingsInFlightEachReportAndTheFirstToEndClearsBusy) {
@@ -174,38 +148,36 @@ TEST_F(PairingFlowTest, AnOutcomeArrivingAfterTheModelIsGoneIsDropped) {
     EXPECT_EQ(h.config.load(), SharedConfig::Values{});
 }
 
-struct LinkCase {
-    const char* url;
-    std::optional<std::string> pairedWith;
-};
-
-class DeepLink : public PairingFlowTest, public ::testing::WithParamInterface<LinkCase> {};
-
-TEST_P(DeepLink, PairsWithTheFirstKeyItemOnly) {
-    answerHandshake(answer(200, kDeskAnswer));
+TEST_F(PairingFlowTest, DeepLinksPairWithTheFirstKeyItemOnly) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"anything://open?foo=1&accessKey=K1&key=K2", "K1"},
+        {"https://app.test/pair?key=K2&accessKey=K1", "K2"},
+        {"x://y?key=a%2Bb", "a+b"},
+        {"x://y?key=%20spaced%20", "spaced"},
+        // No pairing: an empty or valueless first item ends the search; names are exact.
+        {"x://y?key=", nullptr},
+        {"x://y?key&accessKey=K", nullptr},
+        {"x://y?key=&accessKey=K", nullptr},
+        {"x://y?Key=K", nullptr},
+        {"x://y#key=K", nullptr},
+        {"not a link", nullptr},
+    };
     const auto seen = testing::recordAnnouncements(model);
-    model.handleDeepLink(GetParam().url);
-    if (!GetParam().pairedWith) {
-        EXPECT_TRUE(seen->empty());
-        EXPECT_TRUE(h.http.requests().empty());
-        return;
+    for (const auto& [url, key] : cases) {
+        SCOPED_TRACE(url);
+        const auto sent = h.http.requests().size();
+        seen->clear();
+        model.handleDeepLink(url);
+        if (!key) {
+            EXPECT_TRUE(seen->empty());
+            EXPECT_EQ(h.http.requests().size(), sent);
+            continue;
+        }
+        ASSERT_TRUE(h.queue.waitAndRun());
+        EXPECT_EQ(handshakeBodies().back()["accessKey"], key);
+        EXPECT_EQ(model.status(), "Paired as Desk");
     }
-    ASSERT_TRUE(h.queue.waitAndRun());
-    ASSERT_EQ(handshakeBodies().size(), 1u);
-    EXPECT_EQ(handshakeBodies()[0]["accessKey"], *GetParam().pairedWith);
-    EXPECT_EQ(model.status(), "Paired as Desk");
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Links, DeepLink,
-    ::testing::Values(
-        LinkCase{"anything://open?foo=1&accessKey=K1&key=K2", "K1"},
-        LinkCase{"https://app.test/pair?key=K2&accessKey=K1", "K2"},
-        LinkCase{"x://y?key=a%2Bb", "a+b"}, LinkCase{"x://y?key=%20spaced%20", "spaced"},
-        LinkCase{"x://y?key=", std::nullopt}, LinkCase{"x://y?key&accessKey=K", std::nullopt},
-        LinkCase{"x://y?key=&accessKey=K", std::nullopt}, LinkCase{"x://y?Key=K", std::nullopt},
-        LinkCase{"x://y?k=K", std::nullopt}, LinkCase{"x://y#key=K", std::nullopt},
-        LinkCase{"x://y?key=%20", std::nullopt}, LinkCase{"not a link", std::nullopt}));
 
 }  // namespace
 }  // namespace velmorand

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -62,13 +63,16 @@ struct PairingHarness {
         .appURL = kDefaultAppURL,
     });
 
+    // Loads the stored record, lets `change` edit it and persists it whole.
+    void update(const std::function<void(SharedConfig::Values&)>& change) {
+        auto values = config.load();
+        change(values);
+        config.persist(values);
+    }
+
     void storePairing(const std::string& accessKey, const std::string& deviceName) {
-        HandshakeResult result;
-        result.deviceToken = "token-" + accessKey;
-        result.relayWsUrl = "wss://relay.test";
-        result.deviceId = "id-" + accessKey;
-        result.deviceName = deviceName;
-        config.save(accessKey, kDefaultAppURL, result);
+        config.save(accessKey, kDefaultAppURL,
+                    HandshakeResult{"token-" + accessKey, "wss://relay.test", "id", deviceName});
     }
 };
 
@@ -78,15 +82,12 @@ struct Announcement {
     bool paired;
     std::string status;
     bool busy;
-    std::string wdaStatus;
-    bool bridgeBusy;
 };
 
 inline std::shared_ptr<std::vector<Announcement>> recordAnnouncements(PairingModel& model) {
     auto seen = std::make_shared<std::vector<Announcement>>();
     model.addObserver([&model, seen](PairingModel::Field field) {
-        seen->push_back(Announcement{field, model.paired(), model.status(), model.busy(),
-                                     model.wdaStatus(), model.bridgeBusy()});
+        seen->push_back({field, model.paired(), model.status(), model.busy()});
     });
     return seen;
 }

@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include <nlohmann/json.hpp>
 
 #include "PairingHarness.h"
@@ -10,18 +7,11 @@
 namespace velmorand {
 namespace {
 
-using testing::PairingHarness;
 using Field = PairingModel::Field;
 
 class PairingModelTest : public ::testing::Test {
   protected:
-    void persist(const std::function<void(SharedConfig::Values&)>& change) {
-        auto values = h.config.load();
-        change(values);
-        h.config.persist(values);
-    }
-
-    PairingHarness h;
+    testing::PairingHarness h;
     PairingModel& model = *h.model;
 };
 
@@ -38,7 +28,7 @@ TEST_F(PairingModelTest, RefreshOfAFreshInstallReadsAsUnpaired) {
 
 TEST_F(PairingModelTest, RefreshMirrorsTheStoreAndKeepsTheLastKnownBridgeUrl) {
     h.storePairing("K", "Desk");
-    persist([](auto& values) {
+    h.update([](auto& values) {
         values.relayRegion = "eu";
         values.relayOverride = "wss://mine.test";
         values.bridgeUrl = "https://bridge.test";
@@ -50,10 +40,7 @@ TEST_F(PairingModelTest, RefreshMirrorsTheStoreAndKeepsTheLastKnownBridgeUrl) {
     EXPECT_EQ(model.relayOverride(), "wss://mine.test");
     EXPECT_EQ(model.bridgeUrl(), "https://bridge.test");
 
-    persist([](auto& values) { values.bridgeUrl = ""; });
-    model.refresh();
-    EXPECT_EQ(model.bridgeUrl(), "https://bridge.test");
-    h.config.clear();
+    h.update([](auto& values) { values.bridgeUrl = ""; });
     model.refresh();
     EXPECT_EQ(model.bridgeUrl(), "https://bridge.test");
 }
@@ -75,43 +62,34 @@ TEST_F(PairingModelTest, RefreshAnnouncesEveryAssignmentEvenWithoutChangeAndLeav
     EXPECT_EQ(model.status(), "kept");
 }
 
-struct RelayCase {
-    const char* region;
-    const char* typedOverride;
-    const char* storedOverride;
-};
-
-class SaveRelay : public PairingModelTest, public ::testing::WithParamInterface<RelayCase> {};
-
-TEST_P(SaveRelay, StoresTheRegionAsTypedAndTheOverrideTrimmedButUnchecked) {
+TEST_F(PairingModelTest, SaveRelayStoresTheRegionAsTypedAndTheOverrideTrimmedButUnchecked) {
     h.storePairing("K", "Desk");
-    persist([](auto& values) {
+    h.update([](auto& values) {
         values.codec = "h264";
         values.fps = 30;
     });
-    const auto before = h.config.load();
-    model.setRelayRegion(GetParam().region);
-    model.setRelayOverride(GetParam().typedOverride);
-    model.saveRelay();
-
-    auto expected = before;
-    expected.relayRegion = GetParam().region;
-    expected.relayOverride = GetParam().storedOverride;
-    EXPECT_EQ(h.config.load(), expected);
-    EXPECT_EQ(model.relayOverride(), GetParam().typedOverride);
-    EXPECT_EQ(model.status(), "Relay preference saved — applies on next broadcast start.");
+    const char* cases[][3] = {// region, typed override, stored override
+                              {"eu", "  wss://relay.test/x \n", "wss://relay.test/x"},
+                              {"us", "http://other.test", "http://other.test"},
+                              {" mars ", "not a url", "not a url"},
+                              {"auto", "   ", ""}};
+    for (const auto& [region, typed, stored] : cases) {
+        SCOPED_TRACE(typed);
+        auto expected = h.config.load();
+        expected.relayRegion = region;
+        expected.relayOverride = stored;
+        model.setRelayRegion(region);
+        model.setRelayOverride(typed);
+        model.saveRelay();
+        EXPECT_EQ(h.config.load(), expected);
+        EXPECT_EQ(model.relayOverride(), typed);
+        EXPECT_EQ(model.status(), "Relay preference saved — applies on next broadcast start.");
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Overrides, SaveRelay,
-    ::testing::Values(RelayCase{"eu", "  wss://relay.test/x \n", "wss://relay.test/x"},
-                      RelayCase{"us", "http://other.test", "http://other.test"},
-                      RelayCase{" mars ", "not a url", "not a url"}, RelayCase{"auto", "   ", ""},
-                      RelayCase{"", "", ""}));
 
 TEST_F(PairingModelTest, UnpairClearsEverythingButTheBridgeUrlAndSaysSo) {
     h.storePairing("K", "Desk");
-    persist([](auto& values) {
+    h.update([](auto& values) {
         values.relayRegion = "eu";
         values.bridgeUrl = "https://bridge.test";
     });
@@ -136,52 +114,42 @@ TEST_F(PairingModelTest, BroadcastExtensionIdPrefersTheFoundExtension) {
     EXPECT_EQ(model.broadcastExtensionID(), "co.velmorand.connect.broadcast");
 }
 
-struct CopyCase {
-    const char* field;
-    std::optional<std::string> storedKey;
-    std::optional<std::string> copied;
-};
-
-class CopyPairURL : public PairingModelTest, public ::testing::WithParamInterface<CopyCase> {};
-
-TEST_P(CopyPairURL, CopiesTheTypedElseStoredKeyUnencoded) {
-    if (GetParam().storedKey) {
-        persist([&](auto& values) { values.accessKey = GetParam().storedKey; });
-    }
-    model.copyPairURL(GetParam().field);
-    if (GetParam().copied) {
-        EXPECT_EQ(h.pasteboard.strings,
-                  std::vector<std::string>{model.pairLinkPrefix() + *GetParam().copied});
-        EXPECT_EQ(model.status(), "Copied pair URL.");
-    } else {
-        EXPECT_TRUE(h.pasteboard.strings.empty());
-        EXPECT_EQ(model.status(), "Paste an access key first.");
+TEST_F(PairingModelTest, CopyPairUrlTakesTheTypedElseStoredKeyUnencoded) {
+    const struct {
+        const char* field;
+        std::optional<std::string> storedKey;
+        const char* copied;
+    } cases[] = {{"", "S", "S"},           {" \n", " S2 ", "S2"},       {" A b ", "S", "A b"},
+                 {"T", std::nullopt, "T"}, {"", std::nullopt, nullptr}, {"  ", "  ", nullptr}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.field);
+        h.update([&](auto& values) { values.accessKey = c.storedKey; });
+        h.pasteboard.strings.clear();
+        model.copyPairURL(c.field);
+        if (c.copied) {
+            EXPECT_EQ(h.pasteboard.strings,
+                      std::vector<std::string>{model.pairLinkPrefix() + c.copied});
+            EXPECT_EQ(model.status(), "Copied pair URL.");
+        } else {
+            EXPECT_TRUE(h.pasteboard.strings.empty());
+            EXPECT_EQ(model.status(), "Paste an access key first.");
+        }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Keys, CopyPairURL,
-                         ::testing::Values(CopyCase{"", "S", "S"}, CopyCase{" \n", " S2 ", "S2"},
-                                           CopyCase{" A b ", "S", "A b"},
-                                           CopyCase{"T", std::nullopt, "T"},
-                                           CopyCase{"", std::nullopt, std::nullopt},
-                                           CopyCase{"  ", "  ", std::nullopt}));
-
-TEST_F(PairingModelTest, AScannedCodeWithoutKeyLeavesTheFieldAndSaysSo) {
+TEST_F(PairingModelTest, AScannedCodeFillsTheFieldAndPairsOrSaysItHadNoKey) {
     std::string field = "typed";
     model.applyScannedCode(field, "https://app.test/pair?mykey=abc");
     EXPECT_EQ(field, "typed");
     EXPECT_EQ(model.status(), "QR had no pair key.");
     EXPECT_FALSE(model.busy());
     EXPECT_TRUE(h.http.requests().empty());
-}
 
-TEST_F(PairingModelTest, AScannedCodeWithKeyFillsTheFieldAndPairs) {
-    std::string field = "typed";
     model.applyScannedCode(field, "https://app.test/pair?key=a%2Bb");
     EXPECT_EQ(field, "a+b");
     EXPECT_EQ(model.status(), "Pairing…");
     ASSERT_TRUE(h.queue.waitAndRun());
-    const auto sent = h.http.requestsTo(testing::kDefaultAppURL);
+    const auto sent = h.http.requests("POST");
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(nlohmann::json::parse(*sent[0].body)["accessKey"], "a+b");
 }

@@ -12,8 +12,8 @@
 
 namespace velmorand::testing {
 
-// A test-driven main queue that background threads may post to: posted work waits in an inbox
-// until the test thread runs it; delayed work runs on ManualMainQueue's clock.
+// A main queue that background threads may post to: posted work waits until the test thread runs
+// it; delayed work runs on ManualMainQueue's clock (scheduled from the test thread only).
 class ThreadedMainQueue : public MainQueue {
   public:
     void post(Task task) override {
@@ -24,7 +24,6 @@ class ThreadedMainQueue : public MainQueue {
         posted_.notify_all();
     }
 
-    // Main thread only, as everything that schedules delayed work runs there.
     std::shared_ptr<WorkItem> postAfter(Duration delay, Task task) override {
         return clock_.postAfter(delay, [this, task = std::move(task)] {
             task();
@@ -36,10 +35,9 @@ class ThreadedMainQueue : public MainQueue {
     void runReady() {
         while (true) {
             std::deque<Task> batch;
-            {
-                std::lock_guard lock(mutex_);
-                batch.swap(inbox_);
-            }
+            std::unique_lock lock(mutex_);
+            batch.swap(inbox_);
+            lock.unlock();
             if (batch.empty()) {
                 return;
             }
@@ -50,13 +48,12 @@ class ThreadedMainQueue : public MainQueue {
     }
 
     // Waits for background work to post something, then runs it. False when nothing came.
-    bool waitAndRun(std::chrono::seconds bound = std::chrono::seconds(20)) {
-        {
-            std::unique_lock lock(mutex_);
-            if (!posted_.wait_for(lock, bound, [&] { return !inbox_.empty(); })) {
-                return false;
-            }
+    bool waitAndRun() {
+        std::unique_lock lock(mutex_);
+        if (!posted_.wait_for(lock, std::chrono::seconds(20), [&] { return !inbox_.empty(); })) {
+            return false;
         }
+        lock.unlock();
         runReady();
         return true;
     }

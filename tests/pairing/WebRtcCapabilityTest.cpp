@@ -5,72 +5,53 @@
 namespace velmorand {
 namespace {
 
-using testing::PairingHarness;
-
 constexpr const char* kMarker = "p2p_load_pending";
-constexpr const char* kClearedLine = "[velmorand] cleared stale WebRTC load-pending — retrying P2P";
 
-class WebRtcCapabilityTest : public ::testing::Test {
-  protected:
-    void linkWebRtc() { h.classes.classes.insert("RTCPeerConnectionFactory"); }
+TEST(WebRtcCapability, ClearsAStaleMarkerOnceInTheStoreThatHoldsIt) {
+    const struct {
+        bool linked, granted, groupOpens, available, groupAfter, standardAfter;
+    } cases[] = {
+        // Without the library nothing is touched.
+        {false, true, true, false, true, true},
+        {true, false, true, true, true, false},
+        {true, true, true, true, false, true},
+        {true, true, false, true, true, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        testing::PairingHarness h;
+        if (c.granted) {
+            testing::grantAppGroup(h.dir.path());
+        }
+        h.stores.groupOpens = c.groupOpens;
+        if (c.linked) {
+            h.classes.classes.insert("RTCPeerConnectionFactory");
+        }
+        h.stores.group->setBool(kMarker, true);
+        h.stores.standardStore->setBool(kMarker, true);
 
-    PairingHarness h;
-    testing::InMemorySettingsStore& group = *h.stores.group;
-    testing::InMemorySettingsStore& standard = *h.stores.standardStore;
-};
+        EXPECT_EQ(h.webRtc.isAvailable(), c.available);
+        EXPECT_EQ(h.webRtc.isAvailable(), c.available);
+        // Cleared means set to false, not removed.
+        EXPECT_EQ(h.stores.group->object(kMarker), StoredValue{c.groupAfter});
+        EXPECT_EQ(h.stores.standardStore->object(kMarker), StoredValue{c.standardAfter});
+        const int cleared = (c.groupAfter ? 0 : 1) + (c.standardAfter ? 0 : 1);
+        EXPECT_EQ(h.stores.group->synchronizeCount + h.stores.standardStore->synchronizeCount,
+                  cleared);
+        EXPECT_EQ(h.log.lines(),
+                  std::vector<std::string>(cleared,
+                                           "[velmorand] cleared stale WebRTC load-pending — "
+                                           "retrying P2P"));
+    }
+}
 
-TEST_F(WebRtcCapabilityTest, WithoutTheLibraryItIsUnavailableAndTheMarkerStays) {
-    standard.setBool(kMarker, true);
-    EXPECT_FALSE(h.webRtc.isAvailable());
-    EXPECT_TRUE(standard.boolean(kMarker));
+TEST(WebRtcCapability, NoMarkerMeansNoWrite) {
+    testing::PairingHarness h;
+    h.classes.classes.insert("RTCPeerConnectionFactory");
+    EXPECT_TRUE(h.webRtc.isAvailable());
+    EXPECT_FALSE(h.stores.standardStore->object(kMarker));
+    EXPECT_EQ(h.stores.standardStore->synchronizeCount, 0);
     EXPECT_TRUE(h.log.lines().empty());
-}
-
-TEST_F(WebRtcCapabilityTest, AStaleMarkerIsClearedOnceAndLogged) {
-    linkWebRtc();
-    standard.setBool(kMarker, true);
-    EXPECT_TRUE(h.webRtc.isAvailable());
-    EXPECT_EQ(standard.object(kMarker), StoredValue{false});
-    EXPECT_EQ(standard.synchronizeCount, 1);
-    EXPECT_TRUE(h.webRtc.isAvailable());
-    EXPECT_EQ(h.log.lines(), std::vector<std::string>{kClearedLine});
-}
-
-TEST_F(WebRtcCapabilityTest, NoMarkerMeansNoWrite) {
-    linkWebRtc();
-    EXPECT_TRUE(h.webRtc.isAvailable());
-    EXPECT_FALSE(standard.object(kMarker));
-    EXPECT_EQ(standard.synchronizeCount, 0);
-    EXPECT_TRUE(h.log.lines().empty());
-}
-
-TEST_F(WebRtcCapabilityTest, WithTheAppGroupTheGroupStoreHoldsTheMarker) {
-    testing::grantAppGroup(h.dir.path());
-    linkWebRtc();
-    group.setBool(kMarker, true);
-    standard.setBool(kMarker, true);
-    EXPECT_TRUE(h.webRtc.isAvailable());
-    EXPECT_EQ(group.object(kMarker), StoredValue{false});
-    EXPECT_TRUE(standard.boolean(kMarker));
-    EXPECT_EQ(h.log.lines().size(), 1u);
-}
-
-TEST_F(WebRtcCapabilityTest, WithoutTheAppGroupTheStandardStoreHoldsTheMarker) {
-    linkWebRtc();
-    group.setBool(kMarker, true);
-    standard.setBool(kMarker, true);
-    EXPECT_TRUE(h.webRtc.isAvailable());
-    EXPECT_TRUE(group.boolean(kMarker));
-    EXPECT_EQ(standard.object(kMarker), StoredValue{false});
-}
-
-TEST_F(WebRtcCapabilityTest, AGroupSuiteThatWillNotOpenFallsBackToTheStandardStore) {
-    testing::grantAppGroup(h.dir.path());
-    h.stores.groupOpens = false;
-    linkWebRtc();
-    standard.setBool(kMarker, true);
-    EXPECT_TRUE(h.webRtc.isAvailable());
-    EXPECT_EQ(standard.object(kMarker), StoredValue{false});
 }
 
 }  // namespace
