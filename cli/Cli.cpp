@@ -38,7 +38,7 @@ int run(int argc, char** argv) {
     addConfigCommands(app, context, action);
     addRelayClientCommand(app, context, action);
     addPairingCommands(app, context, action);
-    addEncodeCommands(app, context, options, action);
+    addEncodeCommands(app, context, action);
 
     try {
         app.parse(argc, argv);

@@ -88,6 +88,16 @@ const Bundle& CliContext::bundle() {
     return stores_->environment.bundle;
 }
 
+const AppGroup& CliContext::appGroup() {
+    config();
+    return stores_->appGroup;
+}
+
+const GroupContainers& CliContext::groupContainers() {
+    config();
+    return stores_->environment.groupContainers;
+}
+
 Log& CliContext::log() {
     static StderrLog log;
     return log;

@@ -10,7 +10,9 @@
 namespace velmorand {
 
 class SharedConfig;
+class AppGroup;
 class Bundle;
+class GroupContainers;
 class MainQueue;
 class HttpClient;
 class Log;
@@ -36,6 +38,8 @@ class CliContext {
 
     SharedConfig& config();
     const Bundle& bundle();
+    const AppGroup& appGroup();
+    const GroupContainers& groupContainers();
     Log& log();
     // --service-url, else $VELMORAND_SERVICE_URL, else the build's default.
     std::string serviceUrl() const;

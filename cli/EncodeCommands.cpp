@@ -10,9 +10,7 @@
 
 #include "Cli.h"
 #include "CliContext.h"
-#include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
-#include "velmorand/desktop/DesktopBundle.h"
 #include "velmorand/ui/EncodeSection.h"
 #include "velmorand/ui/ExtensionLog.h"
 #include "velmorand/ui/MainScreen.h"
@@ -53,10 +51,8 @@ int saveEncode(SharedConfig& config, const EncodeEdits& edits) {
     return kExitSuccess;
 }
 
-int printLog(CliContext& context, const GlobalOptions& options) {
-    const AppGroup appGroup(context.bundle());
-    const DesktopGroupContainers containers(DataRoot::resolve(options.locations.dataDir));
-    const auto log = ExtensionLog::readExtLog(appGroup, containers);
+int printLog(CliContext& context) {
+    const auto log = ExtensionLog::readExtLog(context.appGroup(), context.groupContainers());
     std::cout << MainScreen::logText(log);
     if (log.empty() || log.back() != '\n') {
         std::cout << '\n';
@@ -66,8 +62,7 @@ int printLog(CliContext& context, const GlobalOptions& options) {
 
 }  // namespace
 
-void addEncodeCommands(CLI::App& app, CliContext& context, const GlobalOptions& options,
-                       Action& action) {
+void addEncodeCommands(CLI::App& app, CliContext& context, Action& action) {
     auto* encode = app.add_subcommand(
         "encode",
         "Save the encode preferences the upload extension applies at its next start; values "
@@ -85,9 +80,7 @@ void addEncodeCommands(CLI::App& app, CliContext& context, const GlobalOptions& 
     });
 
     auto* log = app.add_subcommand("log", "Print the last 4000 characters of extension.log");
-    log->callback([&context, &options, &action] {
-        action = [&context, &options] { return printLog(context, options); };
-    });
+    log->callback([&context, &action] { action = [&context] { return printLog(context); }; });
 }
 
 }  // namespace velmorand::cli

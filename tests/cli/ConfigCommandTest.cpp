@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "CommandRunner.h"
@@ -90,6 +91,27 @@ TEST_F(ConfigCommandTest, UsageErrorsExitTwoWithOneLine) {
     const auto help = velmorand({"--help"});
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_NE(help.out.find("config"), std::string::npos);
+}
+
+TEST_F(ConfigCommandTest, EncodeClampsWhatItSavesAndKeepsWhatIsNotGiven) {
+    const auto saved =
+        velmorand({"encode", "--codec", " H264 ", "--fps", "90", "--quality", "0.05"});
+    EXPECT_EQ(saved.exitCode, 0) << saved.err;
+    EXPECT_EQ(saved.out,
+              "Saved — applies on next Start Broadcast.\n"
+              "codec: h264\nfps: 60\nquality: 0.1\nscale: 0.5\n");
+    EXPECT_EQ(velmorand({"encode", "--scale", "0.75"}).out,
+              "Saved — applies on next Start Broadcast.\n"
+              "codec: h264\nfps: 60\nquality: 0.1\nscale: 0.75\n");
+    EXPECT_EQ(velmorand({"encode", "--fps", "abc"}).exitCode, 2);
+}
+
+TEST_F(ConfigCommandTest, LogPrintsTheExtensionLogOrSaysItIsEmpty) {
+    EXPECT_EQ(velmorand({"log"}).out, "(empty — start a broadcast first)\n");
+    const auto container = data_.path() / "Group Containers" / "group.co.velmorand.connect";
+    std::filesystem::create_directories(container);
+    std::ofstream(container / "extension.log") << "started\ncontrol: tap x=1 y=2\n";
+    EXPECT_EQ(velmorand({"log"}).out, "started\ncontrol: tap x=1 y=2\n");
 }
 
 }  // namespace
