@@ -1,11 +1,10 @@
-#include <gtest/gtest.h>
+#include "velmorand/extension/Broadcast.h"
 
-#include <algorithm>
+#include <gtest/gtest.h>
 
 #include "../relay/FakeWebSocket.h"
 #include "ManualMainQueue.h"
 #include "RecordingLog.h"
-#include "velmorand/extension/Broadcast.h"
 #include "velmorand/extension/EventLines.h"
 #include "velmorand/relay/RelayClient.h"
 
@@ -13,42 +12,33 @@ namespace velmorand::extension {
 namespace {
 
 using namespace std::chrono_literals;
+using Lines = std::vector<std::string>;
 
 constexpr const char* kToken = "device-token-7f3a";
 
 class BroadcastTest : public ::testing::Test {
   protected:
-    BroadcastTest()
-        : client_(RelayClient::make("ws://relay.test/r", kToken,
-                                    RelayClient::Services{.mainQueue = queue_,
-                                                          .log = log_,
-                                                          .makeSession = sockets_.factory(),
-                                                          .random = [] { return 0.5; }})),
-          broadcast_(*client_, log_, queue_, [this](int status) { stops_.push_back(status); }) {}
-
     // Connects and proves the link, so that replies go out.
-    std::shared_ptr<testing::FakeWebSocketTask> begin() {
+    BroadcastTest() {
         SharedConfig::EncodeValues encode;
         encode.codec = "h264";
         encode.fps = 30;
         encode.quality = 0.25;
         broadcast_.begin(RelayBase{"ws://relay.test/r", RelayBase::Source::customUrl}, encode);
         EXPECT_EQ(sockets_.tasks.size(), 1u);
-        auto task = sockets_.tasks.back();
-        sockets_.open(task);
-        queue_.runReady();
-        return task;
-    }
-
-    void deliver(testing::FakeWebSocketTask& task, const std::string& frame) {
-        ASSERT_TRUE(task.deliverText(frame)) << frame;
+        task_ = sockets_.tasks.back();
+        sockets_.open(task_);
         queue_.runReady();
     }
 
-    // The lines logged since the last call.
-    std::vector<std::string> newLines() {
+    // Delivers the frames and returns the lines logged since the last call.
+    Lines deliver(std::initializer_list<std::string> frames = {}) {
+        for (const auto& frame : frames) {
+            EXPECT_TRUE(task_->deliverText(frame)) << frame;
+            queue_.runReady();
+        }
         const auto all = log_.lines();
-        std::vector<std::string> fresh(all.begin() + static_cast<std::ptrdiff_t>(seen_), all.end());
+        Lines fresh(all.begin() + static_cast<std::ptrdiff_t>(seen_), all.end());
         seen_ = all.size();
         return fresh;
     }
@@ -56,32 +46,29 @@ class BroadcastTest : public ::testing::Test {
     testing::ManualMainQueue queue_;
     testing::RecordingLog log_;
     testing::FakeWebSockets sockets_;
-    std::shared_ptr<RelayClient> client_;
+    std::shared_ptr<RelayClient> client_ = RelayClient::make(
+        "ws://relay.test/r", kToken,
+        {.mainQueue = queue_, .log = log_, .makeSession = sockets_.factory(), .random = [] {
+             return 0.5;
+         }});
     std::vector<int> stops_;
-    Broadcast broadcast_;
+    Broadcast broadcast_{*client_, log_, queue_, [this](int status) { stops_.push_back(status); }};
+    std::shared_ptr<testing::FakeWebSocketTask> task_;
     std::size_t seen_ = 0;
 };
 
 TEST_F(BroadcastTest, BeginLogsTheRelayAndEncodeThenConnectsWithTheToken) {
-    const auto task = begin();
-    EXPECT_EQ(newLines(), (std::vector<std::string>{
-                              "relay: ws://relay.test/r/device (custom URL)",
-                              "encode: h264, 30 fps, quality 25%, scale 50%",
-                              "relay: link open",
-                          }));
-    EXPECT_EQ(task->request.url, "ws://relay.test/r/device");
-    EXPECT_EQ(task->request.headers,
+    EXPECT_EQ(deliver(),
+              (Lines{"relay: ws://relay.test/r/device (custom URL)",
+                     "encode: h264, 30 fps, quality 25%, scale 50%", "relay: link open"}));
+    EXPECT_EQ(task_->request.url, "ws://relay.test/r/device");
+    EXPECT_EQ(task_->request.headers,
               (std::vector<std::pair<std::string, std::string>>{{"x-device-token", kToken}}));
 }
 
 TEST_F(BroadcastTest, EachViewerEventIsOneLine) {
-    const auto task = begin();
-    newLines();
-    struct Case {
-        std::string frame;
-        std::string line;
-    };
-    const std::vector<Case> cases = {
+    deliver();
+    const std::pair<std::string, std::string> cases[] = {
         {R"({"type":"tap","x":10,"y":20.5})", "control: tap x=10 y=20.5"},
         {R"({"type":"swipe","from":{"x":1,"y":2},"to":{"x":3,"y":4},"ms":300})",
          "control: swipe from x=1 y=2 to x=3 y=4 ms=300"},
@@ -106,79 +93,58 @@ TEST_F(BroadcastTest, EachViewerEventIsOneLine) {
         {R"({"type":"webrtc_offer","sdp":"v=0 secret-ish body"})",
          R"(webrtc: "webrtc_offer" (no WebRTC in this desktop build))"},
     };
-    for (const auto& c : cases) {
-        deliver(*task, c.frame);
-        EXPECT_EQ(newLines(), std::vector<std::string>{c.line}) << c.frame;
+    for (const auto& [frame, line] : cases) {
+        EXPECT_EQ(deliver({frame}), Lines{line}) << frame;
     }
 }
 
-TEST_F(BroadcastTest, ProbesAreAnsweredWithoutLogging) {
-    const auto task = begin();
-    newLines();
-    deliver(*task, R"({"type":"ping"})");
-    deliver(*task, R"({"type":"latency_ping","t":12,"viewerId":"v1"})");
-    deliver(*task, R"({"type":"device_online"})");
-    EXPECT_TRUE(newLines().empty());
-    ASSERT_EQ(task->sent.size(), 2u);
-    EXPECT_EQ(task->sent[0], R"({"type":"pong"})");
-    EXPECT_NE(task->sent[1].find("latency_pong"), std::string::npos);
-}
+TEST_F(BroadcastTest, ProbesAreAnsweredWithoutLoggingAndQualityReportsAreSampled) {
+    deliver();
+    EXPECT_TRUE(deliver({R"({"type":"ping"})", R"({"type":"latency_ping","t":12,"viewerId":"v1"})",
+                         R"({"type":"device_online"})"})
+                    .empty());
+    ASSERT_EQ(task_->sent.size(), 2u);
+    EXPECT_EQ(task_->sent[0], R"({"type":"pong"})");
+    EXPECT_NE(task_->sent[1].find("latency_pong"), std::string::npos);
 
-TEST_F(BroadcastTest, QualityReportsAreSampled) {
-    const auto task = begin();
-    newLines();
-    const std::uint64_t reports = 2 * Broadcast::kQosEvery + 1;
+    const auto reports = 2 * Broadcast::kQosEvery + 1;
     for (std::uint64_t i = 0; i < reports; ++i) {
-        deliver(*task, R"({"type":"qos","rttMs":80,"lossPct":1.5,"tier":"high"})");
+        task_->deliverText(R"({"type":"qos","rttMs":80,"lossPct":1.5,"tier":"high"})");
+        queue_.runReady();
     }
-    const auto lines = newLines();
+    const auto lines = deliver();
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[0], R"(qos #1: rtt=80ms loss=1.5% tier="high" decodeQueue=0 jitter=0ms)");
     EXPECT_EQ(lines[1].rfind("qos #" + std::to_string(Broadcast::kQosEvery + 1) + ":", 0), 0u);
     EXPECT_EQ(lines[2].rfind("qos #" + std::to_string(reports) + ":", 0), 0u);
 }
 
-TEST_F(BroadcastTest, RejectedTokenStopsOnceWithStatusOneAfterTheClose) {
-    const auto task = begin();
-    newLines();
-    sockets_.close(task, 4401, "unauthorized");
-    // Nothing happens until the main queue runs.
-    EXPECT_TRUE(stops_.empty());
+TEST_F(BroadcastTest, RejectedTokenStopsOnceWithStatusOneAndNoLineCarriesTheToken) {
+    deliver({R"({"type":"key","key":"Enter"})", R"({"type":"launch_app","bundleId":"com.x"})"});
+    sockets_.close(task_, 4401, "unauthorized");
+    EXPECT_TRUE(stops_.empty());  // nothing happens until the main queue runs
     queue_.runReady();
     EXPECT_EQ(stops_, std::vector<int>{1});
-    const auto lines = newLines();
+    const auto lines = deliver();
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.front(), "[relay-client] closed code=4401 unauthorized");
     EXPECT_EQ(lines.back(), EventLines::kAuthRejected);
-
     // A second rejection before the program ends changes nothing.
     client_->connect();
     sockets_.close(sockets_.tasks.back(), 4401, "unauthorized");
     queue_.runReady();
     EXPECT_EQ(stops_, std::vector<int>{1});
+    EXPECT_GE(log_.lines().size(), 7u);
+    for (const auto& line : log_.lines()) {
+        EXPECT_EQ(line.find(kToken), std::string::npos) << line;
+    }
 }
 
 TEST_F(BroadcastTest, OtherClosesKeepReconnecting) {
-    const auto task = begin();
-    sockets_.close(task, 1011, "going away");
+    sockets_.close(task_, 1011, "going away");
     queue_.advance(5s);
     EXPECT_TRUE(stops_.empty());
     EXPECT_EQ(sockets_.tasks.size(), 2u);
-}
-
-TEST_F(BroadcastTest, NoLineCarriesTheToken) {
-    const auto task = begin();
-    for (const char* frame : {R"({"type":"key","key":"Enter"})", R"({"type":"need_stream"})",
-                              R"({"type":"launch_app","bundleId":"com.x"})"}) {
-        deliver(*task, frame);
-    }
-    sockets_.close(task, 4401, "bad token");
-    queue_.runReady();
-    const auto lines = log_.lines();
-    EXPECT_GE(lines.size(), 8u);
-    for (const auto& line : lines) {
-        EXPECT_EQ(line.find(kToken), std::string::npos) << line;
-    }
 }
 
 }  // namespace

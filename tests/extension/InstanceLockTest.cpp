@@ -1,3 +1,5 @@
+#include "velmorand/extension/InstanceLock.h"
+
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -5,7 +7,6 @@
 #include <fstream>
 
 #include "TempDir.h"
-#include "velmorand/extension/InstanceLock.h"
 
 namespace velmorand::extension {
 namespace {
@@ -16,14 +17,8 @@ int tryInChild(const std::filesystem::path& file, long expectedPid) {
     const pid_t child = ::fork();
     if (child == 0) {
         const InstanceLock lock(file);
-        int status = 2;
-        if (lock.held()) {
-            status = 0;
-        } else if (!lock.error() &&
-                   lock.holder() == (expectedPid ? std::optional(expectedPid) : std::nullopt)) {
-            status = 1;
-        }
-        ::_exit(status);
+        const auto holder = expectedPid ? std::optional(expectedPid) : std::nullopt;
+        ::_exit(lock.held() ? 0 : !lock.error() && lock.holder() == holder ? 1 : 2);
     }
     int status = 0;
     ::waitpid(child, &status, 0);
@@ -33,29 +28,20 @@ int tryInChild(const std::filesystem::path& file, long expectedPid) {
 TEST(InstanceLockTest, ASecondProcessIsRefusedAndToldTheHolder) {
     testing::TempDir dir;
     const auto file = dir.path() / "broadcast.lock";
+    std::ofstream(file) << "999999\n";  // a stale id without a lock does not block
     {
         const InstanceLock first(file);
         ASSERT_TRUE(first.held());
         EXPECT_FALSE(first.error());
+        long pid = 0;
+        std::ifstream(file) >> pid;
+        EXPECT_EQ(pid, ::getpid());
         EXPECT_EQ(tryInChild(file, ::getpid()), 1);
     }
-    // Released with its holder, and the stale id is gone with it.
-    std::ifstream in(file);
+    // Released with its holder, and the id is gone with it.
     std::string content;
-    EXPECT_FALSE(std::getline(in, content)) << content;
+    EXPECT_FALSE(std::getline(std::ifstream(file) >> std::ws, content)) << content;
     EXPECT_EQ(tryInChild(file, 0), 0);
-}
-
-TEST(InstanceLockTest, AStaleIdWithoutALockDoesNotBlock) {
-    testing::TempDir dir;
-    const auto file = dir.path() / "broadcast.lock";
-    std::ofstream(file) << "999999\n";
-    const InstanceLock lock(file);
-    EXPECT_TRUE(lock.held());
-    std::ifstream in(file);
-    long pid = 0;
-    in >> pid;
-    EXPECT_EQ(pid, ::getpid());
 }
 
 TEST(InstanceLockTest, AnUnusableFileIsAnErrorNotARefusal) {

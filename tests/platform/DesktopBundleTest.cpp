@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <set>
 #include <thread>
 
 #include "TempDir.h"
@@ -16,63 +15,54 @@ namespace {
 
 using testing::TempDir;
 
-TEST(DesktopBundleTest, ResourcesAndPlugIns) {
+TEST(DesktopBundleTest, FindsResourcesPlugInsAndTheDirectory) {
     TempDir dir;
     std::ofstream(dir.path() / "embedded.mobileprovision") << "x";
     const DesktopBundle bundle(dir.path());
-    EXPECT_EQ(bundle.installDirectory(), dir.path());
     EXPECT_EQ(bundle.resource("embedded", "mobileprovision"),
               dir.path() / "embedded.mobileprovision");
     EXPECT_EQ(bundle.resource("embedded", "plist"), std::nullopt);
     EXPECT_EQ(bundle.plugInsDirectory(), dir.path() / "PlugIns");
-}
 
-TEST(DesktopBundleTest, IdentifierFromInfoPlist) {
-    // {CFBundleIdentifier: "co.velmorand.connect"} as a binary property list.
-    constexpr unsigned char kBinary[] = {
-        0x62, 0x70, 0x6c, 0x69, 0x73, 0x74, 0x30, 0x30, 0xd1, 0x01, 0x02, 0x5f, 0x10, 0x12, 0x43,
-        0x46, 0x42, 0x75, 0x6e, 0x64, 0x6c, 0x65, 0x49, 0x64, 0x65, 0x6e, 0x74, 0x69, 0x66, 0x69,
-        0x65, 0x72, 0x5f, 0x10, 0x14, 0x63, 0x6f, 0x2e, 0x76, 0x65, 0x6c, 0x6d, 0x6f, 0x72, 0x61,
-        0x6e, 0x64, 0x2e, 0x63, 0x6f, 0x6e, 0x6e, 0x65, 0x63, 0x74, 0x08, 0x0b, 0x20, 0x00, 0x00,
-        0x00, 0x00, 0x00, 0x00, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x03, 0x00,
-        0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x37};
-    const auto xml = [](std::string_view value) {
-        return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
-               "<key>CFBundleIdentifier</key>" +
-               std::string(value) + "</dict></plist>";
-    };
-    const std::pair<std::string, std::optional<std::string>> cases[] = {
-        {xml("<string>co.velmorand.connect</string>"), "co.velmorand.connect"},
-        {std::string(reinterpret_cast<const char*>(kBinary), sizeof kBinary),
-         "co.velmorand.connect"},
-        {xml("<integer>7</integer>"), std::nullopt},
-        {"not a plist", std::nullopt},
-    };
-    for (const auto& [contents, expected] : cases) {
-        TempDir dir;
-        std::ofstream(dir.path() / "Info.plist", std::ios::binary) << contents;
-        EXPECT_EQ(DesktopBundle(dir.path()).bundleIdentifier(), expected) << contents;
-    }
-    TempDir empty;
-    EXPECT_EQ(DesktopBundle(empty.path()).bundleIdentifier(), std::nullopt);
-}
-
-TEST(DesktopBundleTest, ResolvesTheBundleDirectory) {
     const auto environment = [](std::string_view name) -> std::optional<std::string> {
         return name == "VELMORAND_BUNDLE_DIR" ? std::optional<std::string>("/env") : std::nullopt;
     };
-    const auto none = [](std::string_view) -> std::optional<std::string> { return std::nullopt; };
     EXPECT_EQ(DesktopBundle::resolveDirectory("/opt", "/built", environment), "/opt");
     EXPECT_EQ(DesktopBundle::resolveDirectory(std::nullopt, "/built", environment), "/env");
-    EXPECT_EQ(DesktopBundle::resolveDirectory(std::nullopt, "/built", none), "/built");
+    EXPECT_EQ(DesktopBundle::resolveDirectory(std::nullopt, "/built",
+                                              [](auto) { return std::optional<std::string>(); }),
+              "/built");
+}
+
+TEST(DesktopBundleTest, IdentifierFromInfoPlist) {
+    const auto xml = [](std::string_view value) {
+        return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>" +
+               std::string(value) + "</dict></plist>";
+    };
+    const std::pair<std::optional<std::string>, std::optional<std::string>> cases[] = {
+        {xml("<string>co.velmorand.connect</string>"), "co.velmorand.connect"},
+        {std::nullopt, "co.velmorand.connect"},  // the binary form
+        {xml("<integer>7</integer>"), std::nullopt},
+        {"not a plist", std::nullopt},
+        {"", std::nullopt},
+    };
+    for (const auto& [contents, expected] : cases) {
+        TempDir dir;
+        if (!contents) {
+            std::filesystem::copy_file(VELMORAND_PLATFORM_FIXTURES "/Info.bplist",
+                                       dir.path() / "Info.plist");
+        } else if (!contents->empty()) {
+            std::ofstream(dir.path() / "Info.plist") << *contents;
+        }
+        EXPECT_EQ(DesktopBundle(dir.path()).bundleIdentifier(), expected) << contents.value_or("");
+    }
 }
 
 TEST(DesktopGroupContainersTest, CreatesOnlyTheKnownGroupPrivately) {
     TempDir dir;
     const DesktopGroupContainers containers{DataRoot(dir.path() / "data")};
     const auto container = containers.containerDirectory("group.co.velmorand.connect");
-    ASSERT_TRUE(container);
-    EXPECT_EQ(*container, dir.path() / "data" / "Group Containers" / "group.co.velmorand.connect");
+    ASSERT_EQ(container, dir.path() / "data" / "Group Containers" / "group.co.velmorand.connect");
     struct stat info {};
     ASSERT_EQ(::stat(container->c_str(), &info), 0);
     EXPECT_TRUE(S_ISDIR(info.st_mode));
@@ -86,14 +76,13 @@ TEST(StderrLogTest, LinesFromManyThreadsArriveWhole) {
     std::string received;
     std::thread reader([&] {
         char buffer[4096];
-        ssize_t count = 0;
-        while ((count = ::read(pipeEnds[0], buffer, sizeof buffer)) > 0) {
+        for (ssize_t count; (count = ::read(pipeEnds[0], buffer, sizeof buffer)) > 0;) {
             received.append(buffer, static_cast<std::size_t>(count));
         }
     });
     {
         StderrLog log(pipeEnds[1]);
-        std::vector<std::thread> writers;
+        std::vector<std::jthread> writers;
         for (char tag = 'a'; tag < 'e'; ++tag) {
             writers.emplace_back([&log, tag] {
                 for (int i = 0; i < 200; ++i) {
@@ -101,14 +90,10 @@ TEST(StderrLogTest, LinesFromManyThreadsArriveWhole) {
                 }
             });
         }
-        for (auto& writer : writers) {
-            writer.join();
-        }
     }
     ::close(pipeEnds[1]);
     reader.join();
     ::close(pipeEnds[0]);
-
     std::size_t lines = 0;
     std::size_t start = 0;
     for (auto end = received.find('\n'); end != std::string::npos;

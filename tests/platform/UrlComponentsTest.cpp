@@ -15,61 +15,33 @@ Items itemsOf(const UrlComponents& components) {
     return items;
 }
 
-struct ParseCase {
-    std::string text;
-    std::string scheme;
-    std::string host;
-    std::string path;
-    std::optional<std::string> query;
-    Items items;
-};
-
-TEST(UrlComponentsTest, ParsesParts) {
-    const ParseCase cases[] = {
-        {"https://app.example.co/pair?key=K1",
-         "https",
-         "app.example.co",
-         "/pair",
-         "key=K1",
-         {{"key", "K1"}}},
-        {"https://h/p?a=1%202&b=x+y&flag&c=d=e",
-         "https",
-         "h",
-         "/p",
-         "a=1%202&b=x+y&flag&c=d=e",
-         {{"a", "1 2"}, {"b", "x+y"}, {"flag", std::nullopt}, {"c", "d=e"}}},
-        {"https://h/p?n%26m=%3D#frag?x=1", "https", "h", "/p", "n%26m=%3D", {{"n&m", "="}}},
-        {"https://h", "https", "h", "", std::nullopt, {}},
-        {"https://h/?", "https", "h", "/", "", {}},
-        {"https://user@h:8080/a/b/", "https", "h", "/a/b/", std::nullopt, {}},
-        {"velmorand://pair?accessKey=abc",
-         "velmorand",
-         "pair",
-         "",
-         "accessKey=abc",
-         {{"accessKey", "abc"}}},
-        {"/pair?key=", "", "", "/pair", "key=", {{"key", ""}}},
-        {"mailto:a@b?x", "mailto", "", "a@b", "x", {{"x", std::nullopt}}},
-        {"https://h/?a&&b",
-         "https",
-         "h",
-         "/",
-         "a&&b",
-         {{"a", std::nullopt}, {"", std::nullopt}, {"b", std::nullopt}}},
-        {"https://h/?v=%C3%A9", "https", "h", "/", "v=%C3%A9", {{"v", "\u00E9"}}},
-    };
-    for (const auto& c : cases) {
-        const auto parsed = UrlComponents::parse(c.text);
-        ASSERT_TRUE(parsed) << c.text;
-        EXPECT_EQ(parsed->scheme, c.scheme) << c.text;
-        EXPECT_EQ(parsed->host, c.host) << c.text;
-        EXPECT_EQ(parsed->path, c.path) << c.text;
-        EXPECT_EQ(parsed->query, c.query) << c.text;
-        EXPECT_EQ(itemsOf(*parsed), c.items) << c.text;
+// "scheme|host|path|?query|name=value,flag", the query part only when there is one.
+std::string describe(const UrlComponents& url) {
+    std::string text = url.scheme + "|" + url.host + "|" + url.path + "|";
+    text += url.query ? "?" + *url.query + "|" : "|";
+    for (const auto& [name, value] : itemsOf(url)) {
+        text += name + (value ? "=" + *value : "") + ",";
     }
+    return text;
 }
 
-TEST(UrlComponentsTest, RejectsTextThatIsNoUriReference) {
+TEST(UrlComponentsTest, ParsesParts) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"https://h/p?a=1%202&b=x+y&flag&c=d=e&v=%C3%A9",
+         "https|h|/p|?a=1%202&b=x+y&flag&c=d=e&v=%C3%A9|a=1 2,b=x+y,flag,c=d=e,v=\u00E9,"},
+        {"https://h/p?n%26m=%3D#frag?x=1", "https|h|/p|?n%26m=%3D|n&m==,"},
+        {"https://user@h:8080", "https|h|||"},
+        {"https://h/?", "https|h|/|?|"},
+        {"velmorand://pair?accessKey=abc", "velmorand|pair||?accessKey=abc|accessKey=abc,"},
+        {"/pair?key=", "||/pair|?key=|key=,"},
+        {"mailto:a@b?x", "mailto||a@b|?x|x,"},
+        {"https://h/?a&&b", "https|h|/|?a&&b|a,,b,"},
+    };
+    for (const auto& [text, parts] : cases) {
+        const auto parsed = UrlComponents::parse(text);
+        ASSERT_TRUE(parsed) << text;
+        EXPECT_EQ(describe(*parsed), parts);
+    }
     for (const char* text : {"ht tp://x y", "://", "https://h/p?key=%G1", "https://h/%",
                              "https://h/p?key=a b", "https://[::1/"}) {
         EXPECT_FALSE(UrlComponents::parse(text)) << text;
@@ -78,28 +50,25 @@ TEST(UrlComponentsTest, RejectsTextThatIsNoUriReference) {
 
 TEST(UrlComponentsTest, AppendingQueryItemEncodesForAQueryComponent) {
     const std::pair<std::string, std::string> cases[] = {
-        {"https://h/api", "https://h/api?accessKey=a%2Bb%20c%26d%3De~_.-"},
-        {"https://h/api?x=1", "https://h/api?x=1&accessKey=a%2Bb%20c%26d%3De~_.-"},
-        {"https://h/api?", "https://h/api?accessKey=a%2Bb%20c%26d%3De~_.-"},
-        {"https://h/api#top", "https://h/api?accessKey=a%2Bb%20c%26d%3De~_.-#top"},
+        {"https://h/api", "https://h/api?k=a%2Bb%20c%26d%3De~_.-"},
+        {"https://h/api?x=1", "https://h/api?x=1&k=a%2Bb%20c%26d%3De~_.-"},
+        {"https://h/api?", "https://h/api?k=a%2Bb%20c%26d%3De~_.-"},
+        {"https://h/api#top", "https://h/api?k=a%2Bb%20c%26d%3De~_.-#top"},
     };
     for (const auto& [url, expected] : cases) {
-        EXPECT_EQ(appendingQueryItem(url, "accessKey", "a+b c&d=e~_.-"), expected) << url;
+        EXPECT_EQ(appendingQueryItem(url, "k", "a+b c&d=e~_.-"), expected) << url;
     }
     EXPECT_EQ(appendingQueryItem("https://h/", "k\u00E9y", "/?"), "https://h/?k%C3%A9y=%2F%3F");
     EXPECT_FALSE(appendingQueryItem("ht tp://bad", "a", "b"));
-
-    const auto roundTrip =
-        UrlComponents::parse(*appendingQueryItem("https://h/x", "a&b", "1+1=2 %"));
+    const auto roundTrip = UrlComponents::parse(*appendingQueryItem("https://h/x", "a&b", "1+1 %"));
     ASSERT_TRUE(roundTrip);
-    EXPECT_EQ(itemsOf(*roundTrip), (Items{{"a&b", "1+1=2 %"}}));
+    EXPECT_EQ(itemsOf(*roundTrip), (Items{{"a&b", "1+1 %"}}));
 }
 
 TEST(UrlComponentsTest, PercentDecoded) {
     EXPECT_EQ(percentDecoded("a%20b%2Bc+d"), "a b+c+d");
     EXPECT_EQ(percentDecoded("%e2%80%94"), "\u2014");
     EXPECT_EQ(percentDecoded(""), "");
-    EXPECT_EQ(percentDecoded("plain"), "plain");
     for (const char* malformed : {"%G1", "abc%", "abc%2", "%%", "%FF"}) {
         EXPECT_FALSE(percentDecoded(malformed)) << malformed;
     }

@@ -4,9 +4,7 @@
 
 #include <QThread>
 #include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "QtTestSupport.h"
 
@@ -19,72 +17,55 @@ using namespace std::chrono_literals;
 
 TEST(QtMainQueue, RunsPostedWorkOnTheMainThreadInOrderFromEveryThread) {
     QtMainQueue queue;
+    EXPECT_TRUE(QtMainQueue::isMainThread());
     QThread* mainThread = QThread::currentThread();
-    // Written only on the main thread, by the tasks themselves.
-    std::vector<std::string> ran;
+    std::vector<std::pair<int, int>> ran;  // (poster, sequence), written on the main thread only
     bool allOnMain = true;
-    auto task = [&](std::string name) {
-        return [&, name] {
+    const auto post = [&](int poster, int sequence) {
+        queue.post([&, poster, sequence] {
             allOnMain = allOnMain && QThread::currentThread() == mainThread;
-            ran.push_back(name);
-        };
+            ran.emplace_back(poster, sequence);
+        });
     };
-
-    queue.post(task("main-1"));
+    post(-1, 0);
     std::vector<std::thread> workers;
     for (int worker = 0; worker < 3; ++worker) {
         workers.emplace_back([&, worker] {
+            EXPECT_FALSE(QtMainQueue::isMainThread());
             for (int i = 0; i < 50; ++i) {
-                queue.post(task("w" + std::to_string(worker) + "-" + std::to_string(i)));
+                post(worker, i);
             }
         });
     }
-    queue.post(task("main-2"));
     for (auto& worker : workers) {
         worker.join();
     }
-    // Nothing runs until the main thread turns its loop.
-    EXPECT_TRUE(ran.empty());
-
-    ASSERT_TRUE(pumpUntil([&] { return ran.size() == 152; }));
+    EXPECT_TRUE(ran.empty());  // nothing runs until the main thread turns its loop
+    ASSERT_TRUE(pumpUntil([&] { return ran.size() == 151; }));
     EXPECT_TRUE(allOnMain);
-    EXPECT_EQ(ran.front(), "main-1");
-    // Each thread's own posts keep their order.
-    for (int worker = 0; worker < 3; ++worker) {
-        const std::string prefix = "w" + std::to_string(worker) + "-";
-        int expected = 0;
-        for (const auto& name : ran) {
-            if (name.rfind(prefix, 0) == 0) {
-                EXPECT_EQ(name, prefix + std::to_string(expected++));
-            }
+    EXPECT_EQ(ran.front(), std::pair(-1, 0));
+    std::vector<int> next(3, 0);  // each thread's own posts keep their order
+    for (const auto& [poster, sequence] : ran) {
+        if (poster >= 0) {
+            EXPECT_EQ(sequence, next[poster]++);
         }
-        EXPECT_EQ(expected, 50);
     }
 }
 
-TEST(QtMainQueue, WorkPostedByRunningWorkRunsAfterWhatWasAlreadyQueued) {
-    QtMainQueue queue;
-    std::vector<int> ran;
-    queue.post([&] {
-        ran.push_back(1);
-        queue.post([&] { ran.push_back(3); });
-    });
-    queue.post([&] { ran.push_back(2); });
-    ASSERT_TRUE(pumpUntil([&] { return ran.size() == 3; }));
-    EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
-}
-
-TEST(QtMainQueue, DelayedWorkRunsInDueOrderAndCancelledWorkNever) {
+TEST(QtMainQueue, RunsWorkInDueOrderAfterWhatWasQueuedAndCancelledWorkNever) {
     QtMainQueue queue;
     std::vector<std::string> ran;
     queue.postAfter(0.12s, [&] { ran.push_back("late"); });
     auto cancelled = queue.postAfter(0.06s, [&] { ran.push_back("cancelled"); });
     queue.postAfter(0.03s, [&] { ran.push_back("early"); });
-    queue.post([&] { ran.push_back("now"); });
+    queue.post([&] {
+        ran.push_back("now");
+        queue.post([&] { ran.push_back("posted by work"); });
+    });
+    queue.post([&] { ran.push_back("next"); });
     cancelled->cancel();
-
-    ASSERT_TRUE(pumpUntil([&] { return ran.size() == 3; }));
-    EXPECT_EQ(ran, (std::vector<std::string>{"now", "early", "late"}));
+    ASSERT_TRUE(pumpUntil([&] { return ran.size() == 5; }));
+    EXPECT_EQ(ran, (std::vector<std::string>{"now", "next", "posted by work", "early", "late"}));
 }
 
 TEST(QtMainQueue, DelayedWorkFromAnotherThreadRunsOnTheMainThreadAndCanBeCancelledThere) {
@@ -94,16 +75,13 @@ TEST(QtMainQueue, DelayedWorkFromAnotherThreadRunsOnTheMainThreadAndCanBeCancell
     std::atomic<bool> cancelledRan{false};
     std::shared_ptr<WorkItem> kept;
     std::shared_ptr<WorkItem> toCancel;
-    std::thread worker([&] {
+    std::thread([&] {
         kept = queue.postAfter(0.02s, [&] { ranOnMain = QThread::currentThread() == mainThread; });
         toCancel = queue.postAfter(0.05s, [&] { cancelledRan = true; });
-    });
-    worker.join();
+    }).join();
     toCancel->cancel();
-
     ASSERT_TRUE(pumpUntil([&] { return ranOnMain.load(); }));
-    // Past the cancelled item's due time as well.
-    pumpFor(100ms);
+    pumpFor(100ms);  // past the cancelled item's due time as well
     EXPECT_FALSE(cancelledRan);
 }
 
@@ -116,13 +94,6 @@ TEST(QtMainQueue, DestroyingTheQueueDropsWorkNotYetRun) {
     }
     pumpFor(50ms);
     EXPECT_FALSE(ran);
-}
-
-TEST(QtMainQueue, KnowsWhichThreadIsTheMainOne) {
-    EXPECT_TRUE(QtMainQueue::isMainThread());
-    bool onWorker = true;
-    std::thread([&] { onWorker = QtMainQueue::isMainThread(); }).join();
-    EXPECT_FALSE(onWorker);
 }
 
 }  // namespace

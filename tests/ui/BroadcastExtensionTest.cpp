@@ -1,166 +1,100 @@
+#include "velmorand/ui/BroadcastExtension.h"
+
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "FakeBundle.h"
 #include "TempDir.h"
-#include "velmorand/ui/BroadcastExtension.h"
 
 namespace velmorand {
 namespace {
 
-namespace fs = std::filesystem;
+using Text = std::optional<std::string>;
+const std::string kUpload = "com.apple.broadcast-services-upload";
 
-constexpr const char* kUpload = "com.apple.broadcast-services-upload";
-
-std::string infoPlist(const std::string& extension, std::optional<std::string> identifier) {
-    std::string text =
-        R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)" + extension;
-    if (identifier) {
-        text += "<key>CFBundleIdentifier</key><string>" + *identifier + "</string>";
-    }
-    return text + "</dict></plist>";
+std::string plist(const std::string& body) {
+    return R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)" + body +
+           "</dict></plist>";
 }
 
-std::string extensionOf(const std::string& point, std::optional<std::string> identifier) {
-    return infoPlist("<key>NSExtension</key><dict><key>NSExtensionPointIdentifier</key><string>" +
-                         point + "</string></dict>",
-                     std::move(identifier));
+std::string entry(const char* key, const Text& value) {
+    return value ? std::string("<key>") + key + "</key><string>" + *value + "</string>" : "";
 }
 
-// One entry of the plug-ins directory: a folder with this Info.plist, a folder without one
-// (infoPlist absent), or a plain file.
+// An extension's Info.plist; an empty point leaves out the NSExtension dictionary.
+std::string info(const std::string& point, Text id, Text program = std::nullopt) {
+    const auto extension = point.empty()
+                               ? ""
+                               : "<key>NSExtension</key><dict>" +
+                                     entry("NSExtensionPointIdentifier", point) + "</dict>";
+    return plist(entry("CFBundleIdentifier", id) + entry("CFBundleExecutable", program) +
+                 extension);
+}
+
+// A folder with this Info.plist, a folder without one (absent), or a plain file.
 struct Entry {
     std::string name;
-    std::optional<std::string> infoPlist;
+    Text infoPlist;
     bool isFile = false;
 };
 
-struct LookupCase {
-    const char* name;
-    std::vector<Entry> entries;
-    std::optional<std::string> expected;
-};
-
-class BroadcastExtensionLookup : public ::testing::TestWithParam<LookupCase> {
-  protected:
-    testing::TempDir dir;
-    testing::FakeBundle bundle{dir.path()};
-};
-
-TEST_P(BroadcastExtensionLookup, FindsTheFirstUploadExtensionInNameOrder) {
-    const auto plugIns = dir.path() / "PlugIns";
-    fs::create_directories(plugIns);
-    for (const auto& entry : GetParam().entries) {
-        if (entry.isFile) {
-            std::ofstream(plugIns / entry.name) << "not a bundle";
-            continue;
+TEST(BroadcastExtensionTest, FindsTheFirstUploadExtensionInNameOrderAndItsProgram) {
+    // Label, entries, the identifier found and its program (relative to PlugIns).
+    const std::tuple<const char*, std::vector<Entry>, Text, Text> cases[] = {
+        {"no PlugIns directory", {}, {}, {}},
+        {"first by name",
+         {{"B.appex", info(kUpload, "b.up", "b")}, {"A.appex", info(kUpload, "a.up", "a")}},
+         "a.up",
+         "A.appex/a"},
+        {"other point skipped, no program key",
+         {{"A.appex", info("com.apple.widgetkit-extension", "a.w", "a")},
+          {"B.appex", info(kUpload, "b.up")}},
+         "b.up",
+         {}},
+        {"names and point compared exactly",
+         {{"0.appex", info("com.apple.Broadcast-services-upload", "zero", "z")},
+          {"A.APPEX", info(kUpload, "a")},
+          {"B.appexx", info(kUpload, "b")},
+          {"C", info(kUpload, "c")},
+          {"D.appex", info(kUpload, "d.up", "d")}},
+         "d.up",
+         "D.appex/d"},
+        {"match without identifier ends the walk",
+         {{"A.appex", info(kUpload, std::nullopt, "a")}, {"B.appex", info(kUpload, "b.up", "b")}},
+         {},
+         {}},
+        {"unreadable entries skipped",
+         {{"A.appex", {}},
+          {"B.appex", {}, true},
+          {"C.appex", "garbage"},
+          {"D.appex", info("", "d.none")},
+          {"E.appex", plist("<key>NSExtension</key><string>" + kUpload + "</string>")},
+          {"F.appex", R"(<?xml version="1.0"?><plist><array/></plist>)"},
+          {"G.appex", info(kUpload, "g.up", "g")}},
+         "g.up",
+         "G.appex/g"},
+        {"path as program", {{"A.appex", info(kUpload, "a.up", "../../bin/sh")}}, "a.up", {}},
+        {"parent as program", {{"A.appex", info(kUpload, "a.up", "..")}}, "a.up", {}},
+        {"empty program", {{"A.appex", info(kUpload, "a.up", "")}}, "a.up", {}},
+    };
+    for (const auto& [label, entries, identifier, program] : cases) {
+        SCOPED_TRACE(label);
+        testing::TempDir dir;
+        const auto plugIns = dir.path() / "PlugIns";
+        for (const auto& [name, infoPlist, isFile] : entries) {
+            const auto path = isFile ? plugIns / name : plugIns / name / "Info.plist";
+            std::filesystem::create_directories(path.parent_path());
+            if (isFile || infoPlist) {
+                std::ofstream(path) << infoPlist.value_or("not a bundle");
+            }
         }
-        fs::create_directories(plugIns / entry.name);
-        if (entry.infoPlist) {
-            std::ofstream(plugIns / entry.name / "Info.plist") << *entry.infoPlist;
-        }
+        const testing::FakeBundle bundle(dir.path());
+        EXPECT_EQ(BroadcastExtension::bundleIdentifier(bundle), identifier);
+        EXPECT_EQ(BroadcastExtension::executable(bundle),
+                  program ? std::optional(plugIns / *program) : std::nullopt);
     }
-    EXPECT_EQ(BroadcastExtension::bundleIdentifier(bundle), GetParam().expected);
 }
-
-Entry upload(std::string name, std::optional<std::string> identifier) {
-    return Entry{std::move(name), extensionOf(kUpload, std::move(identifier)), false};
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Layouts, BroadcastExtensionLookup,
-    ::testing::Values(
-        LookupCase{"empty", {}, std::nullopt},
-        LookupCase{"one", {upload("Upload.appex", "co.app.upload")}, "co.app.upload"},
-        LookupCase{"twoUploadsFirstByName",
-                   {upload("B.appex", "b.upload"), upload("A.appex", "a.upload")},
-                   "a.upload"},
-        LookupCase{"otherPointSkipped",
-                   {Entry{"A.appex", extensionOf("com.apple.widgetkit-extension", "a.widget")},
-                    upload("B.appex", "b.upload")},
-                   "b.upload"},
-        LookupCase{"capitalsSkipped",
-                   {upload("A.APPEX", "a.upload"), upload("B.appexx", "b.upload"),
-                    upload("C", "c.upload"), upload("D.appex", "d.upload")},
-                   "d.upload"},
-        LookupCase{"matchWithoutIdentifierEndsTheWalk",
-                   {upload("A.appex", std::nullopt), upload("B.appex", "b.upload")},
-                   std::nullopt},
-        LookupCase{"unreadableEntriesSkipped",
-                   {Entry{"A.appex", std::nullopt}, Entry{"B.appex", std::nullopt, true},
-                    Entry{"C.appex", "garbage"}, Entry{"D.appex", infoPlist("", "d.none")},
-                    Entry{"E.appex", infoPlist("<key>NSExtension</key><string>" +
-                                                   std::string(kUpload) + "</string>",
-                                               "e.flat")},
-                    Entry{"F.appex", R"(<?xml version="1.0"?><plist><array/></plist>)"},
-                    upload("G.appex", "g.upload")},
-                   "g.upload"},
-        LookupCase{"pointIsCaseSensitive",
-                   {upload("A.appex", "a.upload"),
-                    Entry{"0.appex", extensionOf("com.apple.Broadcast-services-upload", "zero")}},
-                   "a.upload"}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(BroadcastExtension, AMissingPlugInsDirectoryFindsNothing) {
-    testing::TempDir dir;
-    EXPECT_EQ(BroadcastExtension::bundleIdentifier(testing::FakeBundle(dir.path())), std::nullopt);
-}
-
-struct ExecutableCase {
-    const char* name;
-    std::vector<Entry> entries;
-    std::optional<std::string> expected;  // relative to PlugIns
-};
-
-class BroadcastExtensionExecutable : public ::testing::TestWithParam<ExecutableCase> {
-  protected:
-    testing::TempDir dir;
-    testing::FakeBundle bundle{dir.path()};
-};
-
-TEST_P(BroadcastExtensionExecutable, NamesTheProgramOfTheExtensionFound) {
-    const auto plugIns = dir.path() / "PlugIns";
-    for (const auto& entry : GetParam().entries) {
-        fs::create_directories(plugIns / entry.name);
-        std::ofstream(plugIns / entry.name / "Info.plist") << *entry.infoPlist;
-    }
-    const auto expected = GetParam().expected;
-    EXPECT_EQ(BroadcastExtension::executable(bundle),
-              expected ? std::optional(plugIns / *expected) : std::nullopt);
-}
-
-Entry uploadRunning(std::string name, std::optional<std::string> identifier,
-                    const std::string& executable) {
-    return Entry{std::move(name),
-                 infoPlist("<key>CFBundleExecutable</key><string>" + executable +
-                               "</string><key>NSExtension</key><dict>"
-                               "<key>NSExtensionPointIdentifier</key><string>" +
-                               std::string(kUpload) + "</string></dict>",
-                           std::move(identifier)),
-                 false};
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Layouts, BroadcastExtensionExecutable,
-    ::testing::Values(
-        ExecutableCase{"found", {uploadRunning("Up.appex", "a.up", "upload")}, "Up.appex/upload"},
-        ExecutableCase{
-            "sameExtensionAsTheLookup",
-            {uploadRunning("B.appex", "b.up", "b"), uploadRunning("A.appex", "a.up", "a")},
-            "A.appex/a"},
-        ExecutableCase{"noExecutableKey", {upload("A.appex", "a.up")}, std::nullopt},
-        ExecutableCase{"noIdentifier", {uploadRunning("A.appex", std::nullopt, "a")}, std::nullopt},
-        ExecutableCase{
-            "pathsRefused", {uploadRunning("A.appex", "a.up", "../../bin/sh")}, std::nullopt},
-        ExecutableCase{"parentRefused", {uploadRunning("A.appex", "a.up", "..")}, std::nullopt},
-        ExecutableCase{"emptyRefused", {uploadRunning("A.appex", "a.up", "")}, std::nullopt},
-        ExecutableCase{"noExtension", {}, std::nullopt}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace velmorand

@@ -1,120 +1,82 @@
+#include "velmorand/ui/ExtensionLog.h"
+
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
-#include <optional>
-#include <string>
 
 #include "FakeBundle.h"
 #include "TempDir.h"
-#include "UiFixture.h"
 #include "velmorand/config/AppGroup.h"
-#include "velmorand/platform/Bundle.h"
-#include "velmorand/ui/ExtensionLog.h"
 
 namespace velmorand {
 namespace {
 
-namespace fs = std::filesystem;
-
 // A container directory the test owns, counting how often it was asked for.
 class CountingGroupContainers : public GroupContainers {
   public:
-    std::optional<fs::path> containerDirectory(std::string_view groupName) const override {
+    std::optional<std::filesystem::path> containerDirectory(std::string_view group) const override {
         ++calls;
-        lastGroup = std::string(groupName);
+        lastGroup = std::string(group);
         return directory;
     }
 
-    std::optional<fs::path> directory;
+    std::optional<std::filesystem::path> directory;
     mutable int calls = 0;
     mutable std::string lastGroup;
 };
 
 class ExtensionLogTest : public ::testing::Test {
   protected:
-    ExtensionLogTest() {
-        testing::grantSharedGroup(bundleDir.path());
-        containers.directory = containerDir.path();
-    }
+    ExtensionLogTest() { containers.directory = containerDir.path(); }
 
-    void writeLog(const std::string& bytes) {
-        std::ofstream(containerDir.path() / "extension.log", std::ios::binary) << bytes;
+    std::string read(const std::optional<std::string>& log, bool grant = true) {
+        if (grant) {  // a provisioning profile granting the shared group
+            std::ofstream(bundleDir.path() / "embedded.mobileprovision")
+                << "\x30\x82<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
+                   "<key>Entitlements</key><dict><key>com.apple.security.application-groups</key>"
+                   "<array><string>group.co.velmorand.connect</string></array></dict></dict>"
+                   "</plist>\x01";
+        }
+        if (log) {
+            std::ofstream(containerDir.path() / "extension.log", std::ios::binary) << *log;
+        }
+        testing::FakeBundle bundle(bundleDir.path());
+        return ExtensionLog::readExtLog(AppGroup(bundle), containers);
     }
-    std::string read() { return ExtensionLog::readExtLog(appGroup, containers); }
 
     testing::TempDir bundleDir;
     testing::TempDir containerDir;
-    testing::FakeBundle bundle{bundleDir.path()};
-    AppGroup appGroup{bundle};
     CountingGroupContainers containers;
 };
 
-// Lines "0000\n", "0001\n", … ; every character is its own cluster.
-std::string numberedLines(std::size_t characters) {
-    std::string text;
-    for (int line = 0; text.size() < characters; ++line) {
-        char buffer[16];
-        std::snprintf(buffer, sizeof buffer, "%04d\n", line);
-        text += buffer;
+TEST_F(ExtensionLogTest, KeepsTheLastFourThousandUserPerceivedCharacters) {
+    const std::string tail(4000, 'b');
+    std::string clusters = "x";  // e + combining acute, and a flag: one character each
+    for (int i = 0; i < 4000; ++i) {
+        clusters += i % 2 ? "\xf0\x9f\x87\xab\xf0\x9f\x87\xb7" : "e\xcc\x81";
     }
-    text.resize(characters);
-    return text;
-}
-
-TEST_F(ExtensionLogTest, KeepsTheLastFourThousandCharacters) {
-    const auto shortLog = numberedLines(3999);
-    writeLog(shortLog);
-    EXPECT_EQ(read(), shortLog);
-
-    const auto longLog = numberedLines(10000);
-    writeLog(longLog);
-    EXPECT_EQ(read(), longLog.substr(6000));
+    const std::pair<std::string, std::string> cases[] = {
+        {std::string(3999, 'a'), std::string(3999, 'a')},
+        {std::string(6000, 'a') + tail, tail},
+        {clusters, clusters.substr(1)},
+    };
+    for (const auto& [log, shown] : cases) {
+        EXPECT_EQ(read(log), shown) << log.size();
+    }
     EXPECT_EQ(containers.lastGroup, "group.co.velmorand.connect");
 }
 
-TEST_F(ExtensionLogTest, CountsUserPerceivedCharactersNotBytes) {
-    // "é" as e + combining acute: one character, three bytes. Plus a flag of two code points.
-    const std::string accented = "e\xcc\x81";
-    const std::string flag = "\xf0\x9f\x87\xab\xf0\x9f\x87\xb7";
-    std::string log = "x";
-    for (int i = 0; i < 4000; ++i) {
-        log += (i % 2 == 0) ? accented : flag;
-    }
-    writeLog(log);
-    EXPECT_EQ(read(), log.substr(1));
-
-    writeLog("ab" + log);
-    EXPECT_EQ(read(), log.substr(1));
-}
-
 TEST_F(ExtensionLogTest, ReadsAsEmptyWhenThereIsNothingValidToShow) {
-    EXPECT_EQ(read(), "");  // no file
-
-    writeLog("");
-    EXPECT_EQ(read(), "");
-
-    writeLog("good line\nbad \xc3\x28 byte\n");
-    EXPECT_EQ(read(), "");
-
-    writeLog("truncated \xe2\x82");
-    EXPECT_EQ(read(), "");
-
-    writeLog("fine");
+    EXPECT_EQ(read(std::nullopt), "");  // no file
+    for (const char* log : {"", "good line\nbad \xc3\x28 byte\n", "truncated \xe2\x82"}) {
+        EXPECT_EQ(read(log), "") << log;
+    }
     containers.directory.reset();
-    EXPECT_EQ(read(), "");
+    EXPECT_EQ(read("fine"), "");
 }
 
-TEST(ExtensionLogWithoutGroup, TouchesNoFile) {
-    testing::TempDir bundleDir;
-    testing::TempDir containerDir;
-    std::ofstream(containerDir.path() / "extension.log") << "hello";
-    testing::FakeBundle bundle{bundleDir.path()};  // no profile: no group
-    AppGroup appGroup{bundle};
-    CountingGroupContainers containers;
-    containers.directory = containerDir.path();
-
-    EXPECT_EQ(ExtensionLog::readExtLog(appGroup, containers), "");
+TEST_F(ExtensionLogTest, WithoutTheGroupTouchesNoFile) {
+    EXPECT_EQ(read("hello", false), "");
     EXPECT_EQ(containers.calls, 0);
 }
 
