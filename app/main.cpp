@@ -1,9 +1,16 @@
 // velmorand-connect: the desktop application.
+#include <unistd.h>
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
 #include <QQuickWindow>
 #include <QTimer>
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
 
 #include "AppOptions.h"
 #include "AppServices.h"
@@ -13,6 +20,27 @@
 
 using namespace velmorand;
 
+namespace {
+
+// Milliseconds since the kernel started this process, in steps of its clock tick (10 ms).
+double millisecondsSinceProcessStart() {
+    std::ifstream statFile("/proc/self/stat");
+    const std::string stat{std::istreambuf_iterator<char>(statFile), {}};
+    // The start time is field 22; the name in field 2 may hold spaces, so count after it.
+    std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+    std::string field;
+    for (int index = 3; index <= 22; ++index) {
+        fields >> field;
+    }
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    const double ticksPerSecond = static_cast<double>(sysconf(_SC_CLK_TCK));
+    return static_cast<double>(now.tv_sec) * 1000.0 + static_cast<double>(now.tv_nsec) / 1e6 -
+           std::stod(field) * 1000.0 / ticksPerSecond;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     QGuiApplication application(argc, argv);
     QGuiApplication::setApplicationName(QStringLiteral("velmorand-connect"));
@@ -20,7 +48,11 @@ int main(int argc, char** argv) {
     QGuiApplication::setApplicationVersion(QStringLiteral(VELMORAND_VERSION));
     QGuiApplication::setDesktopFileName(QStringLiteral("velmorand-connect"));
 
-    const auto options = app::AppOptions::parse(QGuiApplication::arguments());
+    // Hidden, for docs/performance.md: print the milliseconds from process start to the first
+    // frame shown, then quit.
+    QStringList arguments = QGuiApplication::arguments();
+    const bool reportFirstFrame = arguments.removeAll(QStringLiteral("--report-first-frame")) > 0;
+    const auto options = app::AppOptions::parse(arguments);
 
     app::SingleInstance instance(
         app::SingleInstance::serverName(DataRoot::resolve(options.locations.dataDir).root()));
@@ -48,6 +80,15 @@ int main(int argc, char** argv) {
         return 1;
     }
     auto* window = qobject_cast<QQuickWindow*>(engine.rootObjects().front());
+    if (reportFirstFrame && window != nullptr) {
+        QObject::connect(
+            window, &QQuickWindow::frameSwapped, &application,
+            [] {
+                std::printf("first frame after %.0f ms\n", millisecondsSinceProcessStart());
+                QGuiApplication::quit();
+            },
+            Qt::SingleShotConnection);
+    }
 
     QObject::connect(&instance, &app::SingleInstance::messageReceived, &bridges.pairing,
                      [&bridges, window](const QString& url) {

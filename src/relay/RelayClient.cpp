@@ -15,7 +15,6 @@ namespace velmorand {
 namespace {
 
 constexpr MainQueue::Duration kOptimisticOpen{0.35};
-constexpr std::chrono::milliseconds kRequestTimeout{60'000};
 constexpr int kAuthRejectedCloseCode = 4401;
 
 std::function<double()> systemRandom() {
@@ -87,6 +86,10 @@ void RelayClient::setReconnectPolicy(const ReconnectPolicy& policy) {
     reconnectDelay_ = policy.minDelay;
 }
 
+void RelayClient::setRequestTimeout(std::chrono::milliseconds timeout) {
+    requestTimeout_ = timeout;
+}
+
 WebSocketSession& RelayClient::session() {
     if (!session_) {
         session_ = makeSession_(std::make_shared<SessionDelegate>(weak_from_this(), mainQueue_));
@@ -109,7 +112,7 @@ void RelayClient::connect() {
         scheduleReconnect();
         return;
     }
-    WebSocketRequest request{std::move(url), {{"x-device-token", deviceToken_}}, kRequestTimeout};
+    WebSocketRequest request{std::move(url), {{"x-device-token", deviceToken_}}, requestTimeout_};
     // The previous task is let go, not cancelled: its late events are ignored by identity.
     Socket task = session().makeTask(request);
     task_ = task;

@@ -194,6 +194,10 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
                 shared_from_this(), static_cast<int>(socket_->closeCode()),
                 reason.isEmpty() ? std::nullopt : std::optional<std::string>(reason.toStdString()));
         }
+        // A refused connection can report its cause after the disconnect; the socket knows it.
+        if (!lastError_ && socket_->error() != QAbstractSocket::UnknownSocketError) {
+            lastError_ = socket_->errorString().toStdString();
+        }
         end(lastError_.value_or(kNotConnected), false);
     }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -51,6 +52,9 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
 
     // Takes effect from the next reconnect; set it before connect().
     void setReconnectPolicy(const ReconnectPolicy& policy);
+    // How long each attempt may take to open before it fails; 60 seconds unless set. Takes
+    // effect from the next attempt.
+    void setRequestTimeout(std::chrono::milliseconds timeout);
 
     // Starts a fresh connection attempt, abandoning any pending reconnect. Main thread only.
     void connect();
@@ -113,6 +117,7 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
     std::unique_ptr<WebSocketSession> session_;
     ReconnectPolicy policy_;
     double reconnectDelay_;
+    std::chrono::milliseconds requestTimeout_{60'000};
     std::shared_ptr<WorkItem> pendingReconnect_;
     bool opened_ = false;
     bool connectionProven_ = false;

@@ -1,0 +1,325 @@
+// The relay client on the real Qt WebSocket stack against a scripted loopback relay: each fault
+// must end in the exact log lines, one pending reconnect with the configured back-off, and a
+// working link again once the relay is healthy.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "QtTestSupport.h"
+#include "RecordingLog.h"
+#include "ScriptedRelay.h"
+#include "velmorand/qt/QtMainQueue.h"
+#include "velmorand/qt/QtWebSocketSession.h"
+#include "velmorand/relay/RelayClient.h"
+
+namespace velmorand::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAreArray;
+using SocketThread = QtWebSocketSession::SocketThread;
+
+// Delays draw from [base, base + 0.04), so each logs as its base: 0.1s, 0.2s, 0.4s, 0.4s.
+const RelayClient::ReconnectPolicy kPolicy{0.1, 0.4, 0.04};
+// Below the 0.35-second optimistic open, so an unanswered upgrade never reports the link up.
+constexpr std::chrono::milliseconds kRequestTimeout{250};
+
+std::string logged(const std::string& message) {
+    return "[relay-client] " + message;
+}
+
+std::string recvError(const std::string& description) {
+    return logged("recv error: " + description + " — reconnecting");
+}
+
+std::string reconnecting(const char* seconds) {
+    return logged(std::string("reconnecting in ") + seconds + "s");
+}
+
+// One client on one scripted relay; every fixture below derives from it.
+class Link {
+  protected:
+    explicit Link(SocketThread socketThread) : socketThread_(socketThread) {}
+
+    void start() {
+        client_ = RelayClient::make(relay_.base(), "device-token",
+                                    {queue_, log_, QtWebSocketSession::factory(socketThread_), {}});
+        client_->setReconnectPolicy(kPolicy);
+        client_->setRequestTimeout(kRequestTimeout);
+        client_->onOpen = [this] { ++opens_; };
+        client_->onAuthRejected = [this] { ++authRejections_; };
+        client_->onControl = [this](const Control&) { ++controls_; };
+        client_->connect();
+    }
+
+    // Up and proven by an answered probe; newLines() starts here.
+    void startHealthy() {
+        start();
+        ASSERT_TRUE(pumpUntil([this] { return relay_.probesAnswered() == 1; }));
+        ASSERT_EQ(opens_, 1);
+        mark_ = log_.lines().size();
+    }
+
+    std::vector<std::string> newLines() const {
+        const auto lines = log_.lines();
+        return {lines.begin() + static_cast<std::ptrdiff_t>(std::min(mark_, lines.size())),
+                lines.end()};
+    }
+
+    int reconnectsLogged() const {
+        const auto lines = newLines();
+        return static_cast<int>(std::count_if(lines.begin(), lines.end(), [](const auto& line) {
+            return line.rfind(logged("reconnecting in "), 0) == 0;
+        }));
+    }
+
+    bool waitForReconnects(int count) {
+        return pumpUntil([&] { return reconnectsLogged() >= count; });
+    }
+
+    // The relay turns healthy: the client must open again, answer its probe, and then stay put
+    // (a second pending reconnect would show up as another connection).
+    void expectRecovery() {
+        const int opens = opens_;
+        const int answered = relay_.probesAnswered();
+        relay_.beHealthy();
+        ASSERT_TRUE(pumpUntil([&] { return opens_ > opens && relay_.probesAnswered() > answered; }))
+            << "no recovery";
+        const int connections = relay_.connections();
+        const auto lines = log_.lines().size();
+        pumpFor(300ms);
+        EXPECT_EQ(relay_.connections(), connections);
+        EXPECT_EQ(log_.lines().size(), lines);
+        EXPECT_EQ(opens_, opens + 1);
+    }
+
+    const SocketThread socketThread_;
+    QtMainQueue queue_;
+    RecordingLog log_;
+    ScriptedRelay relay_;
+    int opens_ = 0;
+    int authRejections_ = 0;
+    int controls_ = 0;
+    std::size_t mark_ = 0;
+    // Last, so that it goes first: its session before the queue and the relay.
+    std::shared_ptr<RelayClient> client_;
+};
+
+std::string threadName(SocketThread socketThread) {
+    return socketThread == SocketThread::caller ? "CallerThread" : "OwnThread";
+}
+
+const auto kThreads = ::testing::Values(SocketThread::caller, SocketThread::own);
+
+class RelayFaultsTest : public Link, public ::testing::TestWithParam<SocketThread> {
+  protected:
+    RelayFaultsTest() : Link(GetParam()) {}
+};
+
+TEST_P(RelayFaultsTest, RefusedConnectionsBackOffUpToTheCeiling) {
+    relay_.stopListening();
+    start();
+    ASSERT_TRUE(waitForReconnects(4));
+    relay_.listenAgain();
+    expectRecovery();
+    // The proven link put the base back to the floor.
+    relay_.latest()->hangUp();
+    ASSERT_TRUE(waitForReconnects(5));
+
+    const auto refused = recvError("Connection refused");
+    EXPECT_THAT(log_.lines(),
+                ElementsAreArray({refused, reconnecting("0.1"), refused, reconnecting("0.2"),
+                                  refused, reconnecting("0.4"), refused, reconnecting("0.4"),
+                                  recvError("The remote host closed the connection"),
+                                  reconnecting("0.1")}));
+}
+
+TEST_P(RelayFaultsTest, UnansweredUpgradeTimesOutAndBacksOff) {
+    relay_.answerUpgrades = false;
+    start();
+    ASSERT_TRUE(waitForReconnects(3));
+    EXPECT_EQ(opens_, 0);
+    expectRecovery();
+
+    const auto timedOut = recvError("The request timed out");
+    EXPECT_THAT(log_.lines(),
+                ElementsAreArray({timedOut, reconnecting("0.1"), timedOut, reconnecting("0.2"),
+                                  timedOut, reconnecting("0.4")}));
+    // Each attempt waited out the time-out, then at least the base delay.
+    const auto& at = relay_.acceptedAt();
+    ASSERT_EQ(at.size(), 4u);
+    const std::chrono::milliseconds bases[] = {100ms, 200ms, 400ms};
+    for (std::size_t i = 0; i < 3; ++i) {
+        // The time-out starts a moment before the connection reaches the relay.
+        EXPECT_GE(at[i + 1] - at[i], kRequestTimeout + bases[i] - 20ms) << "attempt " << i + 1;
+    }
+    ASSERT_FALSE(relay_.upgradeRequests().empty());
+    EXPECT_TRUE(relay_.upgradeRequests()[0].startsWith("GET /device HTTP/1.1\r\n"));
+    EXPECT_TRUE(relay_.upgradeRequests()[0].toLower().contains("x-device-token: device-token"));
+}
+
+// The peer stops reading while probes with large answers keep coming: the client keeps reading
+// and answering, every answer arrives in order once the peer reads again, and the peer's
+// disappearance later is an ordinary failure.
+TEST_P(RelayFaultsTest, PeerThatStopsReadingLosesNothing) {
+    startHealthy();
+    RelayPeer& peer = *relay_.latest();
+    peer.stopReading();
+    constexpr int kProbes = 100;
+    const std::string bigViewer(64 * 1024, 'v');
+    for (int t = 1; t <= kProbes; ++t) {
+        peer.sendText(R"({"type":"latency_ping","t":)" + std::to_string(t) + R"(,"viewerId":")" +
+                      bigViewer + "\"}");
+    }
+    peer.sendText(R"({"type":"tap","x":10,"y":20})");
+    ASSERT_TRUE(pumpUntil([this] { return controls_ == 1; }));
+    EXPECT_THAT(newLines(), ::testing::IsEmpty());
+    // The answers did back up: the peer's kernel holds only a part of them.
+    EXPECT_LT(static_cast<std::size_t>(peer.unreadBytes()), kProbes * bigViewer.size());
+
+    peer.resumeReading();
+    ASSERT_TRUE(pumpUntil([&] { return peer.received().size() == kProbes + 1; }));
+    for (int t = 1; t <= kProbes; ++t) {
+        EXPECT_EQ(peer.received()[static_cast<std::size_t>(t)],
+                  R"({"type":"latency_pong","t":)" + std::to_string(t) + R"(,"viewerId":")" +
+                      bigViewer + "\"}");
+    }
+
+    peer.hangUp();
+    ASSERT_TRUE(waitForReconnects(1));
+    expectRecovery();
+    EXPECT_THAT(newLines(), ElementsAreArray({recvError("The remote host closed the connection"),
+                                              reconnecting("0.1")}));
+}
+
+INSTANTIATE_TEST_SUITE_P(, RelayFaultsTest, kThreads,
+                         [](const auto& info) { return threadName(info.param); });
+
+// A fault on a proven link: it must end the link with exactly these lines (so one reconnect, at
+// the floor again), then the client must recover.
+struct BrokenLink {
+    const char* name;
+    std::function<void(RelayPeer&)> fault;
+    std::vector<std::string> lines;
+    int authRejections = 0;
+};
+
+class RelayBrokenLinkTest : public Link,
+                            public ::testing::TestWithParam<std::tuple<SocketThread, BrokenLink>> {
+  protected:
+    RelayBrokenLinkTest() : Link(std::get<0>(GetParam())) {}
+};
+
+TEST_P(RelayBrokenLinkTest, LogsOnceReconnectsOnceAndRecovers) {
+    const BrokenLink& broken = std::get<1>(GetParam());
+    startHealthy();
+    broken.fault(*relay_.latest());
+    ASSERT_TRUE(waitForReconnects(1));
+    expectRecovery();
+    EXPECT_THAT(newLines(), ElementsAreArray(broken.lines));
+    EXPECT_EQ(authRejections_, broken.authRejections);
+}
+
+QByteArray probeBytes(std::int64_t t) {
+    return QByteArray::fromStdString(probeFrame(t));
+}
+
+const BrokenLink kBrokenLinks[] = {
+    {"HangUpWithoutCloseFrame",
+     [](RelayPeer& peer) { peer.hangUp(); },
+     {recvError("The remote host closed the connection"), reconnecting("0.1")}},
+    {"ResetMidFrame",
+     [](RelayPeer& peer) {
+         peer.sendRaw(frame(0x1, probeBytes(1)).left(20));
+         pumpFor(100ms);
+         peer.reset();
+     },
+     // Qt describes a reset as it does an orderly hang-up.
+     {recvError("The remote host closed the connection"), reconnecting("0.1")}},
+    {"InvalidUtf8Text",
+     [](RelayPeer& peer) { peer.sendRaw(frame(0x1, "{\"type\":\"\xff\xfe\"}")); },
+     {logged("closed code=1007 Invalid UTF-8 code encountered."), reconnecting("0.1")}},
+    {"ReservedBits",
+     [](RelayPeer& peer) { peer.sendRaw(frame(0x1, probeBytes(1), true, 0x40)); },
+     {logged("closed code=1002 Rsv field is non-zero"), reconnecting("0.1")}},
+    {"ReservedOpcode",
+     [](RelayPeer& peer) { peer.sendRaw(frame(0x3, probeBytes(1))); },
+     {logged("closed code=1002 Used reserved opcode"), reconnecting("0.1")}},
+    {"Close4401",
+     [](RelayPeer& peer) { peer.sendClose(4401, "token rejected"); },
+     {logged("closed code=4401 token rejected"), reconnecting("0.1")},
+     1},
+};
+
+INSTANTIATE_TEST_SUITE_P(, RelayBrokenLinkTest,
+                         ::testing::Combine(kThreads, ::testing::ValuesIn(kBrokenLinks)),
+                         [](const auto& info) {
+                             return std::string(std::get<1>(info.param).name) +
+                                    threadName(std::get<0>(info.param));
+                         });
+
+// Frames the client must shrug off on a proven link: no log line, no reconnect, and the next
+// probe on the same link is answered.
+struct HarmlessFrame {
+    const char* name;
+    QByteArray bytes;
+    // The probe the frame itself carries, answered; 0 for none.
+    std::int64_t probe = 0;
+};
+
+class RelayHarmlessFrameTest
+    : public Link,
+      public ::testing::TestWithParam<std::tuple<SocketThread, HarmlessFrame>> {
+  protected:
+    RelayHarmlessFrameTest() : Link(std::get<0>(GetParam())) {}
+};
+
+TEST_P(RelayHarmlessFrameTest, KeepsTheLinkAndAnswersTheNextProbe) {
+    startHealthy();
+    RelayPeer& peer = *relay_.latest();
+    const HarmlessFrame& harmless = std::get<1>(GetParam());
+    peer.sendRaw(harmless.bytes);
+    peer.sendText(probeFrame(7));
+    const auto answered = [&peer](std::int64_t t) {
+        return std::any_of(peer.received().begin(), peer.received().end(),
+                           [t](const std::string& text) { return isProbeAnswer(text, t); });
+    };
+    ASSERT_TRUE(pumpUntil([&] { return answered(7); }));
+    if (harmless.probe != 0) {
+        EXPECT_TRUE(answered(harmless.probe));
+    }
+    EXPECT_EQ(relay_.connections(), 1);
+    EXPECT_THAT(newLines(), ::testing::IsEmpty());
+    EXPECT_EQ(opens_, 1);
+}
+
+// A probe padded to 16 MiB in one frame: it must arrive whole to be answered.
+QByteArray hugeProbe() {
+    const std::size_t padding = 16 * 1024 * 1024 - probeFrame(16, "x").size() + 1;
+    return frame(0x1, QByteArray::fromStdString(probeFrame(16, std::string(padding, 'x'))));
+}
+
+const HarmlessFrame kHarmlessFrames[] = {
+    {"BinaryGarbage", frame(0x2, QByteArray("\x00\xff\xfe\x80garbage", 11))},
+    {"TextNotJson", frame(0x1, "{\"type\":")},
+    {"UnknownType", frame(0x1, R"({"type":"no_such_message"})")},
+    {"BinaryJsonProbe", frame(0x2, probeBytes(8)), 8},
+    {"Huge16MiBProbe", hugeProbe(), 16},
+};
+
+INSTANTIATE_TEST_SUITE_P(, RelayHarmlessFrameTest,
+                         ::testing::Combine(kThreads, ::testing::ValuesIn(kHarmlessFrames)),
+                         [](const auto& info) {
+                             return std::string(std::get<1>(info.param).name) +
+                                    threadName(std::get<0>(info.param));
+                         });
+
+}  // namespace
+}  // namespace velmorand::testing
