@@ -20,14 +20,6 @@ QStringList AppOptions::locationArguments() const {
     return arguments;
 }
 
-QString AppOptions::resolvedServiceUrl(const QString& builtInDefault) const {
-    if (serviceUrl) {
-        return *serviceUrl;
-    }
-    const auto fromEnvironment = qEnvironmentVariable("VELMORAND_SERVICE_URL");
-    return fromEnvironment.isEmpty() ? builtInDefault : fromEnvironment;
-}
-
 AppOptions AppOptions::parse(const QStringList& arguments) {
     QCommandLineParser parser;
     parser.setApplicationDescription(

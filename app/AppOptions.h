@@ -17,8 +17,6 @@ struct AppOptions {
 
     // The locations again, as options for a program that shares them (the upload extension).
     QStringList locationArguments() const;
-    // --service-url, else $VELMORAND_SERVICE_URL, else the build's default.
-    QString resolvedServiceUrl(const QString& builtInDefault) const;
 
     // Parses the application's arguments; on an error or --help it prints and exits.
     static AppOptions parse(const QStringList& arguments);

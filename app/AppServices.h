@@ -6,6 +6,7 @@
 #include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/desktop/DesktopEnvironment.h"
+#include "velmorand/desktop/ServiceEndpoints.h"
 #include "velmorand/desktop/StderrLog.h"
 #include "velmorand/pairing/PairingModel.h"
 #include "velmorand/pairing/WebRtcCapability.h"
@@ -19,13 +20,6 @@ namespace velmorand::app {
 class ClipboardPasteboard : public Pasteboard {
   public:
     void setString(std::string_view text) override;
-};
-
-struct ServiceEndpoints {
-    // The service's base URL the model pairs with.
-    std::string appURL;
-    // The local automation server's status URL.
-    std::string wdaStatusURL = "http://127.0.0.1:8100/status";
 };
 
 // Everything the screen runs on, built once per process; the one PairingModel lives here.

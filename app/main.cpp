@@ -65,12 +65,10 @@ int main(int argc, char** argv) {
             "later start another window");
     }
 
-    app::ServiceEndpoints endpoints{
-        options.resolvedServiceUrl(QStringLiteral(VELMORAND_SERVICE_URL)).toStdString()};
-    if (const auto wda = qEnvironmentVariable("VELMORAND_WDA_URL"); !wda.isEmpty()) {
-        endpoints.wdaStatusURL = wda.toStdString();
-    }
-    app::AppServices services(options.locations, std::move(endpoints));
+    app::AppServices services(
+        options.locations,
+        ServiceEndpoints::resolve(
+            options.serviceUrl ? std::optional(options.serviceUrl->toStdString()) : std::nullopt));
     app::ScreenBridges bridges(services, options.locationArguments());
 
     QQmlApplicationEngine engine;

@@ -1,11 +1,11 @@
 #include "CliContext.h"
 
 #include <QCoreApplication>
-#include <cstdlib>
 #include <iostream>
 
 #include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
+#include "velmorand/desktop/ServiceEndpoints.h"
 #include "velmorand/desktop/StderrLog.h"
 #include "velmorand/pairing/PairingModel.h"
 #include "velmorand/pairing/WebRtcCapability.h"
@@ -21,12 +21,6 @@ class StdoutPasteboard : public Pasteboard {
   public:
     void setString(std::string_view text) override { std::cout << text << std::endl; }
 };
-
-// The local automation server's status URL; tests point it at a stand-in.
-std::string wdaStatusURL() {
-    const char* fromEnvironment = std::getenv("VELMORAND_WDA_URL");
-    return fromEnvironment && *fromEnvironment ? fromEnvironment : "http://127.0.0.1:8100/status";
-}
 
 }  // namespace
 struct CliContext::Stores {
@@ -62,8 +56,8 @@ struct CliContext::Pairing {
                   [&bundle = context.bundle()] {
                       return BroadcastExtension::bundleIdentifier(bundle);
                   },
-              .appURL = context.serviceUrl(),
-              .wdaStatusURL = wdaStatusURL(),
+              .appURL = context.endpoints().appURL,
+              .wdaStatusURL = context.endpoints().wdaStatusURL,
           })) {}
 
     WebRtcCapability webRtc;
@@ -103,15 +97,8 @@ Log& CliContext::log() {
     return log;
 }
 
-std::string CliContext::serviceUrl() const {
-    if (options_.serviceUrl) {
-        return *options_.serviceUrl;
-    }
-    if (const char* fromEnvironment = std::getenv("VELMORAND_SERVICE_URL");
-        fromEnvironment && *fromEnvironment) {
-        return fromEnvironment;
-    }
-    return VELMORAND_SERVICE_URL;
+ServiceEndpoints CliContext::endpoints() const {
+    return ServiceEndpoints::resolve(options_.serviceUrl);
 }
 
 MainQueue& CliContext::mainQueue() {

@@ -17,6 +17,7 @@ class MainQueue;
 class HttpClient;
 class Log;
 class PairingModel;
+struct ServiceEndpoints;
 
 namespace cli {
 
@@ -41,8 +42,9 @@ class CliContext {
     const AppGroup& appGroup();
     const GroupContainers& groupContainers();
     Log& log();
-    // --service-url, else $VELMORAND_SERVICE_URL, else the build's default.
-    std::string serviceUrl() const;
+    // The service (--service-url, else $VELMORAND_SERVICE_URL, else the build's default) and the
+    // on-device automation server.
+    ServiceEndpoints endpoints() const;
 
     // The main queue on an event loop that runs only inside runEventLoop().
     MainQueue& mainQueue();

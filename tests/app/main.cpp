@@ -47,8 +47,8 @@ class Setup : public QObject {
 
         const DesktopLocations locations{dataDir, bundleDir};
         services_ = std::make_unique<app::AppServices>(
-            locations, app::ServiceEndpoints{proxy_->baseUrl().toStdString(),
-                                             sandbox_->wdaBaseUrl() + "/status"});
+            locations,
+            ServiceEndpoints{proxy_->baseUrl().toStdString(), sandbox_->wdaBaseUrl() + "/status"});
         const QStringList extensionArguments{
             QStringLiteral("--data-dir"), QString::fromStdString(dataDir.string()),
             QStringLiteral("--bundle-dir"), QString::fromStdString(bundleDir.string())};

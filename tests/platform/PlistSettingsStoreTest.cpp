@@ -15,6 +15,7 @@
 #include "TempDir.h"
 #include "velmorand/desktop/DataRoot.h"
 #include "velmorand/desktop/DesktopSettingsStores.h"
+#include "velmorand/desktop/ServiceEndpoints.h"
 #include "velmorand/platform/PropertyList.h"
 
 namespace velmorand {
@@ -237,6 +238,25 @@ TEST(DataRootTest, ResolvesInOrderOfPrecedence) {
         EXPECT_EQ(DataRoot::resolve(dataDir, lookup).root(), expected) << expected;
     }
     EXPECT_EQ(DataRoot("/r").keychainFile(), "/r/Keychain/keychain.plist");
+}
+
+TEST(ServiceEndpointsTest, OptionThenEnvironmentThenBuiltIn) {
+    const auto from = [](std::map<std::string, std::string, std::less<>> environment) {
+        return [environment](std::string_view name) -> std::optional<std::string> {
+            const auto it = environment.find(name);
+            return it == environment.end() ? std::nullopt : std::optional(it->second);
+        };
+    };
+    const auto service = from({{"VELMORAND_SERVICE_URL", "https://env"}});
+    EXPECT_EQ(ServiceEndpoints::resolve("https://option", service).appURL, "https://option");
+    EXPECT_EQ(ServiceEndpoints::resolve(std::nullopt, service).appURL, "https://env");
+    const auto builtIn =
+        ServiceEndpoints::resolve(std::nullopt, from({{"VELMORAND_SERVICE_URL", ""}}));
+    EXPECT_TRUE(builtIn.appURL.starts_with("https://")) << builtIn.appURL;
+    EXPECT_EQ(builtIn.wdaStatusURL, "http://127.0.0.1:8100/status");
+    EXPECT_EQ(ServiceEndpoints::resolve(std::nullopt, from({{"VELMORAND_WDA_URL", "http://x/s"}}))
+                  .wdaStatusURL,
+              "http://x/s");
 }
 
 }  // namespace
