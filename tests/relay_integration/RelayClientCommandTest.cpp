@@ -79,8 +79,6 @@ TEST(RelayClientCommandTest, PairedDeviceReportsViewerMessagesAsJsonLinesUntilSi
     EXPECT_EQ(bench.sandbox->lastDeviceToken(), bench.pairing.deviceToken);
 
     Viewer viewer(bench.pairing.relayWsUrl);
-    viewer.send(R"({"type":"latency_ping","t":5,"viewerId":"v1"})");
-    EXPECT_EQ(viewer.next(), R"({"type":"latency_pong","t":5,"viewerId":"v1"})");
     viewer.send(R"({"type": "webrtc_offer","sdp":"v=0"})");
     EXPECT_EQ(client.nextEvent(), json::parse(R"({"event":"webrtc_signal",
                                                   "message":{"type":"webrtc_offer","sdp":"v=0"}})"));

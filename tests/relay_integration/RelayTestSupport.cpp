@@ -10,9 +10,8 @@
 
 namespace velmorand::testing {
 
-RelayBench::RelayBench(bool tls, std::chrono::milliseconds pingInterval) {
+RelayBench::RelayBench(bool tls) {
     sandbox::SandboxOptions options;
-    options.relayPingInterval = pingInterval;
     if (tls) {
         options.tlsCertificateFile = testPki().serverCertificate.string();
         options.tlsKeyFile = testPki().serverKey.string();
@@ -50,19 +49,13 @@ Viewer::Viewer(const std::string& relayWsUrl) {
     }
     QObject::connect(&socket_, &QWebSocket::textMessageReceived, &socket_,
                      [this](const QString& text) { received_.push_back(text.toStdString()); });
-    QObject::connect(&socket_, &QWebSocket::binaryMessageReceived, &socket_,
-                     [this](const QByteArray& bytes) { received_.push_back(bytes.toStdString()); });
     socket_.open(QUrl(QString::fromStdString(relayWsUrl + "/viewer")));
     EXPECT_TRUE(pumpUntil([this] { return socket_.state() == QAbstractSocket::ConnectedState; }))
         << "viewer could not connect: " << socket_.errorString().toStdString();
 }
 
-void Viewer::send(const std::string& frame, bool binary) {
-    if (binary) {
-        socket_.sendBinaryMessage(QByteArray::fromStdString(frame));
-    } else {
-        socket_.sendTextMessage(QString::fromStdString(frame));
-    }
+void Viewer::send(const std::string& frame) {
+    socket_.sendTextMessage(QString::fromStdString(frame));
 }
 
 std::optional<std::string> Viewer::next() {

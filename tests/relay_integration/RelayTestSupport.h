@@ -15,7 +15,7 @@ namespace velmorand::testing {
 // A sandbox with its relay, plain or over TLS with the test CA (trusted through
 // VELMORAND_CA_FILE while the object lives), and one device paired through the real handshake.
 struct RelayBench {
-    explicit RelayBench(bool tls, std::chrono::milliseconds pingInterval = std::chrono::seconds(5));
+    explicit RelayBench(bool tls);
 
     std::optional<ScopedEnv> caFile;
     std::unique_ptr<sandbox::Sandbox> sandbox;
@@ -27,7 +27,7 @@ struct RelayBench {
 class Viewer {
   public:
     explicit Viewer(const std::string& relayWsUrl);
-    void send(const std::string& frame, bool binary = false);
+    void send(const std::string& frame);
     // The next frame not yet taken, waiting for it; absent after 10 seconds.
     std::optional<std::string> next();
 
