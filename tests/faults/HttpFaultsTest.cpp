@@ -181,7 +181,8 @@ TEST_F(HttpFaults, SlowlorisHandshakeTimesOutAfterFifteenSeconds) {
     makeModel(server.baseUrl());
     const auto [status, elapsed] = pair(25s);
     EXPECT_EQ(status, "Pairing failed: The request timed out");
-    EXPECT_GE(elapsed, 14'500);
+    // Qt's transfer timer is a coarse one, allowed to fire up to 5% early.
+    EXPECT_GE(elapsed, 14'250);
     EXPECT_LT(elapsed, 18'000);
     EXPECT_FALSE(config.load().isPaired());
 }
