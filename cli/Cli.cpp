@@ -36,9 +36,9 @@ int run(int argc, char** argv) {
     CliContext context(options, argc, argv);
     Action action;
     addConfigCommands(app, context, action);
-    addRelayClientCommand(app, context, action);
     addPairingCommands(app, context, action);
     addEncodeCommands(app, context, action);
+    addRelayClientCommand(app, context, action);
 
     try {
         app.parse(argc, argv);
