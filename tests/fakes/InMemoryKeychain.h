@@ -18,8 +18,8 @@ class InMemoryKeychain : public Keychain {
         std::lock_guard lock(mutex_);
         ++copyCount;
         for (const auto& item : items) {
-            if (matches(item, query)) {
-                fill(item, query, result);
+            if (keychain::matches(item, query)) {
+                keychain::fillResult(item, query, result);
                 return keychain::kSuccess;
             }
         }
@@ -32,12 +32,7 @@ class InMemoryKeychain : public Keychain {
         if (failAdds) {
             return keychain::kParam;
         }
-        KeychainAttributes item;
-        for (const auto& [name, value] : attributes) {
-            if (!isControl(name)) {
-                item.emplace(name, value);
-            }
-        }
+        KeychainAttributes item = keychain::storedAttributes(attributes);
         if (!item.contains(keychain::kAccessGroup)) {
             if (!defaultAccessGroup) {
                 return keychain::kMissingEntitlement;
@@ -45,12 +40,12 @@ class InMemoryKeychain : public Keychain {
             item.emplace(std::string(keychain::kAccessGroup), *defaultAccessGroup);
         }
         for (const auto& existing : items) {
-            if (sameIdentity(existing, item)) {
+            if (keychain::sameIdentity(existing, item)) {
                 return keychain::kDuplicateItem;
             }
         }
         items.push_back(item);
-        fill(item, attributes, result);
+        keychain::fillResult(item, attributes, result);
         return keychain::kSuccess;
     }
 
@@ -58,7 +53,8 @@ class InMemoryKeychain : public Keychain {
         std::lock_guard lock(mutex_);
         ++removeCount;
         const auto before = items.size();
-        std::erase_if(items, [&](const KeychainAttributes& item) { return matches(item, query); });
+        std::erase_if(
+            items, [&](const KeychainAttributes& item) { return keychain::matches(item, query); });
         return items.size() == before ? keychain::kItemNotFound : keychain::kSuccess;
     }
 
@@ -70,53 +66,6 @@ class InMemoryKeychain : public Keychain {
     int removeCount = 0;
 
   private:
-    static bool isControl(std::string_view name) {
-        return name == keychain::kReturnAttributes || name == keychain::kReturnData ||
-               name == keychain::kMatchLimit;
-    }
-    static bool isIdentity(std::string_view name) {
-        return name == keychain::kClass || name == keychain::kService ||
-               name == keychain::kAccount || name == keychain::kAccessGroup;
-    }
-    static bool matches(const KeychainAttributes& item, const KeychainAttributes& query) {
-        for (const auto& [name, value] : query) {
-            if (!isIdentity(name)) {
-                continue;
-            }
-            const auto it = item.find(name);
-            if (it == item.end() || it->second != value) {
-                return false;
-            }
-        }
-        return true;
-    }
-    static bool sameIdentity(const KeychainAttributes& a, const KeychainAttributes& b) {
-        return matches(a, b) && matches(b, a);
-    }
-    static bool asks(const KeychainAttributes& query, std::string_view flag) {
-        const auto it = query.find(flag);
-        return it != query.end() && std::holds_alternative<bool>(it->second) &&
-               std::get<bool>(it->second);
-    }
-    static void fill(const KeychainAttributes& item, const KeychainAttributes& query,
-                     KeychainResult* result) {
-        if (!result) {
-            return;
-        }
-        if (asks(query, keychain::kReturnData)) {
-            const auto it = item.find(keychain::kValueData);
-            *result = it != item.end() && std::holds_alternative<Bytes>(it->second)
-                          ? KeychainResult{std::get<Bytes>(it->second)}
-                          : KeychainResult{Bytes{}};
-        } else if (asks(query, keychain::kReturnAttributes)) {
-            KeychainAttributes attributes = item;
-            attributes.erase(std::string(keychain::kValueData));
-            *result = std::move(attributes);
-        } else {
-            *result = std::monostate{};
-        }
-    }
-
     std::mutex mutex_;
 };
 

@@ -14,13 +14,6 @@ using plist::PlistHandle;
 // The platform's status for a failed read or write of the store itself.
 constexpr int kIoError = -36;
 
-constexpr std::string_view kIdentity[] = {keychain::kClass, keychain::kService, keychain::kAccount,
-                                          keychain::kAccessGroup};
-
-bool isControl(std::string_view name) {
-    return name.starts_with("r_") || name.starts_with("m_");
-}
-
 KeychainAttributes attributesOf(plist_t item) {
     KeychainAttributes attributes;
     plist_dict_iter iterator = nullptr;
@@ -48,56 +41,6 @@ PlistHandle itemOf(const KeychainAttributes& attributes) {
         plist_dict_set_item(item.get(), name.c_str(), plist::newNode(value));
     }
     return item;
-}
-
-bool matches(const KeychainAttributes& item, const KeychainAttributes& query) {
-    for (const auto name : kIdentity) {
-        const auto wanted = query.find(name);
-        if (wanted == query.end()) {
-            continue;
-        }
-        const auto found = item.find(name);
-        if (found == item.end() || found->second != wanted->second) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool sameIdentity(const KeychainAttributes& a, const KeychainAttributes& b) {
-    for (const auto name : kIdentity) {
-        const auto inA = a.find(name);
-        const auto inB = b.find(name);
-        if ((inA == a.end()) != (inB == b.end()) ||
-            (inA != a.end() && inA->second != inB->second)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool asks(const KeychainAttributes& query, std::string_view flag) {
-    const auto it = query.find(flag);
-    return it != query.end() && std::holds_alternative<bool>(it->second) &&
-           std::get<bool>(it->second);
-}
-
-void fill(const KeychainAttributes& item, const KeychainAttributes& query, KeychainResult* result) {
-    if (result == nullptr) {
-        return;
-    }
-    if (asks(query, keychain::kReturnData)) {
-        const auto it = item.find(keychain::kValueData);
-        *result = it != item.end() && std::holds_alternative<Bytes>(it->second)
-                      ? KeychainResult{std::get<Bytes>(it->second)}
-                      : KeychainResult{Bytes{}};
-    } else if (asks(query, keychain::kReturnAttributes)) {
-        auto attributes = item;
-        attributes.erase(std::string(keychain::kValueData));
-        *result = std::move(attributes);
-    } else {
-        *result = std::monostate{};
-    }
 }
 
 // Visits the dictionary items of the keychain array with their attributes; `visit` returns
@@ -193,10 +136,10 @@ int PlistKeychain::copyMatching(const KeychainAttributes& query, KeychainResult*
     const auto content = file_->read(PLIST_ARRAY);
     int status = keychain::kItemNotFound;
     forEachItem(content.root.get(), [&](std::uint32_t, const KeychainAttributes& item) {
-        if (!matches(item, query)) {
+        if (!keychain::matches(item, query)) {
             return true;
         }
-        fill(item, query, result);
+        keychain::fillResult(item, query, result);
         status = keychain::kSuccess;
         return false;
     });
@@ -205,12 +148,7 @@ int PlistKeychain::copyMatching(const KeychainAttributes& query, KeychainResult*
 
 int PlistKeychain::add(const KeychainAttributes& attributes, KeychainResult* result) {
     std::lock_guard lock(mutex_);
-    KeychainAttributes item;
-    for (const auto& [name, value] : attributes) {
-        if (!isControl(name)) {
-            item.emplace(name, value);
-        }
-    }
+    KeychainAttributes item = keychain::storedAttributes(attributes);
     if (const auto group = item.find(keychain::kAccessGroup); group != item.end()) {
         if (!std::holds_alternative<std::string>(group->second) ||
             !grants(std::get<std::string>(group->second))) {
@@ -226,7 +164,7 @@ int PlistKeychain::add(const KeychainAttributes& attributes, KeychainResult* res
     const auto content = file_->read(PLIST_ARRAY);
     bool duplicate = false;
     forEachItem(content.root.get(), [&](std::uint32_t, const KeychainAttributes& existing) {
-        duplicate = sameIdentity(existing, item);
+        duplicate = keychain::sameIdentity(existing, item);
         return !duplicate;
     });
     if (duplicate) {
@@ -237,7 +175,7 @@ int PlistKeychain::add(const KeychainAttributes& attributes, KeychainResult* res
     if (!file_->write(updated, content)) {
         return kIoError;
     }
-    fill(item, attributes, result);
+    keychain::fillResult(item, attributes, result);
     return keychain::kSuccess;
 }
 
@@ -247,7 +185,7 @@ int PlistKeychain::remove(const KeychainAttributes& query) {
     const auto content = file_->read(PLIST_ARRAY);
     std::vector<std::uint32_t> doomed;
     forEachItem(content.root.get(), [&](std::uint32_t index, const KeychainAttributes& item) {
-        if (matches(item, query)) {
+        if (keychain::matches(item, query)) {
             doomed.push_back(index);
         }
         return true;

@@ -38,6 +38,21 @@ using KeychainAttributes = std::map<std::string, StoredValue, std::less<>>;
 // depending on what the query asked to be returned.
 using KeychainResult = std::variant<std::monostate, KeychainAttributes, Bytes>;
 
+// How every implementation reads queries: the platform's own rules, shared so that a store of
+// items and its stand-ins agree.
+namespace keychain {
+// Whether `item` has every identifying attribute (class, service, account, access group) that
+// `query` names, with the same value.
+bool matches(const KeychainAttributes& item, const KeychainAttributes& query);
+// Whether two items agree on all four identifying attributes, absent ones included.
+bool sameIdentity(const KeychainAttributes& a, const KeychainAttributes& b);
+// What an add stores: the attributes without the query's control entries (r_*, m_*).
+KeychainAttributes storedAttributes(const KeychainAttributes& attributes);
+// Fills `result` (when given) as `query` asks: the item's data, its attributes, or nothing.
+void fillResult(const KeychainAttributes& item, const KeychainAttributes& query,
+                KeychainResult* result);
+}  // namespace keychain
+
 // Generic-password items. Calls return a status from keychain::k*; implementations are
 // thread-safe.
 class Keychain {
