@@ -4,16 +4,12 @@
 
 #include <QElapsedTimer>
 
-#include "FakeBundle.h"
 #include "FakeClassLookup.h"
-#include "InMemoryKeychain.h"
-#include "InMemorySettings.h"
+#include "InMemoryConfig.h"
 #include "QtTestSupport.h"
 #include "RecordingLog.h"
 #include "RecordingPasteboard.h"
 #include "ScriptedServer.h"
-#include "TempDir.h"
-#include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/pairing/PairingModel.h"
 #include "velmorand/pairing/WebRtcCapability.h"
@@ -30,7 +26,7 @@ constexpr const char* kStopped = "Touch control stopped — tap Start to restart
 const std::string kHandshakeBody =
     R"({"deviceToken":"t","relayWsUrl":"wss://relay.test","deviceId":"d","deviceName":"Phone"})";
 
-class HttpFaults : public ::testing::Test {
+class HttpFaults : public ::testing::Test, protected InMemoryConfig {
   protected:
     void makeModel(const std::string& appURL,
                    const std::string& wdaStatusURL = "http://127.0.0.1:9/status") {
@@ -75,12 +71,6 @@ class HttpFaults : public ::testing::Test {
 
     // Read by the client when it is made, hence first.
     ScopedEnv ca{"VELMORAND_CA_FILE", testPki().caCertificate.string()};
-    TempDir dir;
-    FakeBundle bundle{dir.path()};
-    InMemorySettingsStores stores;
-    InMemoryKeychain keychain;
-    AppGroup appGroup{bundle};
-    SharedConfig config{stores, keychain, appGroup};
     QtMainQueue queue;
     QtHttpClient http{queue};
     FakeClassLookup classes;

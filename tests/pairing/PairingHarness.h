@@ -8,16 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "FakeBundle.h"
 #include "FakeClassLookup.h"
 #include "FakeHttpClient.h"
-#include "InMemoryKeychain.h"
-#include "InMemorySettings.h"
+#include "InMemoryConfig.h"
 #include "RecordingLog.h"
 #include "RecordingPasteboard.h"
-#include "TempDir.h"
 #include "ThreadedMainQueue.h"
-#include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/pairing/PairingModel.h"
 #include "velmorand/pairing/WebRtcCapability.h"
@@ -38,13 +34,7 @@ inline void grantAppGroup(const std::filesystem::path& bundleRoot) {
 
 // A model wired to a real SharedConfig over in-memory stores, in a bundle without a profile
 // (standard store and keychain only) unless the test grants the group first.
-struct PairingHarness {
-    TempDir dir;
-    FakeBundle bundle{dir.path()};
-    InMemorySettingsStores stores;
-    InMemoryKeychain keychain;
-    AppGroup appGroup{bundle};
-    SharedConfig config{stores, keychain, appGroup};
+struct PairingHarness : InMemoryConfig {
     ThreadedMainQueue queue;
     FakeHttpClient http{queue};
     FakeClassLookup classes;

@@ -1,20 +1,16 @@
+#include "InMemoryConfig.h"
 #include "velmorand/ui/EncodeSection.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 
-#include "FakeBundle.h"
-#include "InMemoryKeychain.h"
-#include "InMemorySettings.h"
-#include "TempDir.h"
-#include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
 
 namespace velmorand {
 namespace {
 
-class EncodeSectionTest : public ::testing::Test {
+class EncodeSectionTest : public ::testing::Test, protected testing::InMemoryConfig {
   protected:
     void edit(std::string codec, std::int64_t fps, double quality, double scale) {
         section.setCodec(std::move(codec));
@@ -23,12 +19,6 @@ class EncodeSectionTest : public ::testing::Test {
         section.setScale(scale);
     }
 
-    testing::TempDir dir;
-    testing::FakeBundle bundle{dir.path()};
-    testing::InMemorySettingsStores stores;
-    testing::InMemoryKeychain keychain;
-    AppGroup appGroup{bundle};
-    SharedConfig config{stores, keychain, appGroup};
     EncodeSection section{config};
 };
 
