@@ -26,6 +26,21 @@ std::function<double()> systemRandom() {
     };
 }
 
+// Runs on the session's thread: logs a failed send if the client still exists, without owning it,
+// after running `done`.
+WebSocketTask::SendCompletion sendCompletion(std::weak_ptr<RelayClient> client, Log& log,
+                                             std::function<void()> done) {
+    return [client = std::move(client), &log,
+            done = std::move(done)](std::optional<WebSocketError> error) {
+        if (done) {
+            done();
+        }
+        if (error && !client.expired()) {
+            log.write("[relay-client] send error: " + error->description);
+        }
+    };
+}
+
 std::string oneDecimal(double value) {
     char buffer[64];
     const auto result =
@@ -245,15 +260,34 @@ void RelayClient::transmit(std::optional<std::string> text, std::optional<Bytes>
                     message.payload.assign(binary->begin(), binary->end());
                 }
             }
-            // Runs on the session's thread: checks the client without owning it.
-            socket->send(std::move(message), [client, &log](std::optional<WebSocketError> error) {
-                if (error && !client.expired()) {
-                    log.write("[relay-client] send error: " + error->description);
-                }
-            });
-            // Released at once: nothing reserves bytes for a send yet.
+            socket->send(std::move(message), sendCompletion(client, log, {}));
+            // Replies are tiny and never held back: released as soon as the send has started.
             release();
         });
+}
+
+RelayClient::FrameOutcome RelayClient::sendFrame(FrameHeader header,
+                                                 std::span<const std::uint8_t> payload,
+                                                 std::int64_t budget) {
+    const auto size = static_cast<std::int64_t>(FrameHeader::kSize + payload.size());
+    return outbound_->sendWithin(
+        budget, size,
+        [&](const Socket& socket, std::uint32_t sequence, RelayOutbound<Socket>::Release release) {
+            header.sequence = sequence;
+            WebSocketMessage message{WebSocketMessage::Kind::binary,
+                                     std::string(static_cast<std::size_t>(size), '\0')};
+            auto* bytes = reinterpret_cast<std::uint8_t*>(message.payload.data());
+            header.write(std::span<std::uint8_t, FrameHeader::kSize>(bytes, FrameHeader::kSize));
+            std::copy(payload.begin(), payload.end(), bytes + FrameHeader::kSize);
+            // The bytes stay reserved until the socket has written them (or failed to), so
+            // that a relay reading slowly holds back new frames instead of queueing them.
+            socket->send(std::move(message),
+                         sendCompletion(weak_from_this(), log_, std::move(release)));
+        });
+}
+
+std::int64_t RelayClient::frameBytesInFlight() const {
+    return outbound_->bytes();
 }
 
 void RelayClient::log(std::string_view message) {

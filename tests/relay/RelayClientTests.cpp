@@ -317,6 +317,44 @@ TEST(Connection, SendErrorIsLoggedOnly) {
     EXPECT_EQ(h.sockets.tasks.size(), 1u);
 }
 
+// Frames: header and payload in one binary message, numbered per connection, their bytes held
+// until the socket has written them.
+TEST(Connection, FramesAreNumberedPerConnectionAndHeldAgainstTheBudgetUntilWritten) {
+    Harness h;
+    const std::vector<std::uint8_t> payload{0xFF, 0xD8, 0xFF, 0xD9};
+    const auto sendFrame = [&](std::int64_t budget) {
+        return h.client->sendFrame({.codec = FrameCodec::jpeg, .keyFrame = true}, payload, budget);
+    };
+    using Outcome = RelayClient::FrameOutcome;
+    EXPECT_EQ(sendFrame(1000), Outcome::noSocket);
+    h.client->connect();
+    EXPECT_EQ(sendFrame(64), Outcome::sent);
+    EXPECT_EQ(h.client->frameBytesInFlight(), 32);
+    EXPECT_EQ(sendFrame(64), Outcome::sent);
+    EXPECT_EQ(sendFrame(64), Outcome::overBudget);
+    ASSERT_EQ(h.task().sent.size(), 2u);
+    const auto& bytes = h.task().sent[1];
+    const auto* data = reinterpret_cast<const std::uint8_t*>(bytes.data());
+    const auto header = FrameHeader::read({data, bytes.size()});
+    ASSERT_TRUE(header);
+    EXPECT_EQ(header->sequence, 1u);
+    EXPECT_EQ(std::vector<std::uint8_t>(data + FrameHeader::kSize, data + bytes.size()), payload);
+
+    // Written, or failed: either way the bytes are free again; a failure is logged.
+    h.task().sendCompletions[0](std::nullopt);
+    h.task().sendCompletions[1](WebSocketError{"reset"});
+    EXPECT_EQ(h.client->frameBytesInFlight(), 0);
+    EXPECT_EQ(h.logged(), Lines{"send error: reset"});
+
+    h.task().fail("gone");
+    h.queue.advance(2s);
+    EXPECT_EQ(sendFrame(64), Outcome::sent);
+    const auto& fresh = h.sockets.tasks.back()->sent.at(0);
+    EXPECT_EQ(FrameHeader::read({reinterpret_cast<const std::uint8_t*>(fresh.data()), fresh.size()})
+                  ->sequence,
+              0u);
+}
+
 TEST(Connection, PendingWorkDoesNotKeepTheClientAlive) {
     Harness h;
     h.client->connect();

@@ -38,43 +38,59 @@ TEST(RelayOutbound, SendsOnlyWhileASocketIsSet) {
     EXPECT_EQ(r.sent, (std::vector<std::string>{"a:one", "a:<binary>"}));
 }
 
-TEST(RelayOutbound, ReleaseFreesOnlyItsOwnLiveReservation) {
+// Frames: reserved until released, numbered per socket, refused past the budget.
+TEST(RelayOutbound, ReservationsCountAgainstTheBudgetUntilReleased) {
     auto outbound = Outbound::make();
-    Recorder r;
+    std::vector<std::string> sent;
+    std::vector<Outbound::Release> releases;
+    const auto frame = [&](std::int64_t budget, std::int64_t size) {
+        return outbound->sendWithin(
+            budget, size, [&](const std::string& socket, std::uint32_t sequence, auto release) {
+                sent.push_back(socket + "#" + std::to_string(sequence));
+                releases.push_back(std::move(release));
+            });
+    };
+    using Outcome = Outbound::Outcome;
+    EXPECT_EQ(frame(100, 10), Outcome::noSocket);
     outbound->replace("a");
-    outbound->send("x", std::nullopt, r.transmit(), 100);
-    outbound->send("y", std::nullopt, r.transmit(), 20);
-    EXPECT_EQ(outbound->bytes(), 120);
-    r.releases[0]();
-    r.releases[0]();
-    EXPECT_EQ(outbound->bytes(), 20);
+    EXPECT_EQ(frame(100, 60), Outcome::sent);
+    EXPECT_EQ(frame(100, 40), Outcome::sent);
+    EXPECT_EQ(frame(100, 1), Outcome::overBudget);
+    EXPECT_EQ(outbound->bytes(), 100);
+    releases[0]();
+    releases[0]();
+    EXPECT_EQ(outbound->bytes(), 40);
     EXPECT_EQ(outbound->reservationCount(), 1u);
+    EXPECT_EQ(frame(100, 60), Outcome::sent);
+    // Replies are never held back, nor counted.
+    outbound->send("reply", std::nullopt, [&](const std::string& socket, auto&, auto&, auto) {
+        sent.push_back(socket + ":reply");
+    });
+    EXPECT_EQ(outbound->bytes(), 100);
 
-    // After a replace, earlier releases change nothing.
+    // After a replace, numbering starts again and earlier releases change nothing.
     outbound->replace("b");
     EXPECT_EQ(outbound->bytes(), 0);
-    EXPECT_EQ(outbound->reservationCount(), 0u);
-    outbound->send("z", std::nullopt, r.transmit(), 30);
-    r.releases[1]();
+    EXPECT_EQ(frame(100, 30), Outcome::sent);
+    releases[1]();
     EXPECT_EQ(outbound->bytes(), 30);
-    r.releases[2]();
-    EXPECT_EQ(outbound->bytes(), 0);
+    EXPECT_EQ(sent, (std::vector<std::string>{"a#0", "a#1", "a#2", "a:reply", "b#0"}));
 
     // Nor do they keep the outbound alive, or touch it once it is gone.
-    outbound->send("w", std::nullopt, r.transmit(), 10);
     std::weak_ptr<Outbound> weak = outbound;
     outbound.reset();
     EXPECT_TRUE(weak.expired());
-    r.releases[3]();
+    releases[3]();
 }
 
 TEST(RelayOutboundDeath, ByteCountOverflowStopsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto outbound = Outbound::make();
-    Recorder r;
     outbound->replace("a");
-    outbound->send("x", std::nullopt, r.transmit(), std::numeric_limits<std::int64_t>::max());
-    EXPECT_DEATH(outbound->send("y", std::nullopt, r.transmit(), 1), "");
+    const auto transmit = [](auto&, auto, auto) {};
+    const auto max = std::numeric_limits<std::int64_t>::max();
+    outbound->sendWithin(max, max, transmit);
+    EXPECT_DEATH(outbound->sendWithin(max, 1, transmit), "");
 }
 
 // Senders on four threads while a fifth swaps the socket; half the sends release at once (under
@@ -103,9 +119,9 @@ TEST(RelayOutboundThreads, CountsStayBalancedWhileOthersSendReleaseAndReplace) {
     const auto send = [&](int t) {
         for (int i = 0; i < 2000; ++i) {
             const std::int64_t reserve = 1 + (i + t) % 7;
-            outbound->send(
-                "x", std::nullopt,
-                [&, i, reserve](const std::string& socket, auto&, auto&, auto release) {
+            outbound->sendWithin(
+                std::numeric_limits<std::int64_t>::max(), reserve,
+                [&, i, reserve](const std::string& socket, std::uint32_t, auto release) {
                     EXPECT_EQ(socket, "a");
                     if (i % 2 == 0) {
                         return release();
@@ -113,8 +129,7 @@ TEST(RelayOutboundThreads, CountsStayBalancedWhileOthersSendReleaseAndReplace) {
                     heldBytes += reserve;
                     std::lock_guard guard(heldLock);
                     held.push_back(std::move(release));
-                },
-                reserve);
+                });
         }
     };
     run(send);

@@ -7,6 +7,7 @@
 #include <QTimer>
 #include <QUrl>
 #include <QWebSocket>
+#include <algorithm>
 #include <cassert>
 #include <cstdlib>
 #include <deque>
@@ -92,6 +93,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
     void abandon() {
         receives_.clear();
         sends_.clear();
+        unwritten_.clear();
         ended_ = true;
         if (socket_ != nullptr) {
             QObject::disconnect(socket_, nullptr, socket_, nullptr);
@@ -146,6 +148,8 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         QObject::connect(socket_, &QWebSocket::aboutToClose, socket_,
                          [this] { peerClosed_ = true; });
         QObject::connect(socket_, &QWebSocket::disconnected, socket_, [this] { onDisconnected(); });
+        QObject::connect(socket_, &QWebSocket::bytesWritten, socket_,
+                         [this] { completeWritten(); });
 
         const auto timeout =
             request_.timeout.count() > 0 ? request_.timeout : std::chrono::milliseconds{60'000};
@@ -177,7 +181,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         auto waiting = std::move(sends_);
         sends_.clear();
         for (auto& [message, completion] : waiting) {
-            transmit(message, completion);
+            transmit(message, std::move(completion));
         }
     }
 
@@ -218,6 +222,11 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         }
         auto sends = std::move(sends_);
         sends_.clear();
+        auto unwritten = std::move(unwritten_);
+        unwritten_.clear();
+        for (auto& send : unwritten) {
+            send.second(WebSocketError{endReason_});
+        }
         for (auto& send : sends) {
             send.second(WebSocketError{endReason_});
         }
@@ -280,18 +289,40 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         } else if (!opened_) {
             sends_.emplace_back(std::move(message), std::move(completion));
         } else {
-            transmit(message, completion);
+            transmit(message, std::move(completion));
         }
     }
 
-    void transmit(const WebSocketMessage& message, const SendCompletion& completion) {
+    // A send completes when the socket's buffer has drained past its last byte. Qt appends a
+    // message to that buffer whole and writes it out later, so what the buffer grew by is the
+    // message as it goes on the wire (frame headers and TLS records included or not, the count
+    // stays in one unit). Other writes (automatic pongs) only make the count cautious.
+    void transmit(const WebSocketMessage& message, SendCompletion completion) {
+        const qint64 before = socket_->bytesToWrite();
         const qint64 sent =
             message.kind == WebSocketMessage::Kind::text
                 ? socket_->sendTextMessage(QString::fromStdString(message.payload))
                 : socket_->sendBinaryMessage(QByteArray::fromStdString(message.payload));
         if (sent < 0 || (sent == 0 && !message.payload.empty())) {
             completion(WebSocketError{socket_->errorString().toStdString()});
-        } else {
+            return;
+        }
+        queuedBytes_ +=
+            static_cast<std::uint64_t>(std::max<qint64>(0, socket_->bytesToWrite() - before));
+        unwritten_.emplace_back(queuedBytes_, std::move(completion));
+        completeWritten();
+    }
+
+    void completeWritten() {
+        if (socket_ == nullptr) {
+            return;
+        }
+        const auto pending =
+            static_cast<std::uint64_t>(std::max<qint64>(0, socket_->bytesToWrite()));
+        const std::uint64_t written = queuedBytes_ > pending ? queuedBytes_ - pending : 0;
+        while (!unwritten_.empty() && unwritten_.front().first <= written) {
+            auto completion = std::move(unwritten_.front().second);
+            unwritten_.pop_front();
             completion(std::nullopt);
         }
     }
@@ -311,6 +342,9 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
     std::deque<WebSocketMessage> inbox_;
     std::deque<ReceiveCompletion> receives_;
     std::deque<std::pair<WebSocketMessage, SendCompletion>> sends_;
+    // Sends handed to the socket and not yet written out, by where their last byte ends.
+    std::deque<std::pair<std::uint64_t, SendCompletion>> unwritten_;
+    std::uint64_t queuedBytes_ = 0;
 };
 
 }  // namespace

@@ -46,7 +46,8 @@ class WebSocketTask {
     // Closes the connection; pending receives then complete with an error.
     virtual void cancel() = 0;
     // Completions run on the session's thread (which may be the main thread), always by a later
-    // queued call, never inside the call that started the work.
+    // queued call, never inside the call that started the work. A send completes once its bytes
+    // have been written to the connection, or with the error that kept them from it.
     virtual void send(WebSocketMessage message, SendCompletion completion) = 0;
     // Delivers exactly one message (or the error that ended the connection) per call; the caller
     // calls again for the next one.

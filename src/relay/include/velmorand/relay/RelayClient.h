@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,7 @@
 #include "velmorand/platform/StoredValue.h"
 #include "velmorand/platform/WebSocket.h"
 #include "velmorand/relay/Control.h"
+#include "velmorand/relay/FrameHeader.h"
 #include "velmorand/relay/RelayOutbound.h"
 
 namespace velmorand {
@@ -73,6 +75,15 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
     }
     // Any thread.
     void transmit(std::optional<std::string> text, std::optional<Bytes> binary);
+
+    using FrameOutcome = RelayOutbound<std::shared_ptr<WebSocketTask>>::Outcome;
+    // Any thread. Sends one frame as a binary message: `header`, numbered here in the order of
+    // the connection's frames, then `payload`. Its bytes count against `budget` until the socket
+    // has written them; a frame that would take the count past the budget is not sent.
+    FrameOutcome sendFrame(FrameHeader header, std::span<const std::uint8_t> payload,
+                           std::int64_t budget);
+    // Bytes of frames handed to the socket and not yet written by it.
+    std::int64_t frameBytesInFlight() const;
 
     std::function<void(const Control&)> onControl;
     std::function<void()> onOpen;

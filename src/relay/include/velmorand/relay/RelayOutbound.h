@@ -26,12 +26,16 @@ struct ReservationId {
     auto operator<=>(const ReservationId&) const = default;
 };
 
-// Holds the socket that replies go to. `send` and `replace` may be called from any thread; the
-// lock is recursive because a transmit releases its reservation while the lock is still held.
+// Holds the socket that everything is sent on. Replies are released as soon as their send has
+// started; frames keep their bytes reserved until the socket has written them, against a budget.
+// `send`, `sendWithin` and `replace` may be called from any thread; the lock is recursive because
+// a transmit may release its reservation while the lock is still held.
 template <typename Socket>
 class RelayOutbound : public std::enable_shared_from_this<RelayOutbound<Socket>> {
   public:
     using Release = std::function<void()>;
+
+    enum class Outcome { sent, noSocket, overBudget };
 
     // The release callback holds the outbound weakly, hence shared ownership only.
     static std::shared_ptr<RelayOutbound> make() {
@@ -47,28 +51,35 @@ class RelayOutbound : public std::enable_shared_from_this<RelayOutbound<Socket>>
         socket_ = std::move(socket);
         reservations_.clear();
         bytes_ = 0;
+        budgetedSends_ = 0;
     }
 
     // Calls transmit(socket, text, binary, release) under the lock, or drops the payload when no
-    // socket is set. `reserve` bytes stay counted until release runs; no caller reserves yet.
+    // socket is set. Nothing stays reserved.
     template <typename Transmit>
     void send(const std::optional<std::string>& text, const std::optional<Bytes>& binary,
-              Transmit&& transmit, std::int64_t reserve = 0) {
+              Transmit&& transmit) {
+        std::lock_guard guard(lock_);
+        if (socket_) {
+            std::forward<Transmit>(transmit)(*socket_, text, binary, reserve(0));
+        }
+    }
+
+    // Reserves `size` bytes and calls transmit(socket, sequence, release) under the lock, where
+    // `sequence` counts the budgeted sends made on this socket before; the bytes stay counted
+    // until release runs. Nothing is sent when no socket is set, or when the bytes would take the
+    // reserved total past `budget`.
+    template <typename Transmit>
+    Outcome sendWithin(std::int64_t budget, std::int64_t size, Transmit&& transmit) {
         std::lock_guard guard(lock_);
         if (!socket_) {
-            return;
+            return Outcome::noSocket;
         }
-        const ReservationId id = ReservationId::make();
-        if (reserve != 0) {
-            reservations_.emplace(id, reserve);
-            bytes_ = checkedSum(bytes_, reserve);
+        if (checkedSum(bytes_, size) > budget) {
+            return Outcome::overBudget;
         }
-        Release release = [weak = this->weak_from_this(), id] {
-            if (auto self = weak.lock()) {
-                self->release(id);
-            }
-        };
-        std::forward<Transmit>(transmit)(*socket_, text, binary, std::move(release));
+        std::forward<Transmit>(transmit)(*socket_, budgetedSends_++, reserve(size));
+        return Outcome::sent;
     }
 
     std::int64_t bytes() const {
@@ -83,6 +94,19 @@ class RelayOutbound : public std::enable_shared_from_this<RelayOutbound<Socket>>
 
   private:
     RelayOutbound() = default;
+
+    Release reserve(std::int64_t size) {
+        const ReservationId id = ReservationId::make();
+        if (size != 0) {
+            reservations_.emplace(id, size);
+            bytes_ = checkedSum(bytes_, size);
+        }
+        return [weak = this->weak_from_this(), id] {
+            if (auto self = weak.lock()) {
+                self->release(id);
+            }
+        };
+    }
 
     static std::int64_t checkedSum(std::int64_t a, std::int64_t b) {
         std::int64_t sum = 0;
@@ -110,6 +134,7 @@ class RelayOutbound : public std::enable_shared_from_this<RelayOutbound<Socket>>
     std::optional<Socket> socket_;
     std::map<ReservationId, std::int64_t> reservations_;
     std::int64_t bytes_ = 0;
+    std::uint32_t budgetedSends_ = 0;
 };
 
 }  // namespace velmorand
