@@ -1,0 +1,311 @@
+// The stream's rules on their own: the frame header, the byte budget, the pacing, the viewers'
+// live settings and the H.264 encoder record.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "StreamFakes.h"
+#include "velmorand/relay/FrameHeader.h"
+#include "velmorand/stream/FrameBudget.h"
+#include "velmorand/stream/FramePacer.h"
+#include "velmorand/stream/H264Encoder.h"
+#include "velmorand/stream/LiveSettings.h"
+
+namespace velmorand {
+namespace {
+
+using namespace std::chrono_literals;
+using Bytes8 = std::vector<std::uint8_t>;
+
+TEST(FrameHeader, WritesTheDocumentedLayoutAndReadsOnlyWhatItWrote) {
+    const FrameHeader header{.codec = FrameCodec::h264,
+                             .keyFrame = true,
+                             .parameterSets = true,
+                             .captureTimeUs = 0x0102030405060708,
+                             .sequence = 0x0A0B0C0D,
+                             .pictureWidth = 960,
+                             .pictureHeight = 540,
+                             .screenWidth = 1920,
+                             .screenHeight = 1080};
+    Bytes8 bytes(FrameHeader::kSize);
+    header.write(std::span<std::uint8_t, FrameHeader::kSize>(bytes.data(), FrameHeader::kSize));
+    EXPECT_EQ(bytes, (Bytes8{'V',  'M',  'F',  '1',  2,    3,    0,    0,    1,    2,
+                             3,    4,    5,    6,    7,    8,    0x0A, 0x0B, 0x0C, 0x0D,
+                             0x03, 0xC0, 0x02, 0x1C, 0x07, 0x80, 0x04, 0x38}));
+    EXPECT_EQ(FrameHeader::read(bytes), header);
+
+    const auto changed = [&bytes](std::size_t at, std::uint8_t value) {
+        Bytes8 copy = bytes;
+        copy[at] = value;
+        return copy;
+    };
+    EXPECT_FALSE(FrameHeader::read(Bytes8(bytes.begin(), bytes.end() - 1)));
+    EXPECT_FALSE(FrameHeader::read(changed(3, '2')));  // another version
+    EXPECT_FALSE(FrameHeader::read(changed(4, 0)));    // no such codec
+    EXPECT_FALSE(FrameHeader::read(changed(4, 3)));
+    // Flags and reserved bytes a later sender may define are no reason to refuse a frame.
+    const auto later = FrameHeader::read(changed(5, 0xF1));
+    ASSERT_TRUE(later);
+    EXPECT_TRUE(later->keyFrame);
+    EXPECT_FALSE(later->parameterSets);
+}
+
+TEST(FrameBudget, HalfASecondOfTheStreamButNeverUnder256KiB) {
+    struct Row {
+        std::int64_t fps;
+        std::vector<std::int64_t> frames;
+        std::vector<std::int64_t> keyFrames;
+        std::int64_t limit;
+        std::int64_t expectedDelta;
+        std::int64_t expectedKey;
+    };
+    const Row rows[] = {
+        {20, {}, {}, 256 * 1024, 0, 0},
+        {20, {100'000}, {}, 1'000'000, 100'000, 100'000},
+        {60, {100'000}, {}, 3'000'000, 100'000, 100'000},
+        {30, {1000}, {}, 256 * 1024, 1000, 1000},
+        // Key frames neither set the rate nor the delta estimate, once there are other frames.
+        {20, {100'000}, {900'000}, 1'000'000, 100'000, 900'000},
+        {20, {}, {300'000}, 3'000'000, 0, 300'000},
+        // One frame in eight moves the average.
+        {20, {100'000, 180'000}, {}, 1'100'000, 110'000, 110'000},
+    };
+    for (const auto& row : rows) {
+        FrameBudget budget;
+        budget.setFrameRate(row.fps);
+        for (auto bytes : row.frames) {
+            budget.sent(bytes, false);
+        }
+        for (auto bytes : row.keyFrames) {
+            budget.sent(bytes, true);
+        }
+        EXPECT_EQ(budget.limit(), row.limit) << row.fps;
+        EXPECT_EQ(budget.expected(false), row.expectedDelta);
+        EXPECT_EQ(budget.expected(true), row.expectedKey);
+        EXPECT_TRUE(budget.hasRoom(budget.limit() - budget.expected(false), false));
+        EXPECT_FALSE(budget.hasRoom(budget.limit() - budget.expected(false) + 1, false));
+    }
+}
+
+TEST(FramePacer, CapturesOnlyForAChangeOrARequestAndAtMostAtTheFrameRate) {
+    using Kind = FramePacer::Decision::Kind;
+    const auto t0 = FramePacer::Clock::time_point{} + 100s;
+    struct Row {
+        std::int64_t fps;
+        std::chrono::milliseconds sinceLast;
+        bool changed;
+        bool wanted;
+        Kind kind;
+        std::chrono::milliseconds waitFor;
+    };
+    const Row rows[] = {
+        {20, 0ms, false, false, Kind::waitForChange, 0ms},
+        {20, 500ms, false, false, Kind::waitForChange, 0ms},
+        {20, 50ms, true, false, Kind::captureNow, 0ms},
+        {20, 49ms, true, false, Kind::waitUntil, 1ms},
+        {20, 10ms, false, true, Kind::waitUntil, 40ms},
+        {60, 17ms, true, false, Kind::captureNow, 0ms},
+        {1, 999ms, true, true, Kind::waitUntil, 1ms},
+        // Rates outside 1 to 60 are held to those bounds.
+        {0, 999ms, true, false, Kind::waitUntil, 1ms},
+        {240, 16ms, true, false, Kind::waitUntil, 0ms},
+    };
+    for (const auto& row : rows) {
+        FramePacer pacer;
+        pacer.setFrameRate(row.fps);
+        pacer.captured(t0);
+        const auto decision = pacer.decide(t0 + row.sinceLast, row.changed, row.wanted);
+        EXPECT_EQ(decision.kind, row.kind) << row.fps << " fps, " << row.sinceLast.count();
+        if (row.kind == Kind::waitUntil) {
+            const std::chrono::duration<double, std::milli> wait =
+                decision.until - (t0 + row.sinceLast);
+            EXPECT_NEAR(wait.count(), static_cast<double>(row.waitFor.count()), 0.7);
+        }
+    }
+    FramePacer fresh;
+    EXPECT_EQ(fresh.decide(t0, true, false).kind, Kind::captureNow);
+}
+
+TEST(LiveSettings, ViewersChangeTheRunningStreamWithinTheStoredBounds) {
+    const StreamConfig started{{"jpeg", 20, 0.4, 0.5}, std::nullopt};
+    struct Row {
+        std::string what;
+        std::function<void(LiveSettings&)> act;
+        SharedConfig::EncodeValues after;
+    };
+    const auto nan = std::numeric_limits<double>::quiet_NaN();
+    const Row rows[] = {
+        {"each value given replaces its own",
+         [](auto& s) { s.request(30, std::nullopt, 0.75, std::nullopt); },
+         {"jpeg", 30, 0.4, 0.75}},
+        {"bounded like stored preferences",
+         [nan](auto& s) { s.request(240, 0.0, nan, " H264\n"); },
+         {"h264", 60, 0.1, 0.1}},
+        {"fps below one", [](auto& s) { s.request(-3, 2.0, 1.5, "vp8"); }, {"jpeg", 1, 1.0, 1.0}},
+        {"prefer h264", [](auto& s) { EXPECT_TRUE(s.prefer("h264")); }, {"h264", 20, 0.4, 0.5}},
+        {"prefer anything else",
+         [](auto& s) {
+             EXPECT_FALSE(s.prefer("H264"));
+             EXPECT_FALSE(s.prefer("webrtc"));
+             EXPECT_FALSE(s.prefer(std::nullopt));
+             EXPECT_FALSE(s.prefer("jpeg"));
+         },
+         {"jpeg", 20, 0.4, 0.5}},
+        {"low tier keeps the codec",
+         [](auto& s) {
+             s.prefer("h264");
+             EXPECT_TRUE(s.selectTier("low"));
+         },
+         {"h264", 10, 0.3, 0.4}},
+        {"medium", [](auto& s) { s.selectTier("medium"); }, {"jpeg", 20, 0.5, 0.6}},
+        {"high", [](auto& s) { s.selectTier("high"); }, {"jpeg", 30, 0.8, 1.0}},
+        {"auto returns to the start",
+         [](auto& s) {
+             s.request(50, 0.9, 0.9, "h264");
+             EXPECT_TRUE(s.selectTier("auto"));
+         },
+         {"jpeg", 20, 0.4, 0.5}},
+        {"an unknown tier changes nothing",
+         [](auto& s) {
+             s.request(12, std::nullopt, std::nullopt, std::nullopt);
+             EXPECT_FALSE(s.selectTier("ultra"));
+             EXPECT_FALSE(s.selectTier(""));
+             EXPECT_FALSE(s.selectTier("High"));
+         },
+         {"jpeg", 12, 0.4, 0.5}},
+        {"fallback",
+         [](auto& s) { (s.prefer("h264"), s.fallBackToJpeg()); },
+         {"jpeg", 20, 0.4, 0.5}},
+    };
+    for (const auto& row : rows) {
+        LiveSettings settings(started);
+        row.act(settings);
+        EXPECT_EQ(settings.config().encode, row.after) << row.what;
+    }
+}
+
+TEST(LiveSettings, AStrugglingViewerHalvesTheFrameRateUntilFiveCleanSeconds) {
+    using Qos = LiveSettings::Qos;
+    const auto t0 = LiveSettings::Clock::time_point{} + 1000s;
+    struct Step {
+        std::chrono::milliseconds at;
+        std::int64_t decodeQueue;
+        double lossPct;
+        Qos change;
+        std::int64_t fps;
+    };
+    const auto run = [&](std::int64_t fps, std::initializer_list<Step> steps) {
+        LiveSettings settings({{"h264", fps, 0.4, 0.5}, std::nullopt});
+        for (const auto& step : steps) {
+            EXPECT_EQ(settings.report(step.decodeQueue, step.lossPct, t0 + step.at), step.change)
+                << fps << " fps at " << step.at.count();
+            EXPECT_EQ(settings.config().encode.fps, step.fps) << step.at.count();
+        }
+    };
+    run(30, {{0ms, 2, 4.9, Qos::unchanged, 30},
+             {100ms, 3, 0, Qos::slowedDown, 15},
+             {200ms, 0, 5.0, Qos::unchanged, 15},
+             {5199ms, 0, 0, Qos::unchanged, 15},
+             {5200ms, 0, 0, Qos::restored, 30},
+             {5300ms, 0, std::nan(""), Qos::unchanged, 30}});
+    run(8, {{0ms, 9, 0, Qos::slowedDown, 5}});
+    run(4, {{0ms, 9, 0, Qos::slowedDown, 4}});
+}
+
+H264Encoder smallEncoder() {
+    H264Encoder encoder;
+    encoder.width = 64;
+    encoder.height = 48;
+    encoder.frameRate = 20;
+    encoder.bitRate = 500;
+    return encoder;
+}
+
+TEST(H264Encoder, HandsOnKeyFramesWithParameterSetsAndReportsAFailureOnce) {
+    struct Delivered {
+        std::vector<std::uint8_t> unit;
+        bool key;
+        bool parameterSets;
+    };
+    for (const bool repeats : {true, false}) {
+        testing::FakeH264Session::Script script;
+        script.repeatParameterSets = repeats;
+        script.failAtCall = 3;
+        std::vector<Delivered> delivered;
+        std::vector<std::string> failures;
+        int configurations = 0;
+        H264Encoder encoder = smallEncoder();
+        encoder.onConfiguration = [&](const Bytes& sps, const Bytes& pps) {
+            ++configurations;
+            EXPECT_EQ(sps, (Bytes{0x67, 0x42}));
+            EXPECT_EQ(pps, (Bytes{0x68, 0xCE}));
+        };
+        encoder.onAccessUnit = [&](std::span<const std::uint8_t> unit, bool key, bool sets) {
+            delivered.push_back({{unit.begin(), unit.end()}, key, sets});
+        };
+        encoder.onFatalError = [&](const std::string& why) { failures.push_back(why); };
+        ASSERT_TRUE(encoder.start(testing::FakeH264Session::factory(script)));
+        I420Picture picture;
+        picture.resize(64, 48);
+        for (std::uint8_t y : {7, 8, 9}) {
+            std::fill(picture.y.begin(), picture.y.end(), y);
+            if (y == 9) {
+                encoder.forceKeyFrame = true;
+            }
+            encoder.encode(picture, y * 1000);
+        }
+        const Bytes8 sets{0, 0, 0, 1, 0x67, 0x42, 0, 0, 0, 1, 0x68, 0xCE};
+        const auto withSets = [&sets](Bytes8 tail) {
+            Bytes8 unit = sets;
+            unit.insert(unit.end(), tail.begin(), tail.end());
+            return unit;
+        };
+        ASSERT_EQ(delivered.size(), 3u) << repeats;
+        EXPECT_EQ(delivered[0].unit, withSets({0, 0, 0, 1, 0x65, 7}));
+        EXPECT_TRUE(delivered[0].key && delivered[0].parameterSets);
+        EXPECT_EQ(delivered[1].unit, (Bytes8{0, 0, 0, 1, 0x41, 8}));
+        EXPECT_FALSE(delivered[1].key || delivered[1].parameterSets);
+        EXPECT_EQ(delivered[2].unit, withSets({0, 0, 0, 1, 0x65, 9})) << repeats;
+        EXPECT_TRUE(delivered[2].key && delivered[2].parameterSets);
+        EXPECT_EQ(configurations, 1);
+        EXPECT_TRUE(encoder.configurationSent);
+
+        encoder.encode(picture, 4000);
+        encoder.encode(picture, 5000);
+        EXPECT_EQ(failures, std::vector<std::string>{"scripted failure"});
+        EXPECT_TRUE(encoder.failed);
+        EXPECT_EQ(delivered.size(), 3u);
+    }
+}
+
+TEST(H264Encoder, RetunesInPlaceWhenTheSessionCanElseStartsAgainWithAKeyFrame) {
+    testing::FakeH264Session::Script script;
+    H264Encoder encoder = smallEncoder();
+    ASSERT_TRUE(encoder.start(testing::FakeH264Session::factory(script)));
+    encoder.forceKeyFrame = false;
+    encoder.retune(20, 500, testing::FakeH264Session::factory(script));
+    encoder.retune(30, 800, testing::FakeH264Session::factory(script));
+    EXPECT_EQ(script.retuned, (std::vector<std::pair<int, int>>{{30, 800}}));
+    EXPECT_EQ(script.opened.size(), 1u);
+    EXPECT_FALSE(encoder.forceKeyFrame);
+
+    script.retunes = false;
+    encoder.retune(10, 300, testing::FakeH264Session::factory(script));
+    ASSERT_EQ(script.opened.size(), 2u);
+    EXPECT_EQ(script.opened[1], (H264SessionSettings{64, 48, 10, 300}));
+    EXPECT_TRUE(encoder.forceKeyFrame);
+}
+
+TEST(StreamBitRate, StoredPreferenceElseQualityTimesPixels) {
+    EXPECT_EQ(streamBitRateKbps(960, 540, 20, 0.4, std::nullopt), 1037);
+    EXPECT_EQ(streamBitRateKbps(1920, 1080, 30, 1.0, std::nullopt), 13686);
+    EXPECT_EQ(streamBitRateKbps(160, 120, 1, 0.1, std::nullopt), 150);
+    EXPECT_EQ(streamBitRateKbps(3840, 2160, 60, 1.0, std::nullopt), 20'000);
+    EXPECT_EQ(streamBitRateKbps(960, 540, 20, 0.4, 2500), 2500);
+    EXPECT_EQ(streamBitRateKbps(960, 540, 20, 0.4, 0), 1037);
+    EXPECT_EQ(streamBitRateKbps(960, 540, 20, 0.4, 99'999'999), 20'000);
+}
+
+}  // namespace
+}  // namespace velmorand
