@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "BroadcastCommand.h"
 #include "CliContext.h"
 #include "ConfigCommands.h"
 #include "EncodeCommands.h"
@@ -38,6 +39,7 @@ int run(int argc, char** argv) {
     addConfigCommands(app, context, action);
     addPairingCommands(app, context, action);
     addEncodeCommands(app, context, action);
+    addBroadcastCommand(app, context, action);
     addRelayClientCommand(app, context, action);
 
     try {

@@ -82,6 +82,11 @@ const Bundle& CliContext::bundle() {
     return stores_->environment.bundle;
 }
 
+std::filesystem::path CliContext::dataDirectory() {
+    config();
+    return stores_->environment.root.root();
+}
+
 const AppGroup& CliContext::appGroup() {
     config();
     return stores_->appGroup;

@@ -41,6 +41,8 @@ class CliContext {
     const Bundle& bundle();
     const AppGroup& appGroup();
     const GroupContainers& groupContainers();
+    // Where the stores live, as the options and the environment chose it.
+    std::filesystem::path dataDirectory();
     Log& log();
     // The service (--service-url, else $VELMORAND_SERVICE_URL, else the build's default) and the
     // on-device automation server.

@@ -9,16 +9,86 @@
 
 namespace velmorand::extension {
 
-Broadcast::Broadcast(RelayClient& client, Log& log, MainQueue& mainQueue,
-                     std::function<void(int exitStatus)> stop)
-    : client_(client), log_(log), mainQueue_(mainQueue), stop_(std::move(stop)) {
+Broadcast::Broadcast(Services services, std::function<void(int exitStatus)> stop)
+    : client_(services.client),
+      log_(services.log),
+      mainQueue_(services.mainQueue),
+      openStream_(std::move(services.openStream)),
+      clock_(services.clock ? std::move(services.clock) : [] { return Clock::now(); }),
+      stop_(std::move(stop)) {
     attach();
 }
 
-void Broadcast::begin(const RelayBase& base, const SharedConfig::EncodeValues& encode) {
+// The stream's thread is joined before the rest goes.
+Broadcast::~Broadcast() {
+    stream_.reset();
+}
+
+void Broadcast::begin(const RelayBase& base, const StreamConfig& start) {
+    settings_.emplace(start);
     log_.write(EventLines::relay(base.url, base.source == RelayBase::Source::customUrl));
-    log_.write(EventLines::encode(encode));
+    log_.write(EventLines::encode(start.encode));
     client_.connect();
+}
+
+void Broadcast::needStream(const std::optional<std::string>& prefer) {
+    log_.write(EventLines::needStream(prefer));
+    if (cannotStream_) {
+        return;
+    }
+    const bool codecChanged = settings_->prefer(prefer);
+    if (stream_) {
+        if (codecChanged) {
+            applySettings();
+        }
+        // A viewer that joins needs a key frame, whatever the stream was doing.
+        stream_->setStreaming(true);
+        stream_->requestKeyFrame();
+        return;
+    }
+    auto opened = openStream_(settings_->config(), streamEvents());
+    if (auto* reason = std::get_if<std::string>(&opened)) {
+        cannotStream_ = true;
+        log_.write(EventLines::streamUnavailable(*reason));
+        return;
+    }
+    stream_ = std::move(std::get<std::unique_ptr<ScreenStream>>(opened));
+    log_.write(EventLines::streamSettings(settings_->config().encode));
+}
+
+void Broadcast::applySettings() {
+    const auto config = settings_->config();
+    if (stream_) {
+        stream_->configure(config);
+    }
+    log_.write(EventLines::streamSettings(config.encode));
+}
+
+// These run on the stream's thread: the log is thread-safe, and anything touching the settings
+// hops to the main queue.
+ScreenStream::Events Broadcast::streamEvents() {
+    return {
+        .onStats =
+            [&log = log_](const StreamStats& stats) { log.write(EventLines::streamStats(stats)); },
+        .onNewStream =
+            [&log = log_](const std::string& codec, ScreenSize screen, ScreenSize picture) {
+                log.write(EventLines::newStream(codec, screen, picture));
+            },
+        .onH264Failed =
+            [&log = log_, &mainQueue = mainQueue_,
+             self = std::weak_ptr<Broadcast*>(self_)](const std::string& description) {
+                log.write(EventLines::h264Failed(description));
+                mainQueue.post([self] {
+                    if (const auto alive = self.lock()) {
+                        (*alive)->settings_->fallBackToJpeg();
+                    }
+                });
+            },
+        .onStopped =
+            [&log = log_](const std::string& description) {
+                log.write(EventLines::streamStopped(description));
+            },
+    };
 }
 
 void Broadcast::attach() {
@@ -26,26 +96,54 @@ void Broadcast::attach() {
     client_.onControl = [this](const Control& control) {
         log_.write(EventLines::control(control));
     };
-    client_.onNeedStream = [this](std::optional<std::string> prefer) {
-        log_.write(EventLines::needStream(prefer));
-    };
+    client_.onNeedStream = [this](std::optional<std::string> prefer) { needStream(prefer); };
     client_.onEncodeSettings = [this](std::optional<std::int64_t> fps,
                                       std::optional<double> quality, std::optional<double> scale,
                                       std::optional<std::string> codec) {
         log_.write(EventLines::encodeSettings(fps, quality, scale, codec));
+        settings_->request(fps, quality, scale, codec);
+        applySettings();
     };
     client_.onStreamControl = [this](bool streaming) {
         log_.write(EventLines::streamControl(streaming));
+        if (stream_) {
+            stream_->setStreaming(streaming);
+        }
     };
-    client_.onRequestIdr = [this] { log_.write(EventLines::requestIdr()); };
+    client_.onRequestIdr = [this] {
+        log_.write(EventLines::requestIdr());
+        if (stream_) {
+            stream_->requestKeyFrame();
+        }
+    };
     client_.onStreamQuality = [this](std::string tier) {
         log_.write(EventLines::streamQuality(tier));
+        if (settings_->selectTier(tier)) {
+            applySettings();
+        } else {
+            log_.write(EventLines::unknownTier(tier));
+        }
     };
     client_.onQos = [this](std::int64_t rttMs, double lossPct, std::optional<std::string> tier,
                            std::int64_t decodeQueue, std::int64_t jitterMs) {
         ++qosReports_;
         if (qosReports_ % kQosEvery == 1 || kQosEvery == 1) {
             log_.write(EventLines::qos(rttMs, lossPct, tier, decodeQueue, jitterMs, qosReports_));
+        }
+        const auto before = settings_->config().encode.fps;
+        switch (settings_->report(decodeQueue, lossPct, clock_())) {
+            case LiveSettings::Qos::slowedDown:
+                log_.write(EventLines::slowedDown(decodeQueue, lossPct, before,
+                                                  settings_->config().encode.fps));
+                break;
+            case LiveSettings::Qos::restored:
+                log_.write(EventLines::restored(settings_->config().encode.fps));
+                break;
+            case LiveSettings::Qos::unchanged:
+                return;
+        }
+        if (stream_) {
+            stream_->configure(settings_->config());
         }
     };
     client_.onRelayQos = [this](double congestion) {

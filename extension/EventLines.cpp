@@ -16,6 +16,12 @@ std::string percent(double fraction) {
     return std::to_string(std::lround(fraction * 100)) + "%";
 }
 
+// "jpeg, 20 fps, quality 40%, scale 50%".
+std::string settings(const SharedConfig::EncodeValues& values) {
+    return values.codec + ", " + std::to_string(values.fps) + " fps, quality " +
+           percent(values.quality) + ", scale " + percent(values.scale);
+}
+
 template <typename T, typename Format>
 std::string orNone(const std::optional<T>& value, Format format) {
     return value ? format(*value) : std::string("(none)");
@@ -75,8 +81,7 @@ std::string EventLines::number(double value) {
 }
 
 std::string EventLines::encode(const SharedConfig::EncodeValues& values) {
-    return "encode: " + values.codec + ", " + std::to_string(values.fps) + " fps, quality " +
-           percent(values.quality) + ", scale " + percent(values.scale);
+    return "encode: " + settings(values);
 }
 
 std::string EventLines::relay(const std::string& url, bool customUrl) {
@@ -93,8 +98,7 @@ std::string EventLines::control(const Control& control) {
 }
 
 std::string EventLines::needStream(const std::optional<std::string>& prefer) {
-    return "need_stream" + (prefer ? " (prefer " + quoted(*prefer) + ")" : std::string()) +
-           ": capturing and encoding the screen is not part of this desktop build";
+    return "need_stream" + (prefer ? " (prefer " + quoted(*prefer) + ")" : std::string());
 }
 
 std::string EventLines::encodeSettings(std::optional<std::int64_t> fps,
@@ -102,8 +106,7 @@ std::string EventLines::encodeSettings(std::optional<std::int64_t> fps,
                                        const std::optional<std::string>& codec) {
     const auto integer = [](std::int64_t value) { return std::to_string(value); };
     return "encode_settings: fps=" + orNone(fps, integer) + " quality=" + orNone(quality, number) +
-           " scale=" + orNone(scale, number) + " codec=" + orNone(codec, quoted) +
-           " (no encoder in this desktop build)";
+           " scale=" + orNone(scale, number) + " codec=" + orNone(codec, quoted);
 }
 
 std::string EventLines::streamControl(bool streaming) {
@@ -118,6 +121,10 @@ std::string EventLines::streamQuality(const std::string& tier) {
     return "stream_quality: tier " + quoted(tier);
 }
 
+std::string EventLines::unknownTier(const std::string& tier) {
+    return "stream_quality: unknown tier " + quoted(tier) + " ignored";
+}
+
 std::string EventLines::qos(std::int64_t rttMs, double lossPct,
                             const std::optional<std::string>& tier, std::int64_t decodeQueue,
                             std::int64_t jitterMs, std::uint64_t count) {
@@ -129,6 +136,45 @@ std::string EventLines::qos(std::int64_t rttMs, double lossPct,
 
 std::string EventLines::relayQos(double congestion) {
     return "relay_qos: congestion=" + number(congestion);
+}
+
+std::string EventLines::streamSettings(const SharedConfig::EncodeValues& values) {
+    return "stream: " + settings(values);
+}
+
+std::string EventLines::newStream(const std::string& codec, ScreenSize screen, ScreenSize picture) {
+    return "stream: new " + codec + " stream, " + std::to_string(picture.width) + "x" +
+           std::to_string(picture.height) + " from a " + std::to_string(screen.width) + "x" +
+           std::to_string(screen.height) + " screen";
+}
+
+std::string EventLines::streamStats(const StreamStats& stats) {
+    return "stream: " + std::to_string(stats.sent) + " frames sent, " +
+           std::to_string(stats.dropped) + " dropped in the last " +
+           std::to_string(ScreenStream::kStatsInterval.count()) + " s";
+}
+
+std::string EventLines::streamUnavailable(const std::string& reason) {
+    return "stream: " + reason + " — no picture; the relay link stays up";
+}
+
+std::string EventLines::h264Failed(const std::string& description) {
+    return "stream: the H.264 encoder failed (" + description + ") — going on in JPEG";
+}
+
+std::string EventLines::streamStopped(const std::string& description) {
+    return "stream: stopped — " + description;
+}
+
+std::string EventLines::slowedDown(std::int64_t decodeQueue, double lossPct, std::int64_t fromFps,
+                                   std::int64_t toFps) {
+    return "stream: a viewer is falling behind (decode queue " + std::to_string(decodeQueue) +
+           ", loss " + number(lossPct) + "%) — " + std::to_string(fromFps) + " fps down to " +
+           std::to_string(toFps);
+}
+
+std::string EventLines::restored(std::int64_t fps) {
+    return "stream: viewers keep up again — back to " + std::to_string(fps) + " fps";
 }
 
 std::string EventLines::webRtcSignal(const nlohmann::json& message) {

@@ -24,8 +24,8 @@ std::variant<ExtensionOptions, ExtensionOptions::Exit> ExtensionOptions::parse(
     std::optional<std::string> bundleDir;
 
     CLI::App app(
-        "The screen-broadcast upload extension: connects this device to the relay and "
-        "logs what viewers ask for.",
+        "The screen-broadcast upload extension: connects this device to the relay, streams the "
+        "screen (X11) to the viewers that ask for it, and logs what they do.",
         "velmorand-broadcast");
     app.set_version_flag("--version", "velmorand-broadcast " + version);
     app.add_option("--data-dir", dataDir, "Where the settings, keychain and group container live");

@@ -1,6 +1,7 @@
 // velmorand-broadcast: the screen-broadcast upload extension. Started by the application for one
 // broadcast; reads the shared configuration once, keeps the device's relay link until stopped,
-// and writes what happens to extension.log in the group container.
+// streams the screen while viewers ask for it, and writes what happens to extension.log in the
+// group container.
 #include <unistd.h>
 
 #include <QCoreApplication>
@@ -12,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "DesktopStream.h"
 #include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/desktop/DesktopEnvironment.h"
@@ -22,6 +24,7 @@
 #include "velmorand/extension/ExtensionOptions.h"
 #include "velmorand/extension/InstanceLock.h"
 #include "velmorand/extension/RelayBase.h"
+#include "velmorand/extension/RelayFrameSink.h"
 #include "velmorand/qt/QtMainQueue.h"
 #include "velmorand/qt/QtWebSocketSession.h"
 #include "velmorand/qt/StopSignals.h"
@@ -83,7 +86,12 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options) {
                                                 .makeSession = QtWebSocketSession::factory(),
                                                 .random = {}});
     client->setReconnectPolicy(options.reconnect);
-    Broadcast broadcast(*client, log, mainQueue,
+    RelayFrameSink frames(*client);
+    Broadcast broadcast({.client = *client,
+                         .log = log,
+                         .mainQueue = mainQueue,
+                         .openStream = desktopStreamOpener(frames),
+                         .clock = {}},
                         [](int status) { QCoreApplication::exit(status); });
     bool stopped = false;
     StopSignals stopSignals([&log, &stopped](int signal) {
@@ -92,7 +100,7 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options) {
             QCoreApplication::exit(0);
         }
     });
-    broadcast.begin(*base, SharedConfig::resolvedEncode(values));
+    broadcast.begin(*base, StreamConfig{SharedConfig::resolvedEncode(values), values.bitrate});
     return QCoreApplication::exec();
 }
 

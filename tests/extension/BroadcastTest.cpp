@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "../relay/FakeWebSocket.h"
+#include "../stream/StreamFakes.h"
 #include "ManualMainQueue.h"
 #include "RecordingLog.h"
 #include "velmorand/extension/EventLines.h"
@@ -24,11 +25,28 @@ class BroadcastTest : public ::testing::Test {
         encode.codec = "h264";
         encode.fps = 30;
         encode.quality = 0.25;
-        broadcast_.begin(RelayBase{"ws://relay.test/r", RelayBase::Source::customUrl}, encode);
+        broadcast_.begin(RelayBase{"ws://relay.test/r", RelayBase::Source::customUrl},
+                         {encode, std::nullopt});
         EXPECT_EQ(sockets_.tasks.size(), 1u);
         task_ = sockets_.tasks.back();
         sockets_.open(task_);
         queue_.runReady();
+    }
+
+    // A screen of fakes when `screen_` is set, else a desktop without X11.
+    std::variant<std::unique_ptr<ScreenStream>, std::string> openStream(
+        const StreamConfig& config, ScreenStream::Events events) {
+        opened_.push_back(config);
+        if (!screen_) {
+            return std::string("screen capture needs an X11 display (DISPLAY is not set)");
+        }
+        return std::make_unique<ScreenStream>(
+            ScreenStream::Services{.capture = screen_->capture(),
+                                   .converter = std::make_unique<testing::FakeConverter>(),
+                                   .jpeg = std::make_unique<testing::FakeJpeg>(),
+                                   .makeH264 = testing::FakeH264Session::factory(h264_),
+                                   .sink = sink_},
+            std::move(events), config);
     }
 
     // Delivers the frames and returns the lines logged since the last call.
@@ -52,7 +70,20 @@ class BroadcastTest : public ::testing::Test {
              return 0.5;
          }});
     std::vector<int> stops_;
-    Broadcast broadcast_{*client_, log_, queue_, [this](int status) { stops_.push_back(status); }};
+    std::optional<testing::FakeScreen> screen_;
+    testing::FakeSink sink_;
+    testing::FakeH264Session::Script h264_;
+    std::vector<StreamConfig> opened_;
+    Broadcast::Clock::time_point now_{};
+    Broadcast broadcast_{{.client = *client_,
+                          .log = log_,
+                          .mainQueue = queue_,
+                          .openStream =
+                              [this](const StreamConfig& config, ScreenStream::Events events) {
+                                  return openStream(config, std::move(events));
+                              },
+                          .clock = [this] { return now_; }},
+                         [this](int status) { stops_.push_back(status); }};
     std::shared_ptr<testing::FakeWebSocketTask> task_;
     std::size_t seen_ = 0;
 };
@@ -66,36 +97,74 @@ TEST_F(BroadcastTest, BeginLogsTheRelayAndEncodeThenConnectsWithTheToken) {
               (std::vector<std::pair<std::string, std::string>>{{"x-device-token", kToken}}));
 }
 
-TEST_F(BroadcastTest, EachViewerEventIsOneLine) {
+TEST_F(BroadcastTest, EachViewerEventIsLoggedAndStreamRequestsApplyToTheLiveSettings) {
     deliver();
-    const std::pair<std::string, std::string> cases[] = {
-        {R"({"type":"tap","x":10,"y":20.5})", "control: tap x=10 y=20.5"},
+    const std::pair<std::string, Lines> cases[] = {
+        {R"({"type":"tap","x":10,"y":20.5})", {"control: tap x=10 y=20.5"}},
         {R"({"type":"swipe","from":{"x":1,"y":2},"to":{"x":3,"y":4},"ms":300})",
-         "control: swipe from x=1 y=2 to x=3 y=4 ms=300"},
-        {R"({"type":"text","value":"hi \"there\"\n"})", R"(control: text "hi \"there\"\n")"},
+         {"control: swipe from x=1 y=2 to x=3 y=4 ms=300"}},
+        {R"({"type":"text","value":"hi \"there\"\n"})", {R"(control: text "hi \"there\"\n")"}},
         {R"({"type":"open_url","url":"https://example.org"})",
-         R"(control: openURL "https://example.org")"},
+         {R"(control: openURL "https://example.org")"}},
         {R"({"type":"push_media","fileName":"a.png","mime":"image/png","dataB64":"QUJD"})",
-         R"(control: pushMedia fileName="a.png" mime="image/png" base64 4 bytes)"},
-        {R"({"type":"need_stream","prefer":"h264"})",
-         R"(need_stream (prefer "h264"): capturing and encoding the screen is not part of this )"
-         "desktop build"},
-        {R"({"type":"need_stream"})",
-         "need_stream: capturing and encoding the screen is not part of this desktop build"},
+         {R"(control: pushMedia fileName="a.png" mime="image/png" base64 4 bytes)"}},
         {R"({"type":"encode_settings","fps":29.5,"quality":0.4})",
-         "encode_settings: fps=30 quality=0.4 scale=(none) codec=(none) (no encoder in this "
-         "desktop build)"},
-        {R"({"type":"stream_control","streaming":false})", "stream_control: off"},
-        {R"({"type":"stream_control"})", "stream_control: on"},
-        {R"({"type":"request_idr"})", "request_idr: key frame requested"},
-        {R"({"type":"stream_quality","tier":""})", R"(stream_quality: tier "")"},
-        {R"({"type":"relay_qos","congestion":0.75})", "relay_qos: congestion=0.75"},
+         {"encode_settings: fps=30 quality=0.4 scale=(none) codec=(none)",
+          "stream: h264, 30 fps, quality 40%, scale 50%"}},
+        {R"({"type":"stream_quality","tier":"low"})",
+         {R"(stream_quality: tier "low")", "stream: h264, 10 fps, quality 30%, scale 40%"}},
+        {R"({"type":"stream_quality","tier":""})",
+         {R"(stream_quality: tier "")", R"(stream_quality: unknown tier "" ignored)"}},
+        {R"({"type":"need_stream","prefer":"jpeg"})",
+         {R"(need_stream (prefer "jpeg"))",
+          "stream: screen capture needs an X11 display (DISPLAY is not set) — no picture; the "
+          "relay link stays up"}},
+        // The reason is given once; the link and the probes go on.
+        {R"({"type":"need_stream"})", {"need_stream"}},
+        {R"({"type":"stream_control","streaming":false})", {"stream_control: off"}},
+        {R"({"type":"stream_control"})", {"stream_control: on"}},
+        {R"({"type":"request_idr"})", {"request_idr: key frame requested"}},
+        {R"({"type":"relay_qos","congestion":0.75})", {"relay_qos: congestion=0.75"}},
         {R"({"type":"webrtc_offer","sdp":"v=0 secret-ish body"})",
-         R"(webrtc: "webrtc_offer" (no WebRTC in this desktop build))"},
+         {R"(webrtc: "webrtc_offer" (no WebRTC in this desktop build))"}},
     };
-    for (const auto& [frame, line] : cases) {
-        EXPECT_EQ(deliver({frame}), Lines{line}) << frame;
+    for (const auto& [frame, lines] : cases) {
+        EXPECT_EQ(deliver({frame}), lines) << frame;
     }
+    ASSERT_EQ(opened_.size(), 1u);
+    EXPECT_EQ(opened_[0].encode, (SharedConfig::EncodeValues{"jpeg", 10, 0.3, 0.4}));
+    deliver({R"({"type":"ping"})"});
+    EXPECT_EQ(task_->sent.back(), R"({"type":"pong"})");
+}
+
+TEST_F(BroadcastTest, StreamsWhenAskedAndSlowsDownForAStrugglingViewer) {
+    screen_.emplace();
+    deliver({R"({"type":"need_stream","prefer":"jpeg"})"});
+    const auto first = sink_.await(1);
+    ASSERT_EQ(first.size(), 1u);
+    EXPECT_EQ(first[0].header.codec, FrameCodec::jpeg);
+    EXPECT_EQ(opened_.size(), 1u);
+
+    // A second viewer: the same stream, and a key frame for it even though nothing changed.
+    deliver({R"({"type":"need_stream"})"});
+    EXPECT_EQ(sink_.await(2).size(), 2u);
+    EXPECT_EQ(opened_.size(), 1u);
+
+    const auto qos = [this](std::chrono::seconds at, const char* frame) {
+        now_ = Broadcast::Clock::time_point{} + at;
+        return deliver({frame});
+    };
+    EXPECT_EQ(qos(1s, R"({"type":"qos","decodeQueue":4,"lossPct":0.5})"),
+              (Lines{"qos #1: rtt=0ms loss=0.5% tier=(none) decodeQueue=4 jitter=0ms",
+                     "stream: a viewer is falling behind (decode queue 4, loss 0.5%) — 30 fps "
+                     "down to 15"}));
+    EXPECT_TRUE(qos(3s, R"({"type":"qos"})").empty());
+    EXPECT_EQ(qos(6s, R"({"type":"qos"})"),
+              Lines{"stream: viewers keep up again — back to 30 fps"});
+    const auto lines = log_.lines();
+    EXPECT_NE(
+        std::find(lines.begin(), lines.end(), "stream: new jpeg stream, 32x24 from a 64x48 screen"),
+        lines.end());
 }
 
 TEST_F(BroadcastTest, ProbesAreAnsweredWithoutLoggingAndQualityReportsAreSampled) {

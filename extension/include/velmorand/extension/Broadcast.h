@@ -1,11 +1,16 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
+#include <variant>
 
-#include "velmorand/config/SharedConfig.h"
 #include "velmorand/extension/RelayBase.h"
+#include "velmorand/stream/LiveSettings.h"
+#include "velmorand/stream/ScreenStream.h"
 
 namespace velmorand {
 class Log;
@@ -15,31 +20,60 @@ class RelayClient;
 
 namespace velmorand::extension {
 
-// The relay client's owner for one broadcast: records every viewer event in the log and ends the
-// broadcast when the relay refuses the device token. There is no capture or encoder on the
-// desktop, so stream requests are logged, not served.
+// The relay client's owner for one broadcast: streams the screen while viewers ask for it, applies
+// their live requests, records every viewer event in the log, and ends the broadcast when the
+// relay refuses the device token. Lives on the main queue.
 class Broadcast {
   public:
     // Quality reports come several times a second; the first and then every Nth are logged.
     static constexpr std::uint64_t kQosEvery = 50;
 
+    // Opens the screen stream at the first request, or says why this device cannot stream.
+    using StreamOpener = std::function<std::variant<std::unique_ptr<ScreenStream>, std::string>(
+        const StreamConfig& config, ScreenStream::Events events)>;
+    using Clock = LiveSettings::Clock;
+
+    struct Services {
+        RelayClient& client;
+        Log& log;
+        MainQueue& mainQueue;
+        StreamOpener openStream;
+        // Empty: the steady clock.
+        std::function<Clock::time_point()> clock;
+    };
+
     // `stop` ends the program with the given status; it is called at most once, from the main
     // queue.
-    Broadcast(RelayClient& client, Log& log, MainQueue& mainQueue,
-              std::function<void(int exitStatus)> stop);
+    Broadcast(Services services, std::function<void(int exitStatus)> stop);
+    ~Broadcast();
+    Broadcast(const Broadcast&) = delete;
+    Broadcast& operator=(const Broadcast&) = delete;
 
-    // Logs where it connects and the encode settings it would apply, then connects.
-    void begin(const RelayBase& base, const SharedConfig::EncodeValues& encode);
+    // Logs where it connects and the encode settings it starts with, then connects. Nothing is
+    // streamed until a viewer asks.
+    void begin(const RelayBase& base, const StreamConfig& start);
 
   private:
     void attach();
+    void needStream(const std::optional<std::string>& prefer);
+    // Hands the live settings to the stream, if there is one, and logs them.
+    void applySettings();
+    ScreenStream::Events streamEvents();
 
     RelayClient& client_;
     Log& log_;
     MainQueue& mainQueue_;
+    StreamOpener openStream_;
+    std::function<Clock::time_point()> clock_;
     std::function<void(int)> stop_;
+    std::optional<LiveSettings> settings_;
+    std::unique_ptr<ScreenStream> stream_;
+    // Set once opening the stream failed: the reason is logged once, and not tried again.
+    bool cannotStream_ = false;
     std::uint64_t qosReports_ = 0;
     bool stopping_ = false;
+    // Work posted from the stream's thread runs only while the broadcast exists.
+    std::shared_ptr<Broadcast*> self_ = std::make_shared<Broadcast*>(this);
 };
 
 }  // namespace velmorand::extension

@@ -8,6 +8,8 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "velmorand/config/SharedConfig.h"
+#include "velmorand/platform/ScreenCapture.h"
+#include "velmorand/stream/ScreenStream.h"
 
 namespace velmorand {
 struct Control;
@@ -40,11 +42,23 @@ class EventLines {
     static std::string streamControl(bool streaming);
     static std::string requestIdr();
     static std::string streamQuality(const std::string& tier);
+    static std::string unknownTier(const std::string& tier);
     // `count`: how many reports have arrived so far, this one included.
     static std::string qos(std::int64_t rttMs, double lossPct,
                            const std::optional<std::string>& tier, std::int64_t decodeQueue,
                            std::int64_t jitterMs, std::uint64_t count);
     static std::string relayQos(double congestion);
+
+    // What the stream does. "stream: h264, 30 fps, quality 60%, scale 50%".
+    static std::string streamSettings(const SharedConfig::EncodeValues& values);
+    static std::string newStream(const std::string& codec, ScreenSize screen, ScreenSize picture);
+    static std::string streamStats(const StreamStats& stats);
+    static std::string streamUnavailable(const std::string& reason);
+    static std::string h264Failed(const std::string& description);
+    static std::string streamStopped(const std::string& description);
+    static std::string slowedDown(std::int64_t decodeQueue, double lossPct, std::int64_t fromFps,
+                                  std::int64_t toFps);
+    static std::string restored(std::int64_t fps);
     // The signal's type only; its body (SDP, candidates) stays out of the log.
     static std::string webRtcSignal(const nlohmann::json& message);
 
