@@ -2,30 +2,17 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "velmorand/platform/Bundle.h"
+#include "velmorand/platform/Files.h"
 #include "velmorand/platform/PropertyList.h"
 
 namespace velmorand {
 namespace {
-
-std::optional<std::string> readWholeFile(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        return std::nullopt;
-    }
-    std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (file.bad()) {
-        return std::nullopt;
-    }
-    return bytes;
-}
 
 // Each byte is one Latin-1 character; its UTF-8 form takes two bytes from 0x80 on.
 std::vector<std::uint8_t> latin1ToUtf8(std::string_view latin1) {

@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "velmorand/platform/Bundle.h"
+#include "velmorand/platform/Files.h"
 #include "velmorand/platform/PropertyList.h"
 
 namespace velmorand {
@@ -18,12 +17,11 @@ namespace {
 namespace fs = std::filesystem;
 
 std::optional<nlohmann::json> infoDictionary(const fs::path& extension) {
-    std::ifstream file(extension / "Info.plist", std::ios::binary);
-    if (!file) {
+    const auto text = readWholeFile(extension / "Info.plist");
+    if (!text) {
         return std::nullopt;
     }
-    const std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(file),
-                                          std::istreambuf_iterator<char>()};
+    const std::vector<std::uint8_t> bytes(text->begin(), text->end());
     nlohmann::json info;
     if (!parsePropertyList(bytes, info) || !info.is_object()) {
         return std::nullopt;

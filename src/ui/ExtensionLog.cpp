@@ -1,10 +1,8 @@
 #include "velmorand/ui/ExtensionLog.h"
 
-#include <fstream>
-#include <iterator>
-
 #include "velmorand/config/AppGroup.h"
 #include "velmorand/platform/Bundle.h"
+#include "velmorand/platform/Files.h"
 #include "velmorand/platform/Text.h"
 
 namespace velmorand {
@@ -17,15 +15,11 @@ std::string ExtensionLog::readExtLog(const AppGroup& appGroup, const GroupContai
     if (!container) {
         return "";
     }
-    std::ifstream file(*container / kFileName, std::ios::binary);
-    if (!file) {
+    const auto text = readWholeFile(*container / kFileName);
+    if (!text || !isValidUtf8(*text)) {
         return "";
     }
-    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    if (file.bad() || !isValidUtf8(text)) {
-        return "";
-    }
-    return lastGraphemes(text, kMaxCharacters);
+    return lastGraphemes(*text, kMaxCharacters);
 }
 
 }  // namespace velmorand

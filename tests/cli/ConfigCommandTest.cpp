@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -112,6 +113,45 @@ TEST_F(ConfigCommandTest, LogPrintsTheExtensionLogOrSaysItIsEmpty) {
     std::filesystem::create_directories(container);
     std::ofstream(container / "extension.log") << "started\ncontrol: tap x=1 y=2\n";
     EXPECT_EQ(velmorand({"log"}).out, "started\ncontrol: tap x=1 y=2\n");
+}
+
+// A directory, or a pipe nobody writes to, where a file belongs reads as if it were absent.
+TEST_F(ConfigCommandTest, PathsThatCannotBeReadReadAsAbsent) {
+    const auto container = data_.path() / "Group Containers" / "group.co.velmorand.connect";
+    const std::string empty = "(empty — start a broadcast first)\n";
+    // The path, under the data root or the bundle; the command; what it prints.
+    const std::tuple<std::string, std::vector<std::string>, std::string> cases[] = {
+        {"data/Group Containers/group.co.velmorand.connect/extension.log", {"log"}, empty},
+        {"bundle/embedded.mobileprovision", {"log"}, empty},  // no group, so no log
+        {"data/Keychain/keychain.plist", {"config", "show"}, "isPaired: false\n"},
+        {"bundle/PlugIns/VelmorandBroadcast.appex/Info.plist",
+         {"status"},
+         "broadcastExtensionID: co.velmorand.connect.broadcast\n"},
+    };
+    for (const bool pipe : {false, true}) {
+        for (const auto& [path, command, expected] : cases) {
+            SCOPED_TRACE(path + (pipe ? " (pipe)" : ""));
+            testing::TempDir bundle;
+            std::filesystem::copy(VELMORAND_DEV_BUNDLE, bundle.path(),
+                                  std::filesystem::copy_options::recursive);
+            std::filesystem::remove_all(data_.path());
+            std::filesystem::create_directories(container);
+            std::ofstream(container / "extension.log") << "started\n";
+            const auto blocked = (path.starts_with("data/") ? data_.path() : bundle.path()) /
+                                 path.substr(path.find('/') + 1);
+            std::filesystem::remove(blocked);
+            std::filesystem::create_directories(blocked.parent_path());
+            ASSERT_TRUE(pipe ? ::mkfifo(blocked.c_str(), 0600) == 0
+                             : std::filesystem::create_directory(blocked));
+            auto arguments = command;
+            arguments.insert(arguments.begin(),
+                             {"--data-dir", data_.path().string(), "--bundle-dir",
+                              bundle.path().string(), "--service-url", "http://127.0.0.1:1"});
+            const auto result = testing::runCommand(VELMORAND_CLI, arguments);
+            EXPECT_EQ(result.exitCode, 0) << result.err;
+            EXPECT_NE(result.out.find(expected), std::string::npos) << result.out;
+        }
+    }
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
 #include "velmorand/desktop/DesktopBundle.h"
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "PlistFile.h"
 #include "PlistHandle.h"
+#include "velmorand/platform/Files.h"
 
 namespace velmorand {
 
@@ -33,13 +32,12 @@ std::optional<std::filesystem::path> DesktopBundle::resource(std::string_view na
 }
 
 std::optional<std::string> DesktopBundle::bundleIdentifier() const {
-    std::ifstream in(directory_ / "Info.plist", std::ios::binary);
-    if (!in) {
+    const auto bytes = readWholeFile(directory_ / "Info.plist");
+    if (!bytes) {
         return std::nullopt;
     }
-    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const auto root = plist::PlistHandle::parse(
-        std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+        std::span(reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size()));
     if (!plist::isType(root.get(), PLIST_DICT)) {
         return std::nullopt;
     }

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <span>
 
+#include "FileRead.h"
+
 namespace velmorand::plist {
 namespace {
 
@@ -15,33 +17,6 @@ std::filesystem::path withSuffix(const std::filesystem::path& path, std::string_
     auto result = path;
     result += std::string(suffix);
     return result;
-}
-
-enum class ReadStatus { ok, missing, unreadable };
-
-ReadStatus readAll(const std::filesystem::path& path, std::string& out) {
-    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) {
-        return errno == ENOENT ? ReadStatus::missing : ReadStatus::unreadable;
-    }
-    out.clear();
-    char buffer[65536];
-    while (true) {
-        const auto count = ::read(descriptor, buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            ::close(descriptor);
-            return ReadStatus::unreadable;
-        }
-        if (count == 0) {
-            break;
-        }
-        out.append(buffer, static_cast<std::size_t>(count));
-    }
-    ::close(descriptor);
-    return ReadStatus::ok;
 }
 
 bool writeAll(int descriptor, std::string_view bytes) {
@@ -115,8 +90,8 @@ PlistFile::Lock::~Lock() {
 PlistFile::Content PlistFile::read(plist_type rootType) const {
     Content content;
     std::string bytes;
-    const auto status = readAll(path_, bytes);
-    if (status == ReadStatus::ok) {
+    const auto status = files::readRegularFile(path_, bytes);
+    if (status == files::ReadStatus::ok) {
         auto parsed = PlistHandle::parse(
             std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
         if (isType(parsed.get(), rootType)) {
@@ -125,7 +100,7 @@ PlistFile::Content PlistFile::read(plist_type rootType) const {
         }
         content.bytes = std::move(bytes);
     }
-    content.damaged = status != ReadStatus::missing;
+    content.damaged = status != files::ReadStatus::missing;
     content.root = PlistHandle(rootType == PLIST_ARRAY ? plist_new_array() : plist_new_dict());
     return content;
 }

@@ -1,10 +1,8 @@
 #include "velmorand/desktop/PlistKeychain.h"
 
-#include <fstream>
-#include <iterator>
-
 #include "PlistFile.h"
 #include "PlistHandle.h"
+#include "velmorand/platform/Files.h"
 
 namespace velmorand {
 namespace {
@@ -59,11 +57,11 @@ void forEachItem(plist_t items, Visit&& visit) {
 // The profile is a signed container around an XML property list; the list is found by text
 // search rather than by parsing the signature.
 PlistHandle profileEntitlements(const std::filesystem::path& profile) {
-    std::ifstream in(profile, std::ios::binary);
-    if (!in) {
+    const auto contents = readWholeFile(profile);
+    if (!contents) {
         return {};
     }
-    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string& bytes = *contents;
     const auto begin = bytes.find("<?xml");
     const auto end = bytes.find("</plist>");
     if (begin == std::string::npos || end == std::string::npos || end < begin) {

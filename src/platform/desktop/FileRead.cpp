@@ -1,0 +1,55 @@
+#include "FileRead.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "velmorand/platform/Files.h"
+
+namespace velmorand {
+namespace files {
+ReadStatus readRegularFile(const std::filesystem::path& path, std::string& out) {
+    // Non-blocking so that a pipe put where a file belongs cannot hold the open; a regular file
+    // ignores the flag.
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (descriptor < 0) {
+        return errno == ENOENT ? ReadStatus::missing : ReadStatus::unreadable;
+    }
+    struct stat info {};
+    if (::fstat(descriptor, &info) != 0 || !S_ISREG(info.st_mode)) {
+        ::close(descriptor);
+        return ReadStatus::unreadable;
+    }
+    out.clear();
+    char buffer[65536];
+    while (true) {
+        const auto count = ::read(descriptor, buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            ::close(descriptor);
+            return ReadStatus::unreadable;
+        }
+        if (count == 0) {
+            break;
+        }
+        out.append(buffer, static_cast<std::size_t>(count));
+    }
+    ::close(descriptor);
+    return ReadStatus::ok;
+}
+
+}  // namespace files
+
+std::optional<std::string> readWholeFile(const std::filesystem::path& path) {
+    std::string bytes;
+    if (files::readRegularFile(path, bytes) != files::ReadStatus::ok) {
+        return std::nullopt;
+    }
+    return bytes;
+}
+
+}  // namespace velmorand
