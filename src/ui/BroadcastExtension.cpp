@@ -1,6 +1,5 @@
 #include "velmorand/ui/BroadcastExtension.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <vector>
 
@@ -39,7 +38,7 @@ bool isUploadExtension(const nlohmann::json& info) {
            point->get<std::string>() == BroadcastExtension::kExtensionPoint;
 }
 
-// The first upload extension in name order, with its information dictionary.
+// The first upload extension in listing order, with its information dictionary.
 struct FoundExtension {
     fs::path directory;
     nlohmann::json info;
@@ -59,8 +58,7 @@ std::optional<FoundExtension> firstUploadExtension(const Bundle& bundle) {
     if (error) {
         return std::nullopt;
     }
-    // Directory order is arbitrary here; name order makes "the first extension" well defined.
-    std::sort(entries.begin(), entries.end());
+    // The listing's own order decides which of two upload extensions is "the first".
     for (const auto& entry : entries) {
         if (entry.extension() != ".appex") {
             continue;

@@ -39,14 +39,10 @@ struct Entry {
     bool isFile = false;
 };
 
-TEST(BroadcastExtensionTest, FindsTheFirstUploadExtensionInNameOrderAndItsProgram) {
+TEST(BroadcastExtensionTest, FindsTheUploadExtensionAndItsProgram) {
     // Label, entries, the identifier found and its program (relative to PlugIns).
     const std::tuple<const char*, std::vector<Entry>, Text, Text> cases[] = {
         {"no PlugIns directory", {}, {}, {}},
-        {"first by name",
-         {{"B.appex", info(kUpload, "b.up", "b")}, {"A.appex", info(kUpload, "a.up", "a")}},
-         "a.up",
-         "A.appex/a"},
         {"other point skipped, no program key",
          {{"A.appex", info("com.apple.widgetkit-extension", "a.w", "a")},
           {"B.appex", info(kUpload, "b.up")}},
@@ -60,10 +56,6 @@ TEST(BroadcastExtensionTest, FindsTheFirstUploadExtensionInNameOrderAndItsProgra
           {"D.appex", info(kUpload, "d.up", "d")}},
          "d.up",
          "D.appex/d"},
-        {"match without identifier ends the walk",
-         {{"A.appex", info(kUpload, std::nullopt, "a")}, {"B.appex", info(kUpload, "b.up", "b")}},
-         {},
-         {}},
         {"unreadable entries skipped",
          {{"A.appex", {}},
           {"B.appex", {}, true},
@@ -94,6 +86,21 @@ TEST(BroadcastExtensionTest, FindsTheFirstUploadExtensionInNameOrderAndItsProgra
         EXPECT_EQ(BroadcastExtension::executable(bundle),
                   program ? std::optional(plugIns / *program) : std::nullopt);
     }
+}
+
+// The directory listing decides which upload extension is the first, not the names; the first
+// ends the walk even when it has no identifier.
+TEST(BroadcastExtensionTest, TheFirstUploadExtensionListedWins) {
+    testing::TempDir dir;
+    const auto plugIns = dir.path() / "PlugIns";
+    for (const std::string name : {"A", "B", "C", "D"}) {
+        std::filesystem::create_directories(plugIns / (name + ".appex"));
+        std::ofstream(plugIns / (name + ".appex/Info.plist"))
+            << info(kUpload, name == "B" ? Text() : Text(name), "p");
+    }
+    const auto first = std::filesystem::directory_iterator(plugIns)->path().stem().string();
+    const testing::FakeBundle bundle(dir.path());
+    EXPECT_EQ(BroadcastExtension::bundleIdentifier(bundle), first == "B" ? Text() : Text(first));
 }
 
 }  // namespace
