@@ -52,7 +52,7 @@ TEST_F(ConfigFixture, MirrorJsonKeepsNumberKindsAndLeavesAbsentFieldsOut) {
     ASSERT_EQ(keychain.items.size(), 2u);
     EXPECT_EQ(keychain.items[1].at(std::string(keychain::kAccessGroup)),
               text("TEAM123.co.velmorand.shared"));
-    EXPECT_EQ(keychain.items[1].at(std::string(keychain::kAccessible)), text("akpu"));
+    EXPECT_EQ(keychain.items[1].at(std::string(keychain::kAccessible)), text("cku"));
     const std::string stored = *mirrorText();
     const json object = json::parse(stored);
     EXPECT_TRUE(object.at("fps").is_number_integer());

@@ -72,7 +72,7 @@ TEST_F(PlistKeychainTest, StoresReturnsAndRemovesItemsAcrossInstances) {
         PlistKeychain chain(file, writeProfile(profile(kTeamGroups)));
         auto item = mirror("TEAM1.co.velmorand.shared");
         item.emplace("v_Data", secret);
-        item.emplace("pdmn", text("akpu"));
+        item.emplace("pdmn", text("cku"));
         KeychainResult result = Bytes{1};
         ASSERT_EQ(chain.add(item, &result), kc::kSuccess);
         EXPECT_TRUE(std::holds_alternative<std::monostate>(result));
@@ -92,7 +92,7 @@ TEST_F(PlistKeychainTest, StoresReturnsAndRemovesItemsAcrossInstances) {
     EXPECT_EQ(result, KeychainResult{secret});
     ASSERT_EQ(chain.copyMatching({{"acct", text("sharedConfig")}, {"r_Attributes", true}}, &result),
               kc::kSuccess);
-    EXPECT_EQ(std::get<KeychainAttributes>(result).at("pdmn"), text("akpu"));
+    EXPECT_EQ(std::get<KeychainAttributes>(result).at("pdmn"), text("cku"));
     EXPECT_FALSE(std::get<KeychainAttributes>(result).contains("v_Data"));
     EXPECT_EQ(chain.copyMatching(mirror("TEAM1.other"), nullptr), kc::kItemNotFound);
 
