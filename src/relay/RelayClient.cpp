@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <random>
 #include <variant>
 
@@ -42,7 +43,9 @@ WebSocketTask::SendCompletion sendCompletion(std::weak_ptr<RelayClient> client, 
 }
 
 std::string oneDecimal(double value) {
-    char buffer[64];
+    // Room for the largest finite double written out in full: a sign, 309 digits, the point
+    // and one decimal.
+    char buffer[std::numeric_limits<double>::max_exponent10 + 5];
     const auto result =
         std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, 1);
     return std::string(buffer, result.ptr);

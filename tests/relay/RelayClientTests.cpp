@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cfloat>
 #include <cmath>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -200,11 +202,19 @@ TEST(Connection, OpensBasePlusDeviceWithTheTokenHeader) {
 }
 
 TEST(Connection, BadUrlSchedulesAReconnect) {
-    for (const char* base : {"relay.example", ""}) {
+    char everyDigit[400];  // bounds so large that the delay needs every digit of a double
+    std::snprintf(everyDigit, sizeof everyDigit, "reconnecting in %.1fs", DBL_MAX);
+    const std::tuple<const char*, double, std::string> cases[] = {
+        {"relay.example", 1, "reconnecting in 1.2s"},
+        {"", 1, "reconnecting in 1.2s"},
+        {"", DBL_MAX, everyDigit},
+    };
+    for (const auto& [base, bound, line] : cases) {
         Harness h(base);
+        h.client->setReconnectPolicy({bound, bound, 0.5});
         h.client->connect();
         EXPECT_TRUE(h.sockets.tasks.empty()) << base;
-        EXPECT_EQ(h.logged(), (Lines{"bad relay url", "reconnecting in 1.2s"})) << base;
+        EXPECT_EQ(h.logged(), (Lines{"bad relay url", line})) << base;
     }
 }
 
