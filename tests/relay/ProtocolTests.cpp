@@ -13,13 +13,19 @@ namespace {
 using M = IncomingMessage;
 
 TEST(IncomingMessageDecode, AcceptsWhatTheRulesAllow) {
-    const std::pair<const char*, M> cases[] = {
+    const std::pair<std::string, M> cases[] = {
         {R"({"type":"ping"})", M{.type = "ping"}},
         {R"({"type":"tap","x":10,"y":null})", M{.type = "tap", .x = 10}},
         {R"({"type":"p","t":3.0,"ms":1e2,"rttMs":-0.0})",
          M{.type = "p", .ms = 100, .t = 3, .rttMs = 0}},
         {R"({"type":"p","t":9223372036854775807,"ms":-9223372036854775808})",
          M{.type = "p", .ms = INT64_MIN, .t = INT64_MAX}},
+        // Judged as written, not as the nearest double (2^63 for both).
+        {R"({"type":"p","t":9223372036854775807.0,"ms":-92233720368547758.08e2})",
+         M{.type = "p", .ms = INT64_MIN, .t = INT64_MAX}},
+        // Beyond a double's range, but under keys that are ignored.
+        {R"({"type":"ping","pad":1e400,"more":[-1E+999,{"x":1)" + std::string(400, '0') + "}]}",
+         M{.type = "ping"}},
         {R"({"type":"swipe","from":{"x":1,"y":2.5,"z":"ignored"},"to":null})",
          M{.type = "swipe", .from = M::Point{1, 2.5}}},
         {R"({"extra":{"type":5},"type":"tap","x":1,"X":"no"})", M{.type = "tap", .x = 1}},
@@ -50,12 +56,15 @@ TEST(IncomingMessageDecode, RejectsTheWholeFrame) {
           "", "not json", R"([{"type":"ping"}])", R"({"type":"ping"} {})", R"({"t":5})",
           R"({"type":null})",
           // Integers: exact and within 64 signed bits; no strings or booleans.
-          R"({"type":"p","t":1.5})", R"({"type":"p","t":9223372036854775808})",
+          R"({"type":"p","t":1.5})", R"({"type":"p","t":1.0000000000000001})",
+          R"({"type":"p","t":9223372036854775808})", R"({"type":"p","t":92233720368547758.08e3})",
           R"({"type":"p","t":-9223372036854775809})", R"({"type":"p","t":"5"})",
           R"({"type":"p","ms":true})",
           // Floats, strings and booleans take their own kind only.
           R"({"type":"tap","x":"10","y":20})", R"({"type":"text","value":5})",
-          R"({"type":"s","streaming":1})", "{\"type\":\"\xff\"}",
+          R"({"type":"s","streaming":1})", "{\"type\":\"\xff\"}", R"({"type":1e400})",
+          R"({"type":"tap","x":1e400})", R"({"type":"swipe","from":{"x":1,"y":-1e400}})",
+          R"({"type":"ping","pad":01e400})",
           // A point needs both coordinates as numbers.
           R"({"type":"swipe","from":{"x":1},"to":{"x":2,"y":3}})",
           R"({"type":"swipe","from":{"x":"1","y":2}})", R"({"type":"swipe","to":5})"}) {
@@ -75,7 +84,9 @@ TEST(Replies, EncodeCompactlyInKeyOrderAndDecodeBack) {
     EXPECT_FALSE(PongMessage::decode("[]").has_value());
     const LatencyPongMessage full{42, "viewer/a"};
     EXPECT_EQ(LatencyPongMessage::decode(*full.encode()), full);
-    for (const char* bad : {R"({"viewerId":"v"})", R"({"t":1.5})", R"({"t":1,"viewerId":3})"}) {
+    EXPECT_EQ(LatencyPongMessage::decode(R"({"t":4.2e1,"pad":1e400})"), LatencyPongMessage{42});
+    for (const char* bad : {R"({"viewerId":"v"})", R"({"t":1.5})", R"({"t":1,"viewerId":3})",
+                            R"({"t":1.0000000000000001})"}) {
         EXPECT_FALSE(LatencyPongMessage::decode(bad).has_value()) << bad;
     }
 }
