@@ -24,14 +24,23 @@ class ConfigCommandTest : public ::testing::Test {
         return testing::runCommand(VELMORAND_CLI, arguments);
     }
 
-    // Writes through the same desktop stores the program reads, as the app would.
+    // The configuration as the app holds it, through the same desktop stores the program uses.
+    struct AppConfig {
+        explicit AppConfig(const std::filesystem::path& dataDir)
+            : root(dataDir),
+              stores(root),
+              keychain(root.keychainFile(), bundle.resource("embedded", "mobileprovision")) {}
+
+        DataRoot root;
+        DesktopBundle bundle{VELMORAND_DEV_BUNDLE};
+        DesktopSettingsStores stores;
+        PlistKeychain keychain;
+        AppGroup group{bundle};
+        SharedConfig config{stores, keychain, group};
+    };
+
     void store(const SharedConfig::Values& values) {
-        const DataRoot root(data_.path());
-        DesktopBundle bundle(VELMORAND_DEV_BUNDLE);
-        DesktopSettingsStores stores(root);
-        PlistKeychain keychain(root.keychainFile(), bundle.resource("embedded", "mobileprovision"));
-        AppGroup group(bundle);
-        SharedConfig(stores, keychain, group).persist(values);
+        AppConfig(data_.path()).config.persist(values);
     }
 
     testing::TempDir data_;
@@ -105,6 +114,24 @@ TEST_F(ConfigCommandTest, EncodeClampsWhatItSavesAndKeepsWhatIsNotGiven) {
               "Saved — applies on next Start Broadcast.\n"
               "codec: h264\nfps: 60\nquality: 0.1\nscale: 0.75\n");
     EXPECT_EQ(velmorand({"encode", "--fps", "abc"}).exitCode, 2);
+}
+
+// The app keeps its stores open while the program saves: it reads what was saved, and what it
+// saves afterwards keeps it.
+TEST_F(ConfigCommandTest, AnOpenStoreSeesAndKeepsWhatAnotherProcessSaved) {
+    store({"K1", {}, "tok", "wss://relay.example/r", {}, {}, {}, {}, {}, {}, {}, {}, {}, {}});
+    AppConfig app(data_.path());
+    ASSERT_EQ(app.config.load().codec, std::nullopt);
+
+    ASSERT_EQ(velmorand({"encode", "--codec", "h264"}).exitCode, 0);
+    auto values = app.config.load();
+    EXPECT_EQ(values.codec, "h264");
+    values.relayRegion = "eu";  // a relay preference, saved as the app saves it
+    app.config.persist(values);
+
+    const auto stored = nlohmann::json::parse(velmorand({"config", "show", "--json"}).out);
+    EXPECT_EQ(stored["codec"], "h264");
+    EXPECT_EQ(stored["relayRegion"], "eu");
 }
 
 TEST_F(ConfigCommandTest, LogPrintsTheExtensionLogOrSaysItIsEmpty) {

@@ -10,7 +10,16 @@
 
 namespace velmorand {
 namespace files {
-ReadStatus readRegularFile(const std::filesystem::path& path, std::string& out) {
+namespace {
+
+FileStamp stampFrom(const struct stat& info) {
+    return {info.st_dev, info.st_ino, info.st_size, info.st_mtim.tv_sec, info.st_mtim.tv_nsec};
+}
+
+}  // namespace
+
+ReadStatus readRegularFile(const std::filesystem::path& path, std::string& out,
+                           std::optional<FileStamp>* stamp) {
     // Non-blocking so that a pipe put where a file belongs cannot hold the open; a regular file
     // ignores the flag.
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -39,7 +48,18 @@ ReadStatus readRegularFile(const std::filesystem::path& path, std::string& out) 
         out.append(buffer, static_cast<std::size_t>(count));
     }
     ::close(descriptor);
+    if (stamp != nullptr) {
+        *stamp = stampFrom(info);
+    }
     return ReadStatus::ok;
+}
+
+std::optional<FileStamp> stampOf(const std::filesystem::path& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) {
+        return std::nullopt;
+    }
+    return stampFrom(info);
 }
 
 }  // namespace files

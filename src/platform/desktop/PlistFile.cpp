@@ -8,8 +8,6 @@
 #include <cerrno>
 #include <span>
 
-#include "FileRead.h"
-
 namespace velmorand::plist {
 namespace {
 
@@ -90,7 +88,7 @@ PlistFile::Lock::~Lock() {
 PlistFile::Content PlistFile::read(plist_type rootType) const {
     Content content;
     std::string bytes;
-    const auto status = files::readRegularFile(path_, bytes);
+    const auto status = files::readRegularFile(path_, bytes, &content.stamp);
     if (status == files::ReadStatus::ok) {
         auto parsed = PlistHandle::parse(
             std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));

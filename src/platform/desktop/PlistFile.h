@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "FileRead.h"
 #include "PlistHandle.h"
 
 namespace velmorand::plist {
@@ -32,6 +33,8 @@ class PlistFile {
         bool damaged = false;
         // The bytes read, kept to set a damaged file aside.
         std::optional<std::string> bytes;
+        // The version read; absent when no file was.
+        std::optional<files::FileStamp> stamp;
     };
 
     explicit PlistFile(std::filesystem::path path) : path_(std::move(path)) {}
@@ -43,6 +46,8 @@ class PlistFile {
     // Replaces the file with `root` as XML. `previous` is what read() returned under the same
     // lock; a damaged file is set aside before it is replaced. False when nothing was written.
     bool write(const PlistHandle& root, const Content& previous) const;
+    // The version on disk now; absent when there is no file.
+    std::optional<files::FileStamp> stamp() const { return files::stampOf(path_); }
 
     // Creates the missing directories of `directory` with mode 0700.
     static bool makeDirectories(const std::filesystem::path& directory);

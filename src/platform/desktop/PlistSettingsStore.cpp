@@ -5,6 +5,12 @@
 
 namespace velmorand {
 
+struct PlistSettingsStore::Snapshot {
+    plist::PlistHandle root;
+    // The version of the file `root` came from.
+    std::optional<files::FileStamp> stamp;
+};
+
 PlistSettingsStore::PlistSettingsStore(std::filesystem::path file)
     : file_(std::make_unique<plist::PlistFile>(std::move(file))) {}
 
@@ -15,9 +21,12 @@ const std::filesystem::path& PlistSettingsStore::file() const {
 }
 
 void PlistSettingsStore::loadLocked() const {
-    if (!content_) {
-        content_ = std::make_unique<plist::PlistHandle>(file_->read(PLIST_DICT).root);
+    // The other programs sharing the file replace it whole; one stat tells whether they did.
+    if (snapshot_ && file_->stamp() == snapshot_->stamp) {
+        return;
     }
+    auto content = file_->read(PLIST_DICT);
+    snapshot_ = std::make_unique<Snapshot>(Snapshot{std::move(content.root), content.stamp});
 }
 
 std::optional<StoredValue> PlistSettingsStore::object(std::string_view key) const {
@@ -26,7 +35,7 @@ std::optional<StoredValue> PlistSettingsStore::object(std::string_view key) cons
         return it->second;
     }
     loadLocked();
-    return plist::storedValue(plist_dict_get_item(content_->get(), std::string(key).c_str()));
+    return plist::storedValue(plist_dict_get_item(snapshot_->root.get(), std::string(key).c_str()));
 }
 
 void PlistSettingsStore::setObject(std::string_view key, std::optional<StoredValue> value) {
@@ -51,9 +60,11 @@ void PlistSettingsStore::synchronize() {
         if (file_->write(merged, current)) {
             pending_.clear();
             current.root = std::move(merged);
+            // Still under the file's lock: nobody else has written since.
+            current.stamp = file_->stamp();
         }
     }
-    content_ = std::make_unique<plist::PlistHandle>(std::move(current.root));
+    snapshot_ = std::make_unique<Snapshot>(Snapshot{std::move(current.root), current.stamp});
 }
 
 }  // namespace velmorand
