@@ -9,6 +9,7 @@
 #include <ctime>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -17,6 +18,7 @@
 #include "ScreenBridges.h"
 #include "SingleInstance.h"
 #include "velmorand/desktop/DataRoot.h"
+#include "velmorand/desktop/ServiceEndpoints.h"
 
 using namespace velmorand;
 
@@ -53,6 +55,14 @@ int main(int argc, char** argv) {
     QStringList arguments = QGuiApplication::arguments();
     const bool reportFirstFrame = arguments.removeAll(QStringLiteral("--report-first-frame")) > 0;
     const auto options = app::AppOptions::parse(arguments);
+    std::optional<ServiceEndpoints> endpoints;
+    try {
+        endpoints = ServiceEndpoints::resolve(
+            options.serviceUrl ? std::optional(options.serviceUrl->toStdString()) : std::nullopt);
+    } catch (const InvalidServiceUrl& error) {
+        std::fprintf(stderr, "velmorand-connect: %s\n", error.what());
+        return 2;
+    }
 
     app::SingleInstance instance(
         app::SingleInstance::serverName(DataRoot::resolve(options.locations.dataDir).root()));
@@ -65,10 +75,7 @@ int main(int argc, char** argv) {
             "later start another window");
     }
 
-    app::AppServices services(
-        options.locations,
-        ServiceEndpoints::resolve(
-            options.serviceUrl ? std::optional(options.serviceUrl->toStdString()) : std::nullopt));
+    app::AppServices services(options.locations, std::move(*endpoints));
     app::ScreenBridges bridges(services, options.locationArguments());
 
     QQmlApplicationEngine engine;

@@ -54,6 +54,12 @@ int run(int argc, char** argv) {
         std::cerr << "velmorand: " << error.what() << " (see velmorand --help)\n";
         return kExitUsage;
     }
+    try {
+        context.resolveEndpoints();
+    } catch (const InvalidServiceUrl& error) {
+        std::cerr << "velmorand: " << error.what() << "\n";
+        return kExitUsage;
+    }
     return action ? action() : kExitUsage;
 }
 

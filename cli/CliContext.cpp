@@ -5,7 +5,6 @@
 
 #include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
-#include "velmorand/desktop/ServiceEndpoints.h"
 #include "velmorand/desktop/StderrLog.h"
 #include "velmorand/pairing/PairingModel.h"
 #include "velmorand/pairing/WebRtcCapability.h"
@@ -102,8 +101,8 @@ Log& CliContext::log() {
     return log;
 }
 
-ServiceEndpoints CliContext::endpoints() const {
-    return ServiceEndpoints::resolve(options_.serviceUrl);
+void CliContext::resolveEndpoints() {
+    endpoints_ = ServiceEndpoints::resolve(options_.serviceUrl);
 }
 
 MainQueue& CliContext::mainQueue() {

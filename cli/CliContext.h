@@ -6,6 +6,7 @@
 #include <string>
 
 #include "velmorand/desktop/DesktopEnvironment.h"
+#include "velmorand/desktop/ServiceEndpoints.h"
 
 namespace velmorand {
 
@@ -17,7 +18,6 @@ class MainQueue;
 class HttpClient;
 class Log;
 class PairingModel;
-struct ServiceEndpoints;
 
 namespace cli {
 
@@ -44,9 +44,10 @@ class CliContext {
     // Where the stores live, as the options and the environment chose it.
     std::filesystem::path dataDirectory();
     Log& log();
-    // The service (--service-url, else $VELMORAND_SERVICE_URL, else the build's default) and the
-    // on-device automation server.
-    ServiceEndpoints endpoints() const;
+    // Chooses the service (--service-url, else $VELMORAND_SERVICE_URL, else the build's default)
+    // and the on-device automation server, once options are parsed. Throws InvalidServiceUrl.
+    void resolveEndpoints();
+    const ServiceEndpoints& endpoints() const { return endpoints_; }
 
     // The main queue on an event loop that runs only inside runEventLoop().
     MainQueue& mainQueue();
@@ -66,6 +67,7 @@ class CliContext {
     const GlobalOptions& options_;
     int& argc_;
     char** argv_;
+    ServiceEndpoints endpoints_;
     std::unique_ptr<Stores> stores_;
     std::unique_ptr<EventLoop> loop_;
     std::unique_ptr<Pairing> pairing_;

@@ -90,8 +90,12 @@ TEST_F(ConfigCommandTest, ShowsPresentFieldsInFieldOrderAndClearErasesThem) {
 }
 
 TEST_F(ConfigCommandTest, UsageErrorsExitTwoWithOneLine) {
-    for (const auto& arguments : std::vector<std::vector<std::string>>{
-             {"config"}, {"config", "show", "--yaml"}, {"frobnicate"}, {}}) {
+    for (const auto& arguments :
+         std::vector<std::vector<std::string>>{{"config"},
+                                               {"config", "show", "--yaml"},
+                                               {"frobnicate"},
+                                               {},
+                                               {"--service-url", "ftp://x.example", "pair-url"}}) {
         const auto result = velmorand(arguments);
         EXPECT_EQ(result.exitCode, 2);
         EXPECT_TRUE(result.out.empty());

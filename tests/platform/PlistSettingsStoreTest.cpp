@@ -238,16 +238,28 @@ TEST(DataRootTest, ResolvesInOrderOfPrecedence) {
     EXPECT_EQ(DataRoot("/r").keychainFile(), "/r/Keychain/keychain.plist");
 }
 
-TEST(ServiceEndpointsTest, OptionThenEnvironmentThenBuiltIn) {
+TEST(ServiceEndpointsTest, OptionThenEnvironmentThenBuiltInAsABaseUrl) {
     const auto from = [](std::map<std::string, std::string, std::less<>> environment) {
         return [environment](std::string_view name) -> std::optional<std::string> {
             const auto it = environment.find(name);
             return it == environment.end() ? std::nullopt : std::optional(it->second);
         };
     };
-    const auto service = from({{"VELMORAND_SERVICE_URL", "https://env"}});
+    const auto service = from({{"VELMORAND_SERVICE_URL", "https://env/"}});
     EXPECT_EQ(ServiceEndpoints::resolve("https://option", service).appURL, "https://option");
     EXPECT_EQ(ServiceEndpoints::resolve(std::nullopt, service).appURL, "https://env");
+    for (const auto& [given, base] : std::map<std::string, std::string>{
+             {"https://x.example/", "https://x.example"},
+             {"HTTP://x.example:8080//", "http://x.example:8080"},
+             {"https://x.example/base/", "https://x.example/base"}}) {
+        EXPECT_EQ(ServiceEndpoints::resolve(given, service).appURL, base);
+    }
+    for (const char* notHttp : {"", "x.example", "ftp://x.example", "https:///p", "https://x/?a=1",
+                                "https://x/#f", "https://x y"}) {
+        EXPECT_THROW(ServiceEndpoints::resolve(notHttp, service), InvalidServiceUrl) << notHttp;
+    }
+    EXPECT_THROW(ServiceEndpoints::resolve(std::nullopt, from({{"VELMORAND_SERVICE_URL", "x.y"}})),
+                 InvalidServiceUrl);
     const auto builtIn =
         ServiceEndpoints::resolve(std::nullopt, from({{"VELMORAND_SERVICE_URL", ""}}));
     EXPECT_TRUE(builtIn.appURL.starts_with("https://")) << builtIn.appURL;
