@@ -145,19 +145,36 @@ int copyPairUrl(CliContext& context, const std::string& key) {
     return model.status() == "Copied pair URL." ? kExitSuccess : kExitFailure;
 }
 
+// Prints the start's lines and ends with the one the follow-up status check finds, as the screen
+// shows them in turn. The check starts as bridgeBusy clears; its line comes with it when there
+// is no key to check with, and later, when the service has answered, otherwise.
 int startTouchControl(CliContext& context) {
     PairingModel& model = context.model();
     model.startWda();
+    printLine(std::cout, model.wdaStatus());
     if (!model.bridgeBusy()) {
-        printLine(std::cout, model.wdaStatus());
         return kExitFailure;
     }
-    printLine(std::cout, model.wdaStatus());
-    watchModel(model, context.mainQueue(), [&context, &model](Field field) {
+    auto settled = std::make_shared<bool>(false);
+    const auto finish = [&context, settled](int status) {
+        if (!*settled) {
+            *settled = true;
+            context.quit(status);
+        }
+    };
+    watchModel(model, context.mainQueue(), [&context, &model, settled, finish](Field field) {
         if (field == Field::wdaStatus) {
             printLine(std::cout, model.wdaStatus());
+            if (!model.bridgeBusy()) {
+                finish(kExitSuccess);
+            }
         } else if (field == Field::bridgeBusy && !model.bridgeBusy()) {
-            context.quit(kExitSuccess);
+            context.mainQueue().postAfter(kStatusCheckLimit, [settled, finish] {
+                if (!*settled) {
+                    std::cerr << "velmorand: the touch-control status check did not answer\n";
+                    finish(kExitFailure);
+                }
+            });
         }
     });
     return context.runEventLoop();
