@@ -88,7 +88,9 @@ TEST_F(HttpFaults, EachFaultEndsInItsStatusLineWithoutFollowingOrTrustingIt) {
         return QByteArray::fromStdString("HTTP/1.1 200 OK\r\nContent-Length: " +
                                          std::to_string(body.size() + 100) + "\r\n\r\n" + body);
     };
-    const auto redirect = httpAnswer(302, "moved", "Location: " + elsewhere.baseUrl() + "/x\r\n");
+    // From https down to http: never followed.
+    const auto redirect = httpAnswer(307, "moved", "Location: " + elsewhere.baseUrl() + "/x\r\n");
+    const ScriptedServer::Tls trusted{testPki().serverCertificate, testPki().serverKey};
     const ScriptedServer::Tls misnamed{testPki().localhostOnlyCertificate,
                                        testPki().localhostOnlyKey};
     const struct {
@@ -100,7 +102,26 @@ TEST_F(HttpFaults, EachFaultEndsInItsStatusLineWithoutFollowingOrTrustingIt) {
         const char* mentions;
     } cases[] = {
         {"pair truncated", truncated(kHandshakeBody), {}, nullptr, "Pairing failed: ", ""},
-        {"pair redirect", redirect, {}, nullptr, "Pairing failed: Handshake 302: moved", nullptr},
+        {"pair insecure redirect", redirect, trusted, nullptr,
+         "Pairing failed: ", "Insecure redirect"},
+        {"pair 407",
+         httpAnswer(407, R"({"error":"Proxy says no"})"),
+         {},
+         nullptr,
+         "Pairing failed: Handshake 407: Proxy says no",
+         nullptr},
+        {"start 407",
+         httpAnswer(407, "<html>"),
+         {},
+         &PairingModel::startWda,
+         "Start refused (407)",
+         nullptr},
+        {"status 407",
+         httpAnswer(407, "{}"),
+         {},
+         &PairingModel::refreshWdaStatus,
+         "Status check failed (407)",
+         nullptr},
         {"pair misnamed", httpAnswer(200, kHandshakeBody), misnamed, nullptr,
          "Pairing failed: ", "host name"},
         {"start truncated",
@@ -132,7 +153,7 @@ TEST_F(HttpFaults, EachFaultEndsInItsStatusLineWithoutFollowingOrTrustingIt) {
         }
         // A failed pairing leaves the earlier one in place; nothing goes over a rejected link.
         EXPECT_EQ(config.load().deviceToken, "stored-token");
-        EXPECT_EQ(server.requests().empty(), c.tls.has_value());
+        EXPECT_EQ(server.requests().empty(), c.tls && c.tls->certificate != trusted.certificate);
     }
     EXPECT_TRUE(elsewhere.requests().empty()) << "a redirect was followed";
 }

@@ -24,6 +24,8 @@ namespace {
 constexpr const char* kCancelled = "Cancelled";
 constexpr const char* kTooLarge = "Response too large";
 constexpr const char* kTimedOut = "The request timed out";
+// As many as the platform's own URL session follows before it gives up.
+constexpr int kMaxRedirects = 16;
 
 // Qt reports HTTP error statuses as reply errors; those replies are still answers.
 bool isHttpStatusError(QNetworkReply::NetworkError error) {
@@ -34,6 +36,7 @@ bool isHttpStatusError(QNetworkReply::NetworkError error) {
         case E::ContentOperationNotPermittedError:
         case E::ContentNotFoundError:
         case E::AuthenticationRequiredError:
+        case E::ProxyAuthenticationRequiredError:
         case E::ContentReSendError:
         case E::ContentConflictError:
         case E::ContentGoneError:
@@ -75,8 +78,11 @@ class QtHttpClient::Worker : public QObject {
         const auto timeout =
             request.timeout.count() > 0 ? request.timeout : HttpRequest::kDefaultTimeout;
         networkRequest.setTransferTimeout(static_cast<int>(timeout.count()));
+        // Redirects are followed as the platform's session follows them: 307 and 308 keep the
+        // method and body, the others turn into a GET, and never from https down to http.
         networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                                    QNetworkRequest::ManualRedirectPolicy);
+                                    QNetworkRequest::NoLessSafeRedirectPolicy);
+        networkRequest.setMaximumRedirectsAllowed(kMaxRedirects);
         if (url.scheme() == QLatin1String("https")) {
             networkRequest.setSslConfiguration(tls_);
         }

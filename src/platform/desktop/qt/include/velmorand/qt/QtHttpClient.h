@@ -11,8 +11,9 @@ class QThread;
 namespace velmorand {
 
 // HttpClient on a QNetworkAccessManager that lives on a network thread owned by the client.
-// Redirects are answers, not followed; 4xx and 5xx are answers; TLS is verified against the
-// system's CAs plus those of the PEM file named by VELMORAND_CA_FILE (read at construction).
+// Redirects are followed, never from https to http; 4xx and 5xx (407 included) are answers; TLS
+// is verified against the system's CAs plus those of the PEM file named by VELMORAND_CA_FILE
+// (read at construction).
 // Destroying the client ends every exchange still running with the transport error "Cancelled".
 class QtHttpClient : public HttpClient {
   public:
