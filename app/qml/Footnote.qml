@@ -3,7 +3,7 @@ import QtQuick.Controls
 import QtQuick.Layouts
 
 // The footnote text style: small, wrapped, in the secondary colour unless told otherwise.
-Label {
+PlainLabel {
     property bool orange: false
 
     Layout.fillWidth: true

@@ -21,7 +21,7 @@ ColumnLayout {
     Layout.fillWidth: true
     spacing: 6
 
-    Label {
+    PlainLabel {
         objectName: "sectionHeader"
         text: section.title
         font.bold: true

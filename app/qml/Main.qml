@@ -53,7 +53,7 @@ ApplicationWindow {
                 viewport: form.contentItem
                 onAppeared: extensionLog.refresh()
 
-                Label {
+                PlainLabel {
                     objectName: "logText"
                     Layout.fillWidth: true
                     text: extensionLog.text
@@ -76,7 +76,7 @@ ApplicationWindow {
 
                 RowLayout {
                     Layout.fillWidth: true
-                    Label {
+                    PlainLabel {
                         text: "Region"
                         Layout.fillWidth: true
                     }
@@ -159,14 +159,14 @@ ApplicationWindow {
                         implicitHeight: 20
                         radius: 10
                         color: window.green
-                        Label {
+                        PlainLabel {
                             anchors.centerIn: parent
                             text: "✓"
                             color: "white"
                             font.bold: true
                         }
                     }
-                    Label {
+                    PlainLabel {
                         objectName: "deviceNameText"
                         text: pairing.pairedLabel
                         color: window.green
@@ -205,7 +205,7 @@ ApplicationWindow {
                             implicitWidth: 20
                             implicitHeight: 20
                         }
-                        Label {
+                        PlainLabel {
                             text: "Pair device"
                             color: pairButton.palette.buttonText
                             Layout.alignment: Qt.AlignHCenter
@@ -260,7 +260,7 @@ ApplicationWindow {
                 }
                 RowLayout {
                     Layout.fillWidth: true
-                    Label {
+                    PlainLabel {
                         objectName: "fpsText"
                         text: encode.fpsText
                         Layout.fillWidth: true
@@ -283,7 +283,7 @@ ApplicationWindow {
                 ColumnLayout {
                     Layout.fillWidth: true
                     spacing: 2
-                    Label {
+                    PlainLabel {
                         objectName: "qualityText"
                         text: encode.qualityText
                     }
@@ -301,7 +301,7 @@ ApplicationWindow {
                 ColumnLayout {
                     Layout.fillWidth: true
                     spacing: 2
-                    Label {
+                    PlainLabel {
                         objectName: "scaleText"
                         text: encode.scaleText
                     }
@@ -386,7 +386,7 @@ ApplicationWindow {
                                     color: broadcastTitle.color
                                 }
                             }
-                            Label {
+                            PlainLabel {
                                 id: broadcastTitle
                                 anchors.verticalCenter: parent.verticalCenter
                                 text: broadcastButton.text

@@ -38,7 +38,7 @@ Dialog {
                 text: "Close"
                 onClicked: sheet.close()
             }
-            Label {
+            PlainLabel {
                 text: sheet.title
                 font.bold: true
                 horizontalAlignment: Text.AlignHCenter

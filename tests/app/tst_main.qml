@@ -1,4 +1,5 @@
 import QtQuick
+import QtQuick.Controls
 import QtTest
 
 TestCase {
@@ -270,6 +271,24 @@ TestCase {
         mouseClick(item("closeButton"))
         tryCompare(window.scannerSheet, "visible", false)
         compare(scanner.active, false)
+    }
+
+    // Texts from the service, the stores and the log stand as they are: no label takes them
+    // for markup.
+    function test_everyLabelIsPlainText() {
+        const texts = []
+        const walk = (item) => {
+            if (item instanceof Label)
+                texts.push(item)
+            for (let i = 0; i < item.children.length; ++i)
+                walk(item.children[i])
+        }
+        for (const root of [window.contentItem, window.scannerSheet.contentItem,
+                            window.scannerSheet.header])
+            walk(root)
+        verify(texts.length > 20, texts.length + " texts")
+        for (const text of texts)
+            compare(text.textFormat, Text.PlainText, text.objectName + " " + text.text)
     }
 
     function test_diagnosticsShowTheLogOrTheEmptyText() {
