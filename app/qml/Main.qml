@@ -19,7 +19,9 @@ ApplicationWindow {
                      1560)
     visible: true
 
-    // The screen comes on screen: reload the model and the sections in view.
+    // The screen comes on screen: reload the model and the sections in view. Only being shown
+    // counts, not getting the focus back: a refresh drops an unsaved relay choice and replaces
+    // the touch-control line that a start holds for its wait.
     function cameOnScreen() {
         pairing.refresh()
         if (diagnostics.inView)
@@ -29,7 +31,6 @@ ApplicationWindow {
     }
 
     onVisibleChanged: if (visible) cameOnScreen()
-    onActiveChanged: if (active) pairing.refresh()
     Component.onCompleted: if (visible) cameOnScreen()
 
     ScrollView {

@@ -10,6 +10,12 @@ TestCase {
     name: "MainScreen"
     when: windowShown
 
+    Window {
+        id: other
+        width: 40
+        height: 40
+    }
+
     SignalSpy {
         id: codeSpy
         target: scanner
@@ -271,6 +277,18 @@ TestCase {
         mouseClick(item("closeButton"))
         tryCompare(window.scannerSheet, "visible", false)
         compare(scanner.active, false)
+    }
+
+    // Getting the focus back is no coming on screen: an unsaved region choice stays.
+    function test_focusComingBackKeepsWhatIsOnScreen() {
+        pairing.relayRegion = "eu"
+        other.show()
+        other.requestActivate()
+        tryCompare(other, "active", true)
+        window.requestActivate()
+        tryCompare(window, "active", true)
+        other.close()
+        compare(pairing.relayRegion, "eu")
     }
 
     // Texts from the service, the stores and the log stand as they are: no label takes them
