@@ -1,12 +1,26 @@
 #include "QrScannerBridge.h"
 
+#include <unistd.h>
+
 #include <QCameraDevice>
 #include <QImage>
 #include <QMediaDevices>
+#include <cerrno>
 
 #include "QrFrameDecoder.h"
 
 namespace velmorand::app {
+namespace {
+
+// A desktop asks no permission for the camera; access is refused when its device node may not
+// be opened by this user (not in the video group, say).
+bool accessRefused(const QCameraDevice& camera) {
+    const QByteArray node = camera.id();
+    return node.startsWith("/dev/") && ::access(node.constData(), R_OK | W_OK) != 0 &&
+           errno == EACCES;
+}
+
+}  // namespace
 
 QrScannerBridge::QrScannerBridge(QObject* parent) : QObject(parent) {}
 
@@ -41,8 +55,9 @@ void QrScannerBridge::start() {
         },
         [this] { setActive(false); });
     sinceLastDecode_.invalidate();
-    setDenied(QMediaDevices::videoInputs().isEmpty());
-    setActive(!denied_);
+    const QCameraDevice camera = QMediaDevices::defaultVideoInput();
+    setDenied(!camera.isNull() && accessRefused(camera));
+    setActive(!camera.isNull() && !denied_);
 }
 
 void QrScannerBridge::stop() {
@@ -51,7 +66,6 @@ void QrScannerBridge::stop() {
 }
 
 void QrScannerBridge::cameraFailed() {
-    setDenied(true);
     setActive(false);
 }
 

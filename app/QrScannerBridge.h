@@ -32,7 +32,8 @@ class QrScannerBridge : public QObject {
     void setVideoSink(QVideoSink* sink);
     // Whether the camera should run: the sheet is open, the camera usable, nothing delivered.
     bool active() const { return active_; }
-    // No camera can be used: the sheet shows its explanation instead of the preview.
+    // Camera access is refused: the sheet shows its explanation instead of the preview. No
+    // camera, or one that fails, is no refusal: the preview stays, black.
     bool denied() const { return denied_; }
     // Frames closer together than this (milliseconds) are skipped, to spare the GUI thread.
     int minimumFrameInterval() const { return minimumFrameInterval_; }
@@ -42,7 +43,7 @@ class QrScannerBridge : public QObject {
     Q_INVOKABLE void start();
     // The sheet went away.
     Q_INVOKABLE void stop();
-    // The camera reported an error: treat it as refused.
+    // The camera reported an error: it stops, and the preview stays black.
     Q_INVOKABLE void cameraFailed();
     // Decodes a QR code from an image file under the same rules as camera frames; says whether
     // a code was delivered.
