@@ -301,6 +301,13 @@ class Sandbox::Impl {
             {QStringLiteral("deviceConnections"), static_cast<qint64>(relay_.deviceConnections())},
             {QStringLiteral("devicePongs"), static_cast<qint64>(relay_.pongs())},
         };
+        const auto& frames = relay_.frameCounts();
+        state[QStringLiteral("frames")] = QJsonObject{
+            {QStringLiteral("received"), static_cast<qint64>(frames.received)},
+            {QStringLiteral("rejected"), static_cast<qint64>(frames.rejected)},
+            {QStringLiteral("forwarded"), static_cast<qint64>(frames.forwarded)},
+            {QStringLiteral("missed"), static_cast<qint64>(frames.missed)},
+        };
         if (const auto token = relay_.deviceToken()) {
             if (const auto device = tokens_.find(*token); device != tokens_.end()) {
                 state[QStringLiteral("device")] =

@@ -4,18 +4,39 @@
 #include <QJsonObject>
 #include <QWebSocket>
 #include <algorithm>
+#include <cstdint>
+#include <span>
 #include <utility>
+
+#include "velmorand/relay/FrameHeader.h"
 
 namespace velmorand::sandbox {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr int kUnauthorized = 4401;
 constexpr int kNoSuchEndpoint = 4404;
+constexpr int kTooManyViewers = 4429;
+constexpr std::size_t kMaxViewers = 32;
+// Beyond these Qt ends the link; up to them a message is read whole and then judged.
+constexpr quint64 kMaxDeviceMessage = 2 * SandboxRelay::kMaxFrameBytes;
+constexpr quint64 kMaxViewerMessage = 1024 * 1024;
+// Viewer messages wait no longer than this behind a device that does not read.
+constexpr qint64 kMaxDeviceBacklog = 4 * 1024 * 1024;
+// However often viewers fall behind, the device is not asked for key frames more often.
+constexpr auto kKeyFrameRequestInterval = 1s;
+// A capture-time rate beyond this is a clock's fault, not a stream's.
+constexpr std::int64_t kMaxFrameRate = 120;
 // Our pings' answers; they end here instead of reaching viewers.
 const QByteArray kPong = QByteArrayLiteral(R"({"type":"pong"})");
 const QByteArray kPing = QByteArrayLiteral(R"({"type":"ping"})");
 const QByteArray kDeviceOffline = QByteArrayLiteral(R"({"type":"device_offline"})");
+const QByteArray kNeedStream = QByteArrayLiteral(R"({"type":"need_stream"})");
+const QByteArray kRequestIdr = QByteArrayLiteral(R"({"type":"request_idr"})");
+const QByteArray kStopStreaming =
+    QByteArrayLiteral(R"({"type":"stream_control","streaming":false})");
 
 QWebSocketProtocol::CloseCode closeCode(int code) {
     return static_cast<QWebSocketProtocol::CloseCode>(code);
@@ -47,10 +68,18 @@ SandboxRelay::SandboxRelay(TokenCheck isIssuedToken, std::chrono::milliseconds p
         });
         pingTimer_.start(pingInterval);
     }
+    keyFrameTimer_.setSingleShot(true);
+    QObject::connect(&keyFrameTimer_, &QTimer::timeout, &context_, [this] {
+        if (std::any_of(viewers_.begin(), viewers_.end(),
+                        [](const Viewer& viewer) { return viewer.needsKeyFrame; })) {
+            requestKeyFrame();
+        }
+    });
 }
 
 SandboxRelay::~SandboxRelay() {
     pingTimer_.stop();
+    keyFrameTimer_.stop();
     // Handlers must not run into a half-destroyed relay.
     for (QWebSocket* socket : context_.findChildren<QWebSocket*>()) {
         QObject::disconnect(socket, nullptr, nullptr, nullptr);
@@ -62,10 +91,14 @@ SandboxRelay::~SandboxRelay() {
 void SandboxRelay::accept(std::unique_ptr<QWebSocket> owned) {
     QWebSocket* socket = owned.release();
     socket->setParent(&context_);
-    QObject::connect(socket, &QWebSocket::disconnected, &context_, [this, socket] {
-        forget(socket);
-        socket->deleteLater();
-    });
+    // Queued: a write can end a link, and the loops over viewers must not lose their footing.
+    QObject::connect(
+        socket, &QWebSocket::disconnected, &context_,
+        [this, socket] {
+            forget(socket);
+            socket->deleteLater();
+        },
+        Qt::QueuedConnection);
     const QString path = socket->requestUrl().path();
     if (path.endsWith(QLatin1String("/device"))) {
         acceptDevice(socket);
@@ -88,10 +121,17 @@ void SandboxRelay::acceptDevice(QWebSocket* socket) {
         QWebSocket* previous = std::exchange(device_, nullptr);
         previous->close(QWebSocketProtocol::CloseCodeNormal, QStringLiteral("replaced"));
     }
+    socket->setMaxAllowedIncomingMessageSize(kMaxDeviceMessage);
     device_ = socket;
     deviceToken_ = token.toStdString();
     viewerPings_ = 0;
     ++deviceConnections_;
+    // A new connection is a new stream: its first frames mean nothing to a viewer's decoder.
+    budget_ = FrameBudget{};
+    rateWindowFrames_ = 0;
+    for (Viewer& viewer : viewers_) {
+        viewer.needsKeyFrame = true;
+    }
     QObject::connect(socket, &QWebSocket::textMessageReceived, &context_,
                      [this, socket](const QString& text) {
                          if (socket == device_) {
@@ -104,55 +144,159 @@ void SandboxRelay::acceptDevice(QWebSocket* socket) {
                              fromDevice(bytes, true);
                          }
                      });
+    if (!viewers_.empty()) {
+        send(socket, kNeedStream, false);
+    }
 }
 
 void SandboxRelay::acceptViewer(QWebSocket* socket) {
-    viewers_.push_back(socket);
+    if (viewers_.size() >= kMaxViewers) {
+        socket->close(closeCode(kTooManyViewers), QStringLiteral("too many viewers"));
+        return;
+    }
+    socket->setMaxAllowedIncomingMessageSize(kMaxViewerMessage);
+    viewers_.push_back(Viewer{socket});
     QObject::connect(socket, &QWebSocket::textMessageReceived, &context_,
                      [this](const QString& text) { fromViewer(text.toUtf8(), false); });
     QObject::connect(socket, &QWebSocket::binaryMessageReceived, &context_,
                      [this](const QByteArray& bytes) { fromViewer(bytes, true); });
+    if (device_ == nullptr) {
+        return;
+    }
+    if (viewers_.size() == 1) {
+        send(device_, kNeedStream, false);
+    } else {
+        requestKeyFrame();
+    }
 }
 
 void SandboxRelay::fromViewer(const QByteArray& payload, bool binary) {
     if (device_ != nullptr) {
+        device_->flush();
+        if (device_->bytesToWrite() > kMaxDeviceBacklog) {
+            return;
+        }
         if (!binary && isPing(payload)) {
             ++viewerPings_;
         }
         send(device_, payload, binary);
         return;
     }
-    for (QWebSocket* viewer : viewers_) {
-        send(viewer, kDeviceOffline, false);
+    for (const Viewer& viewer : viewers_) {
+        send(viewer.socket, kDeviceOffline, false);
     }
 }
 
 void SandboxRelay::fromDevice(const QByteArray& payload, bool binary) {
-    if (!binary && payload == kPong) {
+    if (binary) {
+        frameFromDevice(payload);
+        return;
+    }
+    if (payload == kPong) {
         ++pongs_;
         if (viewerPings_ == 0) {
             return;
         }
         --viewerPings_;
     }
-    for (QWebSocket* viewer : viewers_) {
-        send(viewer, payload, binary);
+    for (const Viewer& viewer : viewers_) {
+        send(viewer.socket, payload, false);
     }
+}
+
+void SandboxRelay::frameFromDevice(const QByteArray& frame) {
+    const auto header =
+        FrameHeader::read(std::span(reinterpret_cast<const std::uint8_t*>(frame.constData()),
+                                    static_cast<std::size_t>(frame.size())));
+    if (!header || frame.size() == static_cast<qsizetype>(FrameHeader::kSize) ||
+        frame.size() > kMaxFrameBytes) {
+        ++frames_.rejected;
+        return;
+    }
+    ++frames_.received;
+    measureFrameRate(header->captureTimeUs);
+    budget_.sent(frame.size(), header->keyFrame);
+    bool fellBehind = false;
+    for (Viewer& viewer : viewers_) {
+        // What the kernel would not take yet, not what merely waits for the next turn of the loop.
+        viewer.socket->flush();
+        const qint64 unwritten = viewer.socket->bytesToWrite();
+        // An idle link takes any frame, or a frame beyond the budget could never pass.
+        const bool hasRoom = unwritten == 0 || unwritten + frame.size() <= budget_.limit();
+        if (!hasRoom && !viewer.needsKeyFrame) {
+            viewer.needsKeyFrame = true;
+            fellBehind = true;
+        }
+        if (viewer.needsKeyFrame && !(header->keyFrame && hasRoom)) {
+            ++frames_.missed;
+            continue;
+        }
+        viewer.needsKeyFrame = false;
+        viewer.socket->sendBinaryMessage(frame);
+        ++frames_.forwarded;
+    }
+    if (fellBehind) {
+        requestKeyFrame();
+    }
+}
+
+void SandboxRelay::measureFrameRate(std::uint64_t captureTimeUs) {
+    constexpr std::uint64_t kWindowUs = 1'000'000;
+    if (rateWindowFrames_ == 0 || captureTimeUs < rateWindowStartUs_) {
+        rateWindowStartUs_ = captureTimeUs;
+        rateWindowFrames_ = 1;
+        return;
+    }
+    const std::uint64_t elapsedUs = captureTimeUs - rateWindowStartUs_;
+    if (elapsedUs < kWindowUs) {
+        ++rateWindowFrames_;
+        return;
+    }
+    // The frames counted span `elapsedUs`; this one opens the next window.
+    const auto rate = static_cast<std::int64_t>(static_cast<std::uint64_t>(rateWindowFrames_) *
+                                                kWindowUs / elapsedUs);
+    budget_.setFrameRate(std::min(rate, kMaxFrameRate));
+    rateWindowStartUs_ = captureTimeUs;
+    rateWindowFrames_ = 1;
+}
+
+void SandboxRelay::requestKeyFrame() {
+    if (device_ == nullptr || keyFrameTimer_.isActive()) {
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (lastKeyFrameRequest_ && now - *lastKeyFrameRequest_ < kKeyFrameRequestInterval) {
+        keyFrameTimer_.start(std::chrono::ceil<std::chrono::milliseconds>(
+            *lastKeyFrameRequest_ + kKeyFrameRequestInterval - now));
+        return;
+    }
+    lastKeyFrameRequest_ = now;
+    send(device_, kRequestIdr, false);
 }
 
 void SandboxRelay::forget(QWebSocket* socket) {
     if (device_ == socket) {
         device_ = nullptr;
+        return;
     }
-    viewers_.erase(std::remove(viewers_.begin(), viewers_.end(), socket), viewers_.end());
+    const auto viewer = std::find_if(viewers_.begin(), viewers_.end(),
+                                     [socket](const Viewer& v) { return v.socket == socket; });
+    if (viewer == viewers_.end()) {
+        return;
+    }
+    viewers_.erase(viewer);
+    if (viewers_.empty() && device_ != nullptr) {
+        send(device_, kStopStreaming, false);
+    }
 }
 
 void SandboxRelay::dropAll() {
+    device_ = nullptr;
+    viewers_.clear();
+    keyFrameTimer_.stop();
     for (QWebSocket* socket : context_.findChildren<QWebSocket*>()) {
         socket->abort();
     }
-    device_ = nullptr;
-    viewers_.clear();
 }
 
 bool SandboxRelay::closeDevice(int code, const QString& reason) {

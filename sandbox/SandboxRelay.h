@@ -6,6 +6,7 @@
 #include <QTimer>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -13,16 +14,34 @@
 #include <string_view>
 #include <vector>
 
+#include "velmorand/stream/FrameBudget.h"
+
 class QWebSocket;
 
 namespace velmorand::sandbox {
 
-// The relay: one device and any number of viewers, joined by forwarding frames unchanged. The
-// device's pongs end here, except as many as answer viewers' pings, which reach the viewers.
-// Lives on the thread of the service that hands it sockets.
+// The relay: one device and any number of viewers. Text goes both ways unchanged; the device's
+// pongs end here, except as many as answer viewers' pings, which reach the viewers. The device's
+// frames go to every viewer that has room for them, as a relay in front of slow links must: a
+// viewer whose link falls behind, like one that has just joined, gets nothing until a key frame,
+// and the device is asked for one. The stream starts with the first viewer and stops with the
+// last. Lives on the thread of the service that hands it sockets.
 class SandboxRelay {
   public:
     using TokenCheck = std::function<bool(std::string_view token)>;
+
+    // Larger frames are dropped.
+    static constexpr std::int64_t kMaxFrameBytes = 16 * 1024 * 1024;
+
+    struct FrameCounts {
+        // Valid frames from the device.
+        std::uint64_t received = 0;
+        // Device frames dropped for want of a valid header, or for their size.
+        std::uint64_t rejected = 0;
+        // Summed over viewers.
+        std::uint64_t forwarded = 0;
+        std::uint64_t missed = 0;
+    };
 
     // A zero `pingInterval` sends no pings.
     SandboxRelay(TokenCheck isIssuedToken, std::chrono::milliseconds pingInterval);
@@ -43,6 +62,7 @@ class SandboxRelay {
     std::size_t viewerCount() const { return viewers_.size(); }
     std::size_t deviceConnections() const { return deviceConnections_; }
     std::size_t pongs() const { return pongs_; }
+    const FrameCounts& frameCounts() const { return frames_; }
     const std::optional<std::string>& lastDeviceToken() const { return lastDeviceToken_; }
     // The token of the connected device; empty when none is connected.
     std::optional<std::string> deviceToken() const {
@@ -50,24 +70,42 @@ class SandboxRelay {
     }
 
   private:
+    struct Viewer {
+        QWebSocket* socket = nullptr;
+        // Frames before the next key frame are of no use to it.
+        bool needsKeyFrame = true;
+    };
+
     void acceptDevice(QWebSocket* socket);
     void acceptViewer(QWebSocket* socket);
     void fromViewer(const QByteArray& payload, bool binary);
     void fromDevice(const QByteArray& payload, bool binary);
+    void frameFromDevice(const QByteArray& frame);
+    void measureFrameRate(std::uint64_t captureTimeUs);
+    void requestKeyFrame();
     void forget(QWebSocket* socket);
 
     TokenCheck isIssuedToken_;
     // Parent of every socket; the sockets' handlers run in its context.
     QObject context_;
     QTimer pingTimer_;
+    // Holds back a key-frame request that comes too soon after the last one.
+    QTimer keyFrameTimer_;
+    std::optional<std::chrono::steady_clock::time_point> lastKeyFrameRequest_;
     QWebSocket* device_ = nullptr;
-    std::vector<QWebSocket*> viewers_;
+    std::vector<Viewer> viewers_;
     std::size_t deviceConnections_ = 0;
     std::size_t pongs_ = 0;
     std::optional<std::string> lastDeviceToken_;
     std::string deviceToken_;
     // Viewer pings the device has yet to answer.
     std::size_t viewerPings_ = 0;
+    // One for all viewers: they all get the same stream.
+    FrameBudget budget_;
+    // The frame rate, counted over about a second of capture times.
+    std::uint64_t rateWindowStartUs_ = 0;
+    std::int64_t rateWindowFrames_ = 0;
+    FrameCounts frames_;
 };
 
 }  // namespace velmorand::sandbox

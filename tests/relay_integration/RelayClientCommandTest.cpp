@@ -79,6 +79,8 @@ TEST(RelayClientCommandTest, PairedDeviceReportsViewerMessagesAsJsonLinesUntilSi
     EXPECT_EQ(bench.sandbox->lastDeviceToken(), bench.pairing.deviceToken);
 
     Viewer viewer(bench.pairing.relayWsUrl);
+    // The relay asks for a stream when the first viewer joins.
+    EXPECT_EQ(client.nextEvent(), json::parse(R"({"event":"need_stream","prefer":null})"));
     viewer.send(R"({"type": "webrtc_offer","sdp":"v=0"})");
     EXPECT_EQ(client.nextEvent(), json::parse(R"({"event":"webrtc_signal",
                                                   "message":{"type":"webrtc_offer","sdp":"v=0"}})"));
@@ -86,6 +88,8 @@ TEST(RelayClientCommandTest, PairedDeviceReportsViewerMessagesAsJsonLinesUntilSi
     ASSERT_TRUE(bench.sandbox->closeDevice(4401, "unauthorized"));
     EXPECT_EQ(client.nextEvent(), json::parse(R"({"event":"auth_rejected"})"));
     EXPECT_EQ(client.nextEvent(), json::parse(R"({"event":"open"})"));
+    // And again when the device comes back to a viewer.
+    EXPECT_EQ(client.nextEvent(), json::parse(R"({"event":"need_stream","prefer":null})"));
     EXPECT_EQ(client.stopWith(SIGTERM), 0);
     EXPECT_TRUE(client.process.readAllStandardOutput().isEmpty());
 }
@@ -104,6 +108,7 @@ TEST(RelayClientCommandTest, BaseAndTokenFileOverWssWithoutAnyPairingStopOnSigin
     ASSERT_TRUE(pumpUntil([&] { return bench.sandbox->deviceConnected(); }));
     EXPECT_EQ(bench.sandbox->lastDeviceToken(), bench.pairing.deviceToken);
     Viewer viewer(bench.pairing.relayWsUrl);
+    EXPECT_EQ(client.nextEvent(), json::parse(R"({"event":"need_stream","prefer":null})"));
     viewer.send(R"({"type":"encode_settings","fps":29.5,"quality":0.4})");
     EXPECT_EQ(client.nextEvent(), json::parse(R"({"event":"encode_settings","fps":30,
                                                   "quality":0.4,"scale":null,"codec":null})"));

@@ -50,12 +50,19 @@ struct SandboxOptions {
 // ("<ws|wss>://host:port/relay") needs no second port and speaks TLS exactly when the service
 // does, with the same certificate. Devices connect to relayWsUrl + "/device" with an
 // issued token in "x-device-token" (any other is closed with 4401 "unauthorized"); viewers to
-// relayWsUrl + "/viewer", unauthenticated. Viewer frames go to the device, device frames to every
-// viewer, both unchanged; the device's {"type":"pong"} answers end at the relay, except those
-// answering viewers' pings.
+// relayWsUrl + "/viewer", unauthenticated. Viewer messages go to the device unchanged, and device
+// text to every viewer; the device's {"type":"pong"} answers end at the relay, except those
+// answering viewers' pings. The device's binary messages are frames (velmorand/relay/
+// FrameHeader.h): one without a valid header, or over 16 MiB, is dropped; the others go to each
+// viewer that has had a key frame since it joined or last fell behind, and has room under the
+// byte budget (velmorand/stream/FrameBudget.h). The relay tells the device {"type":"need_stream"}
+// when the first viewer joins (or the device connects to waiting viewers), {"type":"request_idr"}
+// when another joins or one falls behind (at most once a second), and
+// {"type":"stream_control","streaming":false} when the last viewer leaves.
 //
 // "/" serves a viewer page (plain HTML and JavaScript) that drives the relay as a dashboard
-// viewer; "/admin/relay" tells it, as JSON, whether and which device is connected.
+// viewer; "/admin/relay" tells it, as JSON, whether and which device is connected, and counts
+// frames ("frames": received, rejected, forwarded, missed).
 class Sandbox {
   public:
     explicit Sandbox(SandboxOptions options);

@@ -1,0 +1,659 @@
+// device → relay → viewer, for pictures: a device streams a known pattern through the sandbox's
+// relay, and the viewer page in headless Chromium must show it in both codecs and obey its own
+// stream controls.
+//
+// node stream-e2e.mjs --sandbox PATH [--device synthetic|extension] [--screenshot PNG]
+//   synthetic: a device written here, pairing as the extension does and drawing the pattern with
+//              Chromium's canvas and WebCodecs encoder.
+//   extension: the real velmorand-broadcast capturing an Xvfb screen that shows the pattern
+//              (needs --cli, --broadcast, --bundle); not written yet.
+import crypto from "node:crypto";
+import { spawn } from "node:child_process";
+import { EventEmitter } from "node:events";
+import fs from "node:fs";
+import http from "node:http";
+import { setTimeout as sleep } from "node:timers/promises";
+import { parseArgs } from "node:util";
+
+const kChromium = "/usr/bin/chromium";
+const kAccessKey = "demo-key-1234";
+// Every wait below has its own limit; this one catches anything they miss.
+const kWholeRunMs = 150_000;
+// Top left, top right, bottom left, bottom right; far apart, so that no codec's error can turn
+// one into another.
+const kPalette = [[220, 40, 40], [40, 180, 70], [40, 80, 220], [235, 200, 40]];
+const kScreen = { width: 640, height: 480 };
+
+const { values: opts } = parseArgs({
+  options: {
+    sandbox: { type: "string" },
+    device: { type: "string", default: "synthetic" },
+    cli: { type: "string" },
+    broadcast: { type: "string" },
+    bundle: { type: "string" },
+    screenshot: { type: "string" },
+  },
+});
+if (!opts.sandbox) {
+  console.error("stream-e2e: --sandbox is required");
+  process.exit(2);
+}
+if (!["synthetic", "extension"].includes(opts.device)) {
+  console.error("stream-e2e: --device is synthetic or extension");
+  process.exit(2);
+}
+
+const children = [];
+let browser = null;
+let passed = 0;
+
+process.on("exit", () => {
+  for (const child of children) {
+    if (child.exitCode === null && child.signalCode === null) {
+      try {
+        child.kill("SIGKILL");
+      } catch {}
+    }
+  }
+});
+for (const signal of ["SIGINT", "SIGTERM"]) {
+  process.on(signal, () => process.exit(1));
+}
+setTimeout(() => {
+  console.error(`stream-e2e: gave up after ${kWholeRunMs / 1000} s`);
+  process.exit(1);
+}, kWholeRunMs).unref();
+
+function ok(what) {
+  ++passed;
+  console.log(`ok - ${what}`);
+}
+
+function check(condition, message) {
+  if (!condition) {
+    throw new Error(message);
+  }
+}
+
+async function waitFor(what, probe, limitMs = 10_000) {
+  const deadline = Date.now() + limitMs;
+  for (;;) {
+    const value = await probe();
+    if (value) {
+      return value;
+    }
+    if (Date.now() > deadline) {
+      throw new Error(`timed out after ${limitMs / 1000} s waiting for ${what}`);
+    }
+    await sleep(100);
+  }
+}
+
+function start(program, args) {
+  const child = spawn(program, args, { stdio: ["ignore", "pipe", "pipe"] });
+  child.output = "";
+  child.stdout.setEncoding("utf8").on("data", (text) => (child.output += text));
+  child.stderr.setEncoding("utf8").on("data", (text) => (child.output += text));
+  children.push(child);
+  return child;
+}
+
+// ---------------------------------------------------------------------------------------------
+// A WebSocket client, as far as a device needs one: Node 20 has none, and a browser cannot send
+// the device's token header.
+
+const kMaxIncoming = 1024 * 1024;
+
+class WebSocketLink extends EventEmitter {
+  constructor(socket, head) {
+    super();
+    this.socket = socket;
+    this.buffer = head;
+    this.fragments = [];
+    this.opcode = 0;
+    socket.setNoDelay(true);
+    socket.on("data", (chunk) => {
+      this.buffer = Buffer.concat([this.buffer, chunk]);
+      this.parse();
+    });
+    socket.on("close", () => this.emit("close"));
+    socket.on("error", () => {});
+  }
+
+  static open(url, headers) {
+    return new Promise((resolve, reject) => {
+      const key = crypto.randomBytes(16).toString("base64");
+      const request = http.request(url, {
+        headers: {
+          Connection: "Upgrade",
+          Upgrade: "websocket",
+          "Sec-WebSocket-Version": "13",
+          "Sec-WebSocket-Key": key,
+          ...headers,
+        },
+      });
+      request.on("upgrade", (response, socket, head) => {
+        const accept = crypto.createHash("sha1")
+          .update(key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11").digest("base64");
+        if (response.headers["sec-websocket-accept"] !== accept) {
+          socket.destroy();
+          reject(new Error("the relay answered the upgrade with a wrong accept key"));
+          return;
+        }
+        resolve(new WebSocketLink(socket, head));
+      });
+      request.on("response", (response) => reject(new Error(`upgrade refused: ${response.statusCode}`)));
+      request.on("error", reject);
+      request.setTimeout(10_000, () => request.destroy(new Error("upgrade timed out")));
+      request.end();
+    });
+  }
+
+  parse() {
+    while (this.buffer.length >= 2) {
+      const fin = (this.buffer[0] & 0x80) !== 0;
+      const opcode = this.buffer[0] & 0x0f;
+      let length = this.buffer[1] & 0x7f;
+      let offset = 2;
+      if (length === 126) {
+        if (this.buffer.length < 4) return;
+        length = this.buffer.readUInt16BE(2);
+        offset = 4;
+      } else if (length === 127) {
+        if (this.buffer.length < 10) return;
+        length = Number(this.buffer.readBigUInt64BE(2));
+        offset = 10;
+      }
+      if ((this.buffer[1] & 0x80) !== 0 || length > kMaxIncoming) {
+        this.socket.destroy();
+        return;
+      }
+      if (this.buffer.length < offset + length) return;
+      const payload = this.buffer.subarray(offset, offset + length);
+      this.buffer = this.buffer.subarray(offset + length);
+      if (opcode === 8) {
+        this.sendFrame(8, payload.subarray(0, 2));
+        this.socket.end();
+        return;
+      }
+      if (opcode === 9) {
+        this.sendFrame(10, payload);
+        continue;
+      }
+      if (opcode === 1 || opcode === 2) {
+        this.opcode = opcode;
+        this.fragments = [payload];
+      } else if (opcode === 0) {
+        this.fragments.push(payload);
+      } else {
+        continue;
+      }
+      if (fin) {
+        const data = Buffer.concat(this.fragments);
+        this.fragments = [];
+        if (this.opcode === 1) {
+          this.emit("text", data.toString("utf8"));
+        }
+      }
+    }
+  }
+
+  // Client frames are masked.
+  sendFrame(opcode, payload) {
+    const length = payload.length;
+    const header = length < 126 ? Buffer.alloc(2) : length < 65536 ? Buffer.alloc(4) : Buffer.alloc(10);
+    header[0] = 0x80 | opcode;
+    if (length < 126) {
+      header[1] = 0x80 | length;
+    } else if (length < 65536) {
+      header[1] = 0x80 | 126;
+      header.writeUInt16BE(length, 2);
+    } else {
+      header[1] = 0x80 | 127;
+      header.writeBigUInt64BE(BigInt(length), 2);
+    }
+    const mask = crypto.randomBytes(4);
+    const masked = Buffer.allocUnsafe(length);
+    for (let i = 0; i < length; ++i) {
+      masked[i] = payload[i] ^ mask[i & 3];
+    }
+    this.socket.write(Buffer.concat([header, mask, masked]));
+  }
+
+  sendText(text) {
+    this.sendFrame(1, Buffer.from(text, "utf8"));
+  }
+
+  sendBinary(bytes) {
+    this.sendFrame(2, bytes);
+  }
+
+  close() {
+    this.socket.destroy();
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// The frame format on the relay: a 28-byte header, big-endian, then the picture.
+
+function frameHeader({ codec, key, parameterSets, captureUs, sequence, picture, screen }) {
+  const header = Buffer.alloc(28);
+  header.write("VMF1", 0, "latin1");
+  header[4] = codec === "h264" ? 2 : 1;
+  header[5] = (key ? 1 : 0) | (parameterSets ? 2 : 0);
+  header.writeBigUInt64BE(BigInt(captureUs), 8);
+  header.writeUInt32BE(sequence >>> 0, 16);
+  header.writeUInt16BE(picture.width, 20);
+  header.writeUInt16BE(picture.height, 22);
+  header.writeUInt16BE(screen.width, 24);
+  header.writeUInt16BE(screen.height, 26);
+  return header;
+}
+
+// What runs in the synthetic device's own page: the pattern, drawn and encoded on request.
+function encoderPageScript() {
+  const state = { canvas: null, encoder: null, size: "", waiting: [] };
+  const toBase64 = (bytes) => new Promise((resolve, reject) => {
+    const reader = new FileReader();
+    reader.onload = () => resolve(reader.result.slice(reader.result.indexOf(",") + 1));
+    reader.onerror = () => reject(reader.error);
+    reader.readAsDataURL(new Blob([bytes]));
+  });
+  const draw = (width, height, colours) => {
+    if (!state.canvas || state.canvas.width !== width || state.canvas.height !== height) {
+      state.canvas = new OffscreenCanvas(width, height);
+    }
+    const context = state.canvas.getContext("2d");
+    const halfW = width / 2;
+    const halfH = height / 2;
+    colours.forEach(([r, g, b], i) => {
+      context.fillStyle = `rgb(${r}, ${g}, ${b})`;
+      context.fillRect((i % 2) * halfW, Math.floor(i / 2) * halfH, halfW, halfH);
+    });
+  };
+  const h264Encoder = (width, height) => {
+    const size = width + "x" + height;
+    if (state.encoder && state.encoder.state === "configured" && state.size === size) {
+      return state.encoder;
+    }
+    state.encoder?.state !== "closed" && state.encoder?.close();
+    const encoder = new VideoEncoder({
+      output: (chunk) => {
+        const bytes = new Uint8Array(chunk.byteLength);
+        chunk.copyTo(bytes);
+        state.waiting.shift()?.resolve({ bytes, key: chunk.type === "key" });
+      },
+      error: (error) => {
+        for (const waiter of state.waiting.splice(0)) {
+          waiter.reject(error);
+        }
+      },
+    });
+    encoder.configure({
+      codec: "avc1.42001f",
+      width,
+      height,
+      bitrate: 1_000_000,
+      latencyMode: "realtime",
+      avc: { format: "annexb" },
+    });
+    state.encoder = encoder;
+    state.size = size;
+    return encoder;
+  };
+  window.encodeFrame = async ({ codec, width, height, key, quality, colours, timestampUs }) => {
+    draw(width, height, colours);
+    if (codec === "jpeg") {
+      const blob = await state.canvas.convertToBlob({ type: "image/jpeg", quality });
+      return { data: await toBase64(blob), key: true, parameterSets: false };
+    }
+    const encoder = h264Encoder(width, height);
+    const chunk = new Promise((resolve, reject) => {
+      state.waiting.push({ resolve, reject });
+      setTimeout(() => reject(new Error("the H.264 encoder gave no output")), 5000);
+    });
+    const frame = new VideoFrame(state.canvas, { timestamp: timestampUs });
+    encoder.encode(frame, { keyFrame: key });
+    frame.close();
+    const { bytes, key: isKey } = await chunk;
+    // Annex B: a start code, then the first NAL unit's header.
+    const start = bytes[2] === 1 ? 3 : 4;
+    return { data: await toBase64(bytes), key: isKey, parameterSets: (bytes[start] & 0x1f) === 7 };
+  };
+}
+
+// A device that pairs with the sandbox as the extension does, and streams the pattern: JPEG
+// frames, or H.264 with key frames on demand, answering the viewers' stream messages.
+async function startSyntheticDevice({ base, context }) {
+  const handshake = await fetch(`${base}/api/agent-handshake`, {
+    method: "POST",
+    headers: { "content-type": "application/json" },
+    body: JSON.stringify({ accessKey: kAccessKey, webrtc: false }),
+  });
+  check(handshake.ok, `the handshake answered ${handshake.status}`);
+  const { deviceToken, relayWsUrl } = await handshake.json();
+
+  const encoderPage = await context.newPage();
+  // Any loopback page is a secure context, as WebCodecs needs; this one never reaches the sandbox.
+  await encoderPage.route("**/synthetic-device", (route) =>
+    route.fulfill({ contentType: "text/html", body: "<!doctype html><title>synthetic device</title>" }));
+  await encoderPage.goto(`${base}/synthetic-device`);
+  await encoderPage.evaluate(`(${encoderPageScript})()`);
+
+  const link = await WebSocketLink.open(relayWsUrl.replace(/^ws/, "http") + "/device",
+    { "x-device-token": deviceToken });
+  const device = {
+    name: "synthetic device",
+    screen: kScreen,
+    heard: [],
+    sent: [],
+    streaming: false,
+    codec: "jpeg",
+    fps: 10,
+    quality: 0.8,
+    scale: 0.5,
+    keyPending: true,
+    sequence: 0,
+    closed: false,
+    error: null,
+    // The pattern turns a quarter for H.264, so that a picture left over from JPEG cannot pass.
+    colours: (codec) => (codec === "h264" ? [3, 0, 1, 2] : [0, 1, 2, 3]).map((i) => kPalette[i]),
+    skipSequence() {
+      this.skip = true;
+    },
+    close() {
+      this.closed = true;
+      link.close();
+    },
+  };
+  link.on("close", () => (device.closed = true));
+  link.on("text", (text) => {
+    let message;
+    try {
+      message = JSON.parse(text);
+    } catch {
+      return;
+    }
+    if (message === null || typeof message !== "object") {
+      return;
+    }
+    device.heard.push(message);
+    switch (message.type) {
+      case "ping":
+        link.sendText(JSON.stringify({ type: "pong" }));
+        break;
+      case "latency_ping":
+        link.sendText(JSON.stringify({ type: "latency_pong", t: message.t, viewerId: message.viewerId }));
+        break;
+      case "need_stream":
+        if (["jpeg", "h264"].includes(message.prefer)) {
+          device.codec = message.prefer;
+        }
+        device.streaming = true;
+        device.keyPending = true;
+        break;
+      case "stream_control":
+        device.streaming = message.streaming !== false;
+        device.keyPending = true;
+        break;
+      case "request_idr":
+        device.keyPending = true;
+        break;
+      case "encode_settings":
+        if (["jpeg", "h264"].includes(message.codec) && message.codec !== device.codec) {
+          device.codec = message.codec;
+          device.keyPending = true;
+        }
+        if (Number.isFinite(message.fps)) device.fps = Math.min(Math.max(message.fps, 1), 30);
+        if (Number.isFinite(message.quality)) device.quality = Math.min(Math.max(message.quality, 0.1), 1);
+        if (Number.isFinite(message.scale)) device.scale = Math.min(Math.max(message.scale, 0.1), 1);
+        break;
+    }
+  });
+
+  const even = (n) => Math.max(2, Math.round(n / 2) * 2);
+  async function sendFrame() {
+    const codec = device.codec;
+    const picture = { width: even(kScreen.width * device.scale), height: even(kScreen.height * device.scale) };
+    const key = codec === "jpeg" || device.keyPending;
+    device.keyPending = false;
+    const captureUs = Date.now() * 1000;
+    const encoded = await encoderPage.evaluate((args) => window.encodeFrame(args), {
+      codec, ...picture, key, quality: device.quality, colours: device.colours(codec), timestampUs: captureUs,
+    });
+    if (device.skip && !encoded.key) {
+      device.skip = false;
+      ++device.sequence;
+    }
+    const header = frameHeader({
+      codec, key: encoded.key, parameterSets: encoded.parameterSets, captureUs,
+      sequence: device.sequence++, picture, screen: kScreen,
+    });
+    link.sendBinary(Buffer.concat([header, Buffer.from(encoded.data, "base64")]));
+    device.sent.push({ sequence: device.sequence - 1, codec, key: encoded.key, at: Date.now() });
+  }
+  (async () => {
+    while (!device.closed) {
+      const began = Date.now();
+      if (device.streaming) {
+        try {
+          await sendFrame();
+        } catch (error) {
+          device.error ??= error;
+        }
+      }
+      await sleep(Math.max(5, 1000 / device.fps - (Date.now() - began)));
+    }
+  })();
+  return device;
+}
+
+async function startExtensionDevice() {
+  // To come: Xvfb showing kPalette's quadrants full screen, then pair with --cli and start
+  // --broadcast on that display, as viewer-e2e.mjs does; `heard` from extension.log's lines.
+  throw new Error("--device extension is not written yet; run with --device synthetic");
+}
+
+// ---------------------------------------------------------------------------------------------
+
+let chromium;
+try {
+  ({ chromium } = await import("playwright-core"));
+} catch (error) {
+  console.error(
+    `stream-e2e: playwright-core is not installed in tests/e2e/node_modules (${error.code ?? error.message});` +
+      " run scripts/setup");
+  process.exit(1);
+}
+if (!fs.existsSync(kChromium)) {
+  console.error(`stream-e2e: ${kChromium} is missing; run scripts/setup (it installs Debian's chromium)`);
+  process.exit(1);
+}
+
+let sandbox;
+let device;
+let page;
+
+// The canvas's colour at the middle of each quadrant.
+const quadrants = () => page.evaluate(() => {
+  const canvas = document.getElementById("screen");
+  const context = canvas.getContext("2d");
+  return [[0.25, 0.25], [0.75, 0.25], [0.25, 0.75], [0.75, 0.75]].map(([x, y]) =>
+    Array.from(context.getImageData(Math.floor(canvas.width * x), Math.floor(canvas.height * y), 1, 1)
+      .data.slice(0, 3)));
+});
+
+function nearest(colour) {
+  const distance = (a, b) => Math.hypot(a[0] - b[0], a[1] - b[1], a[2] - b[2]);
+  return kPalette.reduce((best, candidate) => (distance(colour, candidate) < distance(colour, best) ? candidate : best));
+}
+
+async function expectPattern(codec) {
+  const expected = device.colours(codec);
+  const matches = (colours) => colours.every((colour, i) => nearest(colour) === expected[i] &&
+    Math.hypot(...colour.map((c, j) => c - expected[i][j])) < 60);
+  let seen = [];
+  await waitFor(`the ${codec} pattern on the canvas (last seen ${JSON.stringify(seen)})`, async () => {
+    seen = await quadrants();
+    return matches(seen);
+  });
+  return seen;
+}
+
+const figure = async (id) => page.locator(`#${id}`).getAttribute("data-value");
+const heardSince = (since, type, fields = {}) => device.heard.slice(since).find((message) =>
+  message.type === type && Object.entries(fields).every(([key, value]) => message[key] === value));
+const waitHeard = (since, type, fields) =>
+  waitFor(`${JSON.stringify({ type, ...fields })} at the device`, () => heardSince(since, type, fields));
+
+async function run() {
+  sandbox = start(opts.sandbox, ["--port", "0", "--relay-ping-ms", "1000"]);
+  const base = await waitFor("the sandbox's URL", () => {
+    const line = sandbox.output.split("\n")[0];
+    return sandbox.output.includes("\n") && /^https?:\/\//.test(line) ? line : null;
+  });
+  ok(`sandbox listens at ${base}`);
+  const relay = async () => (await fetch(`${base}/admin/relay`)).json();
+
+  browser = await chromium.launch({
+    executablePath: kChromium,
+    headless: true,
+    timeout: 30_000,
+    args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+      "--disable-background-networking", "--disable-component-update", "--disable-sync"],
+  });
+  const context = await browser.newContext({ viewport: { width: 1200, height: 1100 } });
+  device = await (opts.device === "synthetic" ? startSyntheticDevice : startExtensionDevice)({ base, context });
+  await waitFor("the device's relay link", async () => (await relay()).deviceConnected);
+  ok(`the ${device.name} is connected to the relay`);
+
+  page = await context.newPage();
+  page.setDefaultTimeout(15_000);
+  const pageErrors = [];
+  page.on("pageerror", (error) => pageErrors.push(String(error)));
+  page.on("console", (message) => {
+    if (message.type() === "error" && !message.location().url.endsWith("/favicon.ico")) {
+      pageErrors.push(message.text());
+    }
+  });
+  const response = await page.goto(`${base}/`);
+  check(response.status() === 200, `GET / answered ${response.status()}`);
+  await waitHeard(0, "need_stream");
+  ok("the viewer joining asks the device to stream");
+
+  await page.locator("#stream-codec[data-value=jpeg]").waitFor();
+  await expectPattern("jpeg");
+  await page.waitForFunction(() => Number(document.getElementById("stream-fps").dataset.value) > 0);
+  const size = await page.locator("#stream-size").textContent();
+  check(size === "320×240 (screen 640×480)", `the picture's size reads "${size}"`);
+  ok("JPEG: the canvas shows the pattern, 320×240 of a 640×480 screen");
+
+  // Whatever CSS makes of the canvas, a point on it is a point on the device's screen.
+  const point = await page.evaluate(() => {
+    const box = document.getElementById("screen").getBoundingClientRect();
+    return window.velmorandViewer.canvasToScreen(box.left + box.width * 0.75, box.top + box.height * 0.25);
+  });
+  check(point?.x === 480 && point?.y === 120, `the canvas maps (75 %, 25 %) to ${JSON.stringify(point)}`);
+  ok("a point on the canvas maps to screen pixels");
+
+  const settings = page.getByRole("group", { name: "Encode settings", exact: true });
+  let since = device.heard.length;
+  await settings.getByLabel("codec", { exact: true }).selectOption("h264");
+  await settings.getByLabel("fps", { exact: true }).fill("15");
+  await settings.getByRole("button").click();
+  await waitHeard(since, "encode_settings", { codec: "h264", fps: 15 });
+  await page.locator("#stream-codec[data-value=h264]").waitFor();
+  await expectPattern("h264");
+  const codec = await page.locator("#stream-codec").textContent();
+  check(/^H\.264 \(avc1\.[0-9a-f]{6}\)$/.test(codec), `the codec reads "${codec}"`);
+  ok(`H.264: the codec switch reaches the device and the canvas shows the pattern (${codec})`);
+
+  // Two seconds of H.264 at 15 frames a second, to judge the figures by.
+  await sleep(2500);
+  const figures = {
+    fps: Number(await figure("stream-fps")),
+    kbps: Number(await figure("stream-bitrate")),
+    latency: Number(await figure("stream-latency")),
+    missed: Number(await figure("stream-missed")),
+  };
+  check(figures.fps >= 5 && figures.fps <= 20 && figures.kbps > 0 && figures.latency >= 0 &&
+    figures.latency < 1000 && figures.missed === 0, `unlikely figures ${JSON.stringify(figures)}`);
+  ok(`the figures make sense: ${JSON.stringify(figures)}`);
+
+  since = device.heard.length;
+  const keyFrames = Number(await figure("stream-keyframes"));
+  await page.getByRole("button", { name: "Request key frame" }).click();
+  await waitHeard(since, "request_idr");
+  await page.waitForFunction((before) =>
+    Number(document.getElementById("stream-keyframes").dataset.value) > before, keyFrames);
+  ok("Request key frame reaches the device, and a key frame follows");
+
+  if (device.skipSequence) {
+    since = device.heard.length;
+    const gapAt = device.sequence;
+    device.skipSequence();
+    await page.waitForFunction(() => document.getElementById("stream-missed").dataset.value === "1");
+    await waitHeard(since, "request_idr");
+    await waitFor("a key frame after the gap", () =>
+      device.sent.some((frame) => frame.key && frame.sequence > gapAt));
+    // A whole second of figures after it: the picture moves again.
+    await sleep(2000);
+    check(Number(await figure("stream-fps")) > 5, "the picture stays still after the gap");
+    ok("a frame lost on the way counts as missed, the page asks for a key frame and goes on");
+  }
+
+  since = device.heard.length;
+  await page.getByRole("button", { name: "Stop streaming" }).click();
+  await waitHeard(since, "stream_control", { streaming: false });
+  await sleep(500);
+  const stoppedAt = (await relay()).frames.received;
+  await sleep(1500);
+  const later = (await relay()).frames.received;
+  check(later === stoppedAt, `frames kept coming after Stop: ${stoppedAt} then ${later}`);
+  await page.waitForFunction(() => document.getElementById("stream-fps").dataset.value === "0");
+  ok("Stop streaming stops the frames");
+
+  since = device.heard.length;
+  await page.getByRole("button", { name: "Start streaming" }).click();
+  await waitHeard(since, "need_stream", { prefer: "h264" });
+  await waitFor("frames again", async () => (await relay()).frames.received > later);
+  await page.waitForFunction(() => Number(document.getElementById("stream-fps").dataset.value) > 0);
+  ok("Start streaming starts them again");
+
+  if (opts.screenshot) {
+    await page.screenshot({ path: opts.screenshot, fullPage: true });
+    ok(`screenshot in ${opts.screenshot}`);
+  }
+  const log = await page.locator("#frames").textContent();
+  const frameLines = (log.match(/← \d+ frames? \(/g) ?? []).length;
+  check(frameLines > 0 && frameLines < 40, `${frameLines} lines about frames in the log`);
+  check(pageErrors.length === 0, `the page reported errors:\n${pageErrors.join("\n")}`);
+  check(device.error === null, `the device failed: ${device.error?.stack ?? device.error}`);
+  ok("the page ran without errors, logging frames once a second");
+
+  since = device.heard.length;
+  await page.close();
+  await waitHeard(since, "stream_control", { streaming: false });
+  ok("the last viewer leaving stops the stream");
+}
+
+try {
+  await run();
+  console.log(`${passed} passed, 0 failed`);
+} catch (error) {
+  console.error(`not ok - ${error.message}`);
+  console.error(`--- sandbox output ---\n${sandbox?.output ?? ""}`);
+  console.error(`--- device heard ---\n${JSON.stringify(device?.heard ?? [])}`);
+  if (device?.error) {
+    console.error(`--- device error ---\n${device.error.stack ?? device.error}`);
+  }
+  if (page && !page.isClosed() && opts.screenshot) {
+    await page.screenshot({ path: opts.screenshot, fullPage: true }).catch(() => {});
+  }
+  console.log(`${passed} passed, 1 failed`);
+  process.exitCode = 1;
+} finally {
+  device?.close?.();
+  await Promise.race([browser?.close().catch(() => {}), sleep(10_000)]);
+}
+process.exit();
