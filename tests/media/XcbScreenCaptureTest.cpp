@@ -1,17 +1,11 @@
 #include "velmorand/x11/XcbScreenCapture.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <xcb/randr.h>
 #include <xcb/xcb.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,7 +13,7 @@
 #include <variant>
 #include <vector>
 
-extern char** environ;
+#include "Xvfb.h"
 
 namespace velmorand {
 namespace {
@@ -42,74 +36,6 @@ constexpr std::uint32_t kBlue = 0x0000FF;
 // the suite quick.
 constexpr auto kQuiet = 200ms;
 constexpr auto kLong = 5s;
-
-// A private X server for one test, on the first display from :90 that nobody holds.
-class Xvfb {
-  public:
-    Xvfb() {
-        for (int number = 90; number < 100 && pid_ <= 0; ++number) {
-            tryStart(number);
-        }
-    }
-    ~Xvfb() { stop(); }
-    Xvfb(const Xvfb&) = delete;
-    Xvfb& operator=(const Xvfb&) = delete;
-
-    void stop() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGTERM);
-            ::waitpid(pid_, nullptr, 0);
-            pid_ = -1;
-        }
-    }
-    bool running() const { return pid_ > 0; }
-    const std::string& display() const { return display_; }
-
-  private:
-    void tryStart(int number) {
-        const auto n = std::to_string(number);
-        const std::string socket = "/tmp/.X11-unix/X" + n;
-        if (std::filesystem::exists(socket) || std::filesystem::exists("/tmp/.X" + n + "-lock")) {
-            return;
-        }
-        const std::string display = ":" + n;
-        const std::string screen =
-            std::to_string(kScreenWidth) + "x" + std::to_string(kScreenHeight) + "x24";
-        std::vector<std::string> args = {"Xvfb", display,     "-screen", "0",
-                                         screen, "-nolisten", "tcp"};
-        std::vector<char*> argv;
-        for (auto& arg : args) {
-            argv.push_back(arg.data());
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t quiet;
-        posix_spawn_file_actions_init(&quiet);
-        posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&quiet, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-        pid_t pid = -1;
-        const int spawned = posix_spawnp(&pid, "Xvfb", &quiet, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&quiet);
-        if (spawned != 0) {
-            return;
-        }
-        for (const auto until = Clock::now() + 5s; Clock::now() < until;) {
-            if (std::filesystem::exists(socket)) {
-                pid_ = pid;
-                display_ = display;
-                return;
-            }
-            if (::waitpid(pid, nullptr, WNOHANG) == pid) {
-                return;  // another server took this number first
-            }
-            std::this_thread::sleep_for(10ms);
-        }
-        ::kill(pid, SIGTERM);
-        ::waitpid(pid, nullptr, 0);
-    }
-
-    pid_t pid_ = -1;
-    std::string display_;
-};
 
 // The test's own client: it shows a window of one colour, repaints it, moves the pointer and
 // resizes the screen.
@@ -194,10 +120,10 @@ std::uint32_t rgbAt(const ScreenImage& image, int x, int y) {
            pixel[0];
 }
 
-class XcbScreenCaptureTest : public testing::Test {
+class XcbScreenCaptureTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(xvfb_.running()) << "Xvfb did not start on any display from :90 to :99";
+        ASSERT_TRUE(xvfb_.running()) << "Xvfb did not start";
         painter_.emplace(xvfb_.display());
         ASSERT_TRUE(painter_->connected());
         painter_->showWindow(kRed);
@@ -219,7 +145,7 @@ class XcbScreenCaptureTest : public testing::Test {
         return capture_->waitForChange(Clock::now() + wait);
     }
 
-    Xvfb xvfb_;
+    testing::Xvfb xvfb_{kScreenWidth, kScreenHeight};
     std::optional<Painter> painter_;
     std::unique_ptr<ScreenCapture> capture_;
 };

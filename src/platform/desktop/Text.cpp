@@ -66,6 +66,25 @@ std::string trimmed(std::string_view text) {
         text.substr(static_cast<std::size_t>(begin), static_cast<std::size_t>(end - begin)));
 }
 
+std::optional<std::u32string> codePoints(std::string_view text, std::size_t limit) {
+    // No code point takes more than 4 bytes: a longer text has too many, or is not UTF-8.
+    if (text.size() > 4 * limit) {
+        return std::nullopt;
+    }
+    const auto* data = reinterpret_cast<const std::uint8_t*>(text.data());
+    const auto length = static_cast<std::int32_t>(text.size());
+    std::u32string points;
+    for (std::int32_t index = 0; index < length;) {
+        UChar32 point = 0;
+        U8_NEXT(data, index, length, point);
+        if (point < 0 || points.size() == limit) {
+            return std::nullopt;
+        }
+        points.push_back(static_cast<char32_t>(point));
+    }
+    return points;
+}
+
 bool isValidUtf8(std::string_view bytes) {
     const auto* data = reinterpret_cast<const std::uint8_t*>(bytes.data());
     // Checked in chunks because ICU's macros index with int32_t; a chunk is shortened so that it

@@ -13,6 +13,10 @@ std::string trimmed(std::string_view text);
 
 bool isValidUtf8(std::string_view bytes);
 
+// The code points of UTF-8 `text`; absent when it is not UTF-8 or has more than `limit` of them.
+// `limit` is at most 2^28.
+std::optional<std::u32string> codePoints(std::string_view text, std::size_t limit);
+
 // The last `count` user-perceived characters (grapheme clusters) of UTF-8 `text`.
 std::string lastGraphemes(std::string_view text, std::size_t count);
 

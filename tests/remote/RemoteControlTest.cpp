@@ -1,0 +1,295 @@
+// Viewers' commands as the desktop receives them, over a recording stand-in for its input, shell
+// and windows; key names, pushed files and base64 on their own.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+
+#include "TempDir.h"
+#include "velmorand/remote/KeyCombination.h"
+#include "velmorand/remote/PushedFile.h"
+#include "velmorand/remote/RemoteControl.h"
+
+namespace velmorand {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+TEST(KeyCombination, NamesIgnoreCaseAndSpaceAndEndInOneKey) {
+    using K = NamedKey;
+    const std::vector<std::pair<std::string, std::optional<KeyCombination>>> rows = {
+        {"enter", KeyCombination{{}, K::enter}},
+        {" Return ", KeyCombination{{}, K::enter}},
+        {"PageDown", KeyCombination{{}, K::pageDown}},
+        {"f12", KeyCombination{{}, K::f12}},
+        {"delete", KeyCombination{{}, K::deleteKey}},
+        {"ctrl+c", KeyCombination{{K::control}, U'c'}},
+        {"CTRL + Shift + T", KeyCombination{{K::control, K::shift}, U't'}},
+        {"alt+f4", KeyCombination{{K::alt}, K::f4}},
+        {"control+super+é", KeyCombination{{K::control, K::super}, U'é'}},
+        {"shift", KeyCombination{{}, K::shift}},
+        {"+", KeyCombination{{}, U'+'}},
+        {"ctrl++", KeyCombination{{K::control}, U'+'}},
+        {"", std::nullopt},
+        {"f13", std::nullopt},
+        {"hyper+q", std::nullopt},
+        {"c+ctrl", std::nullopt},
+        {"ctrl+", std::nullopt},
+        {"+a", std::nullopt},
+        {"ctrl++a", std::nullopt},
+        {"ab", std::nullopt},
+        {"\xff", std::nullopt},
+    };
+    for (const auto& [name, expected] : rows) {
+        EXPECT_EQ(KeyCombination::parse(name), expected) << name;
+    }
+    EXPECT_EQ(deviceButton("Home"), K::super);
+    EXPECT_EQ(deviceButton("volumeUp"), K::volumeUp);
+    EXPECT_EQ(deviceButton("lock"), K::lock);
+    EXPECT_EQ(deviceButton("power"), std::nullopt);
+}
+
+TEST(PushedFile, NamesAreBaseNamesWithoutLeadingDotsAndNothingIsOverwritten) {
+    const std::vector<std::pair<std::string, std::string>> names = {
+        {"photo.png", "photo.png"},
+        {"../../.bashrc", "bashrc"},
+        {"C:\\Users\\x\\evil.exe", "evil.exe"},
+        {"a/b/", "file"},
+        {"...", "file"},
+        {"", "file"},
+        {"line\nbreak\x7f.txt", "line_break_.txt"},
+        {std::string(300, 'n') + ".jpeg", std::string(250, 'n') + ".jpeg"},
+        {"caf\xc3\xa9.txt", "caf\xc3\xa9.txt"},
+        {"bad\xff.txt", "file"},
+    };
+    for (const auto& [given, safe] : names) {
+        EXPECT_EQ(PushedFile::safeName(given), safe) << given;
+    }
+
+    const testing::TempDir dir;
+    const auto downloads = std::filesystem::path(dir.path()) / "Downloads";
+    std::vector<std::string> written;
+    for (const auto* content : {"one", "two", "three"}) {
+        const auto saved = PushedFile::save(downloads, "notes.txt", content);
+        ASSERT_TRUE(std::holds_alternative<std::filesystem::path>(saved));
+        written.push_back(std::get<std::filesystem::path>(saved).filename().string());
+    }
+    EXPECT_EQ(written, (Lines{"notes.txt", "notes (2).txt", "notes (3).txt"}));
+    std::ostringstream first;
+    first << std::ifstream(downloads / "notes.txt").rdbuf();
+    EXPECT_EQ(first.str(), "one");
+}
+
+TEST(PushedFile, Base64IsStrictAndBounded) {
+    const std::vector<std::pair<std::string, std::optional<std::string>>> rows = {
+        {"", ""},
+        {"QUJD", "ABC"},
+        {"QUI=", "AB"},
+        {"QUI", "AB"},
+        {"QQ==", "A"},
+        {"Q Q=\r\n=", "A"},
+        {"/+8=", "\xff\xef"},
+        {"QUJ", std::nullopt},  // leftover bits that are not zero
+        {"Q", std::nullopt},
+        {"QQ=", std::nullopt},
+        {"QQ===", std::nullopt},
+        {"QQ==QQ==", std::nullopt},
+        {"QU-D", std::nullopt},
+        {"QUJDRA", "ABCD"},
+    };
+    for (const auto& [text, bytes] : rows) {
+        EXPECT_EQ(PushedFile::decodeBase64(text), bytes) << text;
+    }
+    EXPECT_EQ(PushedFile::decodeBase64("QUJD", 3), "ABC");
+    EXPECT_EQ(PushedFile::decodeBase64("QUJDRA==", 3), std::nullopt);
+}
+
+// Records every call as a line; a 200x100 screen.
+struct RecordingDesktop : InputInjector, Pasteboard, DesktopShell, WindowCloser {
+    ScreenSize screenSize() override { return {200, 100}; }
+    void movePointer(int x, int y) override {
+        note("move " + std::to_string(x) + "," + std::to_string(y));
+    }
+    void setLeftButton(bool pressed) override { note(pressed ? "press" : "release"); }
+    void setKey(NamedKey key, bool pressed) override {
+        note("key " + std::to_string(static_cast<int>(key)) + (pressed ? " down" : " up"));
+    }
+    bool typeCharacter(char32_t c) override {
+        note("type " + std::to_string(static_cast<std::uint32_t>(c)));
+        return c != U'\U0001F600';
+    }
+    bool setCharacterKey(char32_t c, bool pressed) override {
+        note("char " + std::to_string(static_cast<std::uint32_t>(c)) + (pressed ? " down" : " up"));
+        return true;
+    }
+    void flush() override {}
+    void setString(std::string_view text) override { note("clipboard " + std::string(text)); }
+    std::optional<std::string> openUrl(const std::string& url) override {
+        note("open " + url);
+        return std::nullopt;
+    }
+    std::optional<std::string> launch(const std::string& id) override {
+        note("launch " + id);
+        return id == "broken.desktop" ? std::optional<std::string>("it would not start")
+                                      : std::nullopt;
+    }
+    std::optional<std::vector<std::string>> windowClasses(const std::string& id) override {
+        if (id != "org.example.Editor.desktop") {
+            return std::nullopt;
+        }
+        return std::vector<std::string>{"ExampleEditor"};
+    }
+    std::filesystem::path downloadsDirectory() override { return downloads; }
+    std::size_t closeWindows(const std::vector<std::string>& classes) override {
+        std::string joined;
+        for (const auto& name : classes) {
+            joined += " " + name;
+        }
+        note("close" + joined);
+        return 2;
+    }
+
+    void note(std::string line) {
+        std::lock_guard lock(mutex);
+        calls.push_back(std::move(line));
+    }
+
+    std::mutex mutex;
+    Lines calls;
+    std::filesystem::path downloads;
+};
+
+class RemoteControlTest : public ::testing::Test {
+  protected:
+    RemoteControlTest() { desktop_.downloads = std::filesystem::path(dir_.path()) / "Downloads"; }
+
+    // Runs one command to its end; what the desktop was asked, and the outcome.
+    std::pair<Lines, RemoteControl::Outcome> run(const Control::Command& command) {
+        {
+            std::lock_guard lock(desktop_.mutex);
+            desktop_.calls.clear();
+        }
+        const auto before = outcomes();
+        control_.execute(Control{command});
+        std::unique_lock lock(mutex_);
+        reported_.wait_for(lock, std::chrono::seconds(5),
+                           [&] { return outcomes_.size() > before; });
+        std::lock_guard calls(desktop_.mutex);
+        return {desktop_.calls, outcomes_.back()};
+    }
+    std::size_t outcomes() {
+        std::lock_guard lock(mutex_);
+        return outcomes_.size();
+    }
+
+    testing::TempDir dir_;
+    RecordingDesktop desktop_;
+    std::mutex mutex_;
+    std::condition_variable reported_;
+    std::vector<RemoteControl::Outcome> outcomes_;
+    RemoteControl control_{{desktop_, desktop_, desktop_, desktop_},
+                           [this](const Control&, const RemoteControl::Outcome& outcome) {
+                               std::lock_guard lock(mutex_);
+                               outcomes_.push_back(outcome);
+                               reported_.notify_all();
+                           }};
+};
+
+TEST_F(RemoteControlTest, GesturesLandOnTheScreenInOrder) {
+    using C = Control;
+    const std::vector<std::tuple<C::Command, Lines, std::string>> rows = {
+        {C::Tap{10.4, 20.6}, {"move 10,21", "press", "release"}, ""},
+        {C::Tap{-5, 1e9}, {"move 0,99", "press", "release"}, ""},
+        {C::DoubleTap{199, 0}, {"move 199,0", "press", "release", "press", "release"}, ""},
+        {C::LongPress{5, 5, -20}, {"move 5,5", "press", "release"}, "held 0 ms"},
+        {C::LongPress{5, 5, 30}, {"move 5,5", "press", "release"}, "held 30 ms"},
+        {C::Swipe{{0, 0}, {80, 40}, 32},
+         {"move 0,0", "press", "move 20,10", "move 40,20", "move 60,30", "move 80,40", "move 80,40",
+          "release"},
+         ""},
+        {C::TouchDown{1, 2}, {"move 1,2", "press"}, ""},
+        {C::TouchMove{3, 4}, {"move 3,4"}, ""},
+        {C::TouchUp{5, 6}, {"move 5,6", "release"}, ""},
+        {C::TouchUp{5, 6}, {"move 5,6"}, "nothing was held"},
+    };
+    for (const auto& [command, calls, detail] : rows) {
+        const auto [got, outcome] = run(command);
+        EXPECT_EQ(got, calls) << Control{command}.name();
+        EXPECT_EQ(outcome, (RemoteControl::Outcome{std::nullopt, detail}));
+    }
+}
+
+TEST_F(RemoteControlTest, KeysTextAndDesktopActionsAreCarriedOutOrRefusedWithAReason) {
+    using C = Control;
+    const std::string enter = std::to_string(static_cast<int>(NamedKey::enter));
+    const std::string control = std::to_string(static_cast<int>(NamedKey::control));
+    const std::string super = std::to_string(static_cast<int>(NamedKey::super));
+    const auto refused = [](std::string why) { return RemoteControl::Outcome{std::move(why), {}}; };
+    const RemoteControl::Outcome done;
+    const std::vector<std::tuple<C::Command, Lines, RemoteControl::Outcome>> rows = {
+        {C::Text{"a\xc3\xa9\n\r"},
+         {"type 97", "type 233", "key " + enter + " down", "key " + enter + " up"},
+         done},
+        {C::Text{"\xf0\x9f\x98\x80!"}, {"type 128512", "type 33"}, {std::nullopt, "1 with no key"}},
+        {C::Text{std::string(10'001, 'x')}, {}, refused("more than 10,000 characters")},
+        {C::Key{"ctrl+a"},
+         {"key " + control + " down", "char 97 down", "char 97 up", "key " + control + " up"},
+         done},
+        {C::Key{"Enter"}, {"key " + enter + " down", "key " + enter + " up"}, done},
+        {C::Key{"hyper+q"}, {}, refused("not a key name")},
+        {C::Button{"HOME"}, {"key " + super + " down", "key " + super + " up"}, done},
+        {C::Button{"power"}, {}, refused("not a button name")},
+        {C::OpenURL{"HTTPS://example.org/a"}, {"open HTTPS://example.org/a"}, done},
+        {C::OpenURL{"file:///etc/passwd"}, {}, refused("only http and https URLs are opened")},
+        {C::OpenURL{"javascript:alert(1)"}, {}, refused("only http and https URLs are opened")},
+        {C::LaunchApp{"org.example.Editor"}, {"launch org.example.Editor.desktop"}, done},
+        {C::LaunchApp{"broken.desktop"}, {"launch broken.desktop"}, refused("it would not start")},
+        {C::LaunchApp{"../evil"}, {}, refused("not a desktop entry id")},
+        {C::KillApp{"org.example.Editor.desktop"},
+         {"close ExampleEditor org.example.Editor"},
+         {std::nullopt, "2 windows asked to close"}},
+        {C::KillApp{"org.example.Missing"}, {}, refused("no installed application has this id")},
+        {C::SetClipboard{"copied"}, {"clipboard copied"}, done},
+        {C::SetClipboard{std::string(1024 * 1024 + 1, 'x')}, {}, refused("larger than 1 MiB")},
+        {C::PushMedia{"x.bin", "application/octet-stream", "not base64!"},
+         {},
+         refused("the data is not base64, or is larger than 64 MiB")},
+    };
+    for (const auto& [command, calls, outcome] : rows) {
+        const auto [got, result] = run(command);
+        EXPECT_EQ(got, calls) << Control{command}.name();
+        EXPECT_EQ(result, outcome) << Control{command}.name();
+    }
+
+    const auto [calls, saved] = run(C::PushMedia{"../.hidden.txt", "text/plain", "aGk="});
+    const auto path = desktop_.downloads / "hidden.txt";
+    EXPECT_EQ(saved.detail, "saved as " + path.string() + " (2 bytes)");
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    EXPECT_EQ(content.str(), "hi");
+}
+
+TEST_F(RemoteControlTest, CommandsBeyondWhatMayWaitAreRefusedAtOnceAndGesturesEndWithIt) {
+    // A long press holds the control's thread while the queue fills.
+    control_.execute(Control{Control::LongPress{1, 1, 60'000}});
+    while (true) {
+        std::lock_guard lock(desktop_.mutex);
+        if (desktop_.calls.size() == 2) {
+            break;
+        }
+    }
+    for (std::size_t i = 0; i < RemoteControl::kMaxWaiting; ++i) {
+        control_.execute(Control{Control::TouchMove{1, 1}});
+    }
+    control_.execute(Control{Control::Tap{1, 1}});
+    {
+        std::lock_guard lock(mutex_);
+        ASSERT_EQ(outcomes_.size(), 1u);
+        EXPECT_EQ(outcomes_[0].refusal, "too many commands are waiting");
+    }
+}
+
+}  // namespace
+}  // namespace velmorand
