@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,7 @@ namespace {
 
 // The extension takes this process's place, so that Ctrl-C, the terminal and the exit status are
 // the extension's own, exactly as when the application starts it.
-int runExtension(CliContext& context) {
+int runExtension(CliContext& context, bool viewOnly) {
     const Bundle& bundle = context.bundle();
     const auto program = BroadcastExtension::executable(bundle);
     if (!program) {
@@ -30,6 +31,9 @@ int runExtension(CliContext& context) {
     std::vector<std::string> arguments{program->string(), "--data-dir",
                                        context.dataDirectory().string(), "--bundle-dir",
                                        bundle.installDirectory().string()};
+    if (viewOnly) {
+        arguments.emplace_back("--view-only");
+    }
     std::vector<char*> argv;
     for (auto& argument : arguments) {
         argv.push_back(argument.data());
@@ -47,10 +51,14 @@ int runExtension(CliContext& context) {
 void addBroadcastCommand(CLI::App& app, CliContext& context, Action& action) {
     auto* command = app.add_subcommand(
         "broadcast",
-        "Run the upload extension in the foreground: keep the relay link and stream the screen "
-        "to the viewers that ask for it, until Ctrl-C");
-    command->callback(
-        [&context, &action] { action = [&context] { return runExtension(context); }; });
+        "Run the upload extension in the foreground: keep the relay link, stream the screen to "
+        "the viewers that ask for it and carry out their commands, until Ctrl-C");
+    auto viewOnly = std::make_shared<bool>(false);
+    command->add_flag("--view-only", *viewOnly,
+                      "Stream the screen but carry out none of the viewers' commands");
+    command->callback([&context, &action, viewOnly] {
+        action = [&context, viewOnly] { return runExtension(context, *viewOnly); };
+    });
 }
 
 }  // namespace velmorand::cli

@@ -14,20 +14,35 @@ Broadcast::Broadcast(Services services, std::function<void(int exitStatus)> stop
       log_(services.log),
       mainQueue_(services.mainQueue),
       openStream_(std::move(services.openStream)),
+      openRemoteControl_(std::move(services.openRemoteControl)),
       clock_(services.clock ? std::move(services.clock) : [] { return Clock::now(); }),
       stop_(std::move(stop)) {
     attach();
 }
 
-// The stream's thread is joined before the rest goes.
+// The stream's and the remote control's threads are joined before the rest goes.
 Broadcast::~Broadcast() {
     stream_.reset();
+    remoteControl_.reset();
 }
 
 void Broadcast::begin(const RelayBase& base, const StreamConfig& start) {
     settings_.emplace(start);
     log_.write(EventLines::relay(base.url, base.source == RelayBase::Source::customUrl));
     log_.write(EventLines::encode(start.encode));
+    if (!openRemoteControl_) {
+        log_.write(EventLines::kViewOnly);
+    } else {
+        auto opened = openRemoteControl_(
+            [&log = log_](const Control& control, const RemoteControl::Outcome& outcome) {
+                log.write(EventLines::control(control, outcome));
+            });
+        if (auto* reason = std::get_if<std::string>(&opened)) {
+            log_.write(EventLines::remoteControlUnavailable(*reason));
+        } else {
+            remoteControl_ = std::move(std::get<std::shared_ptr<RemoteControl>>(opened));
+        }
+    }
     client_.connect();
 }
 
@@ -94,7 +109,11 @@ ScreenStream::Events Broadcast::streamEvents() {
 void Broadcast::attach() {
     client_.onOpen = [this] { log_.write("relay: link open"); };
     client_.onControl = [this](const Control& control) {
-        log_.write(EventLines::control(control));
+        if (remoteControl_) {
+            remoteControl_->execute(control);
+        } else {
+            log_.write(EventLines::notCarriedOut(control));
+        }
     };
     client_.onNeedStream = [this](std::optional<std::string> prefer) { needStream(prefer); };
     client_.onEncodeSettings = [this](std::optional<std::int64_t> fps,

@@ -1,5 +1,6 @@
 #include "velmorand/extension/EventLines.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <type_traits>
@@ -27,6 +28,13 @@ std::string orNone(const std::optional<T>& value, Format format) {
     return value ? format(*value) : std::string("(none)");
 }
 
+// UTF-8 characters, counted by their lead bytes.
+std::size_t characterCount(std::string_view text) {
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U;
+    }));
+}
+
 std::string point(double x, double y) {
     return "x=" + EventLines::number(x) + " y=" + EventLines::number(y);
 }
@@ -47,7 +55,8 @@ std::string payload(const Control::Command& command) {
                        std::to_string(c.dataB64.size()) + " bytes";
             } else if constexpr (std::is_same_v<C, Control::Text> ||
                                  std::is_same_v<C, Control::SetClipboard>) {
-                return EventLines::quoted(c.text);
+                const auto count = characterCount(c.text);
+                return std::to_string(count) + (count == 1 ? " character" : " characters");
             } else if constexpr (std::is_same_v<C, Control::Key>) {
                 return EventLines::quoted(c.key);
             } else if constexpr (std::is_same_v<C, Control::Button>) {
@@ -93,8 +102,20 @@ std::string EventLines::alreadyRunning(std::optional<long> pid) {
                : std::string("a broadcast is already running");
 }
 
-std::string EventLines::control(const Control& control) {
-    return "control: " + std::string(control.name()) + " " + payload(control.command);
+std::string EventLines::control(const Control& control, const RemoteControl::Outcome& outcome) {
+    std::string line = "control: " + std::string(control.name()) + " " + payload(control.command);
+    if (outcome.refusal) {
+        return line + " — refused: " + *outcome.refusal;
+    }
+    return outcome.detail.empty() ? line : line + " — " + outcome.detail;
+}
+
+std::string EventLines::notCarriedOut(const Control& command) {
+    return control(command, {}) + " — not carried out (view-only)";
+}
+
+std::string EventLines::remoteControlUnavailable(const std::string& reason) {
+    return "remote control is unavailable: " + reason + " — view-only";
 }
 
 std::string EventLines::needStream(const std::optional<std::string>& prefer) {

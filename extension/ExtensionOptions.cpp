@@ -25,12 +25,15 @@ std::variant<ExtensionOptions, ExtensionOptions::Exit> ExtensionOptions::parse(
 
     CLI::App app(
         "The screen-broadcast upload extension: connects this device to the relay, streams the "
-        "screen (X11) to the viewers that ask for it, and logs what they do.",
+        "screen (X11) to the viewers that ask for it, and carries out their remote-control "
+        "commands, logging each.",
         "velmorand-broadcast");
     app.set_version_flag("--version", "velmorand-broadcast " + version);
     app.add_option("--data-dir", dataDir, "Where the settings, keychain and group container live");
     app.add_option("--bundle-dir", bundleDir,
                    "The application bundle (default: the one holding this extension)");
+    app.add_flag("--view-only", options.viewOnly,
+                 "Stream the screen but carry out none of the viewers' commands");
     const CLI::Validator positive(positiveSeconds, "SECONDS", "positive");
     app.add_option("--min-delay", options.reconnect.minDelay, "Shortest reconnect delay")
         ->check(positive)

@@ -1,7 +1,7 @@
 // velmorand-broadcast: the screen-broadcast upload extension. Started by the application for one
 // broadcast; reads the shared configuration once, keeps the device's relay link until stopped,
-// streams the screen while viewers ask for it, and writes what happens to extension.log in the
-// group container.
+// streams the screen while viewers ask for it, carries out their remote-control commands, and
+// writes what happens to extension.log in the group container.
 #include <unistd.h>
 
 #include <QCoreApplication>
@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "DesktopStream.h"
+#include "DesktopBroadcast.h"
 #include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/desktop/DesktopEnvironment.h"
@@ -91,6 +91,8 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options) {
                          .log = log,
                          .mainQueue = mainQueue,
                          .openStream = desktopStreamOpener(frames),
+                         .openRemoteControl = options.viewOnly ? Broadcast::RemoteControlOpener()
+                                                               : desktopRemoteControlOpener(),
                          .clock = {}},
                         [](int status) { QCoreApplication::exit(status); });
     bool stopped = false;

@@ -82,6 +82,7 @@ class BroadcastTest : public ::testing::Test {
                               [this](const StreamConfig& config, ScreenStream::Events events) {
                                   return openStream(config, std::move(events));
                               },
+                          .openRemoteControl = {},
                           .clock = [this] { return now_; }},
                          [this](int status) { stops_.push_back(status); }};
     std::shared_ptr<testing::FakeWebSocketTask> task_;
@@ -89,9 +90,10 @@ class BroadcastTest : public ::testing::Test {
 };
 
 TEST_F(BroadcastTest, BeginLogsTheRelayAndEncodeThenConnectsWithTheToken) {
-    EXPECT_EQ(deliver(),
-              (Lines{"relay: ws://relay.test/r/device (custom URL)",
-                     "encode: h264, 30 fps, quality 25%, scale 50%", "relay: link open"}));
+    EXPECT_EQ(deliver(), (Lines{"relay: ws://relay.test/r/device (custom URL)",
+                                "encode: h264, 30 fps, quality 25%, scale 50%",
+                                "view-only: viewers' commands are logged, not carried out",
+                                "relay: link open"}));
     EXPECT_EQ(task_->request.url, "ws://relay.test/r/device");
     EXPECT_EQ(task_->request.headers,
               (std::vector<std::pair<std::string, std::string>>{{"x-device-token", kToken}}));
@@ -100,14 +102,16 @@ TEST_F(BroadcastTest, BeginLogsTheRelayAndEncodeThenConnectsWithTheToken) {
 TEST_F(BroadcastTest, EachViewerEventIsLoggedAndStreamRequestsApplyToTheLiveSettings) {
     deliver();
     const std::pair<std::string, Lines> cases[] = {
-        {R"({"type":"tap","x":10,"y":20.5})", {"control: tap x=10 y=20.5"}},
+        {R"({"type":"tap","x":10,"y":20.5})",
+         {"control: tap x=10 y=20.5 — not carried out (view-only)"}},
         {R"({"type":"swipe","from":{"x":1,"y":2},"to":{"x":3,"y":4},"ms":300})",
-         {"control: swipe from x=1 y=2 to x=3 y=4 ms=300"}},
-        {R"({"type":"text","value":"hi \"there\"\n"})", {R"(control: text "hi \"there\"\n")"}},
+         {"control: swipe from x=1 y=2 to x=3 y=4 ms=300 — not carried out (view-only)"}},
+        {R"({"type":"text","value":"hi \"there\"\n"})",
+         {"control: text 11 characters — not carried out (view-only)"}},
         {R"({"type":"open_url","url":"https://example.org"})",
-         {R"(control: openURL "https://example.org")"}},
+         {R"(control: openURL "https://example.org" — not carried out (view-only))"}},
         {R"({"type":"push_media","fileName":"a.png","mime":"image/png","dataB64":"QUJD"})",
-         {R"(control: pushMedia fileName="a.png" mime="image/png" base64 4 bytes)"}},
+         {R"(control: pushMedia fileName="a.png" mime="image/png" base64 4 bytes — not carried out (view-only))"}},
         {R"({"type":"encode_settings","fps":29.5,"quality":0.4})",
          {"encode_settings: fps=30 quality=0.4 scale=(none) codec=(none)",
           "stream: h264, 30 fps, quality 40%, scale 50%"}},

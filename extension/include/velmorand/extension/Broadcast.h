@@ -9,6 +9,7 @@
 #include <variant>
 
 #include "velmorand/extension/RelayBase.h"
+#include "velmorand/remote/RemoteControl.h"
 #include "velmorand/stream/LiveSettings.h"
 #include "velmorand/stream/ScreenStream.h"
 
@@ -31,6 +32,10 @@ class Broadcast {
     // Opens the screen stream at the first request, or says why this device cannot stream.
     using StreamOpener = std::function<std::variant<std::unique_ptr<ScreenStream>, std::string>(
         const StreamConfig& config, ScreenStream::Events events)>;
+    // Opens the desktop's remote control, or says why there is none.
+    using RemoteControlOpener =
+        std::function<std::variant<std::shared_ptr<RemoteControl>, std::string>(
+            RemoteControl::Report report)>;
     using Clock = LiveSettings::Clock;
 
     struct Services {
@@ -38,6 +43,8 @@ class Broadcast {
         Log& log;
         MainQueue& mainQueue;
         StreamOpener openStream;
+        // Empty: view-only, viewers' commands are logged and not carried out.
+        RemoteControlOpener openRemoteControl;
         // Empty: the steady clock.
         std::function<Clock::time_point()> clock;
     };
@@ -49,8 +56,8 @@ class Broadcast {
     Broadcast(const Broadcast&) = delete;
     Broadcast& operator=(const Broadcast&) = delete;
 
-    // Logs where it connects and the encode settings it starts with, then connects. Nothing is
-    // streamed until a viewer asks.
+    // Logs where it connects and the encode settings it starts with, opens the remote control,
+    // then connects. Nothing is streamed until a viewer asks.
     void begin(const RelayBase& base, const StreamConfig& start);
 
   private:
@@ -64,6 +71,8 @@ class Broadcast {
     Log& log_;
     MainQueue& mainQueue_;
     StreamOpener openStream_;
+    RemoteControlOpener openRemoteControl_;
+    std::shared_ptr<RemoteControl> remoteControl_;
     std::function<Clock::time_point()> clock_;
     std::function<void(int)> stop_;
     std::optional<LiveSettings> settings_;

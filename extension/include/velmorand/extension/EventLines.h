@@ -9,6 +9,7 @@
 
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/platform/ScreenCapture.h"
+#include "velmorand/remote/RemoteControl.h"
 #include "velmorand/stream/ScreenStream.h"
 
 namespace velmorand {
@@ -17,8 +18,8 @@ struct Control;
 
 namespace velmorand::extension {
 
-// The log lines of the broadcast's events. None of them carries the device token or the access
-// key; a viewer's typed text is quoted as it came, since it is what the viewer sent.
+// The log lines of the broadcast's events. None of them carries the device token, the access key,
+// or what a viewer typed or put on the clipboard.
 class EventLines {
   public:
     EventLines() = delete;
@@ -33,8 +34,14 @@ class EventLines {
     static std::string relay(const std::string& url, bool customUrl);
     static std::string alreadyRunning(std::optional<long> pid);
 
-    // "control: tap x=10 y=20", "control: text \"hi\"", …
-    static std::string control(const Control& control);
+    // What became of a viewer's command: "control: tap x=10 y=20", "control: text 2 characters",
+    // "control: key \"hyper+q\" — refused: not a key name". Typed and clipboard texts appear by
+    // their length only.
+    static std::string control(const Control& control, const RemoteControl::Outcome& outcome);
+    static std::string notCarriedOut(const Control& command);
+    static std::string remoteControlUnavailable(const std::string& reason);
+    static constexpr std::string_view kViewOnly =
+        "view-only: viewers' commands are logged, not carried out";
     static std::string needStream(const std::optional<std::string>& prefer);
     static std::string encodeSettings(std::optional<std::int64_t> fps,
                                       std::optional<double> quality, std::optional<double> scale,

@@ -15,6 +15,8 @@ struct ExtensionOptions {
     std::optional<std::filesystem::path> dataDir;
     std::optional<std::filesystem::path> bundleDir;
     RelayClient::ReconnectPolicy reconnect;
+    // Stream, but carry out no viewer's command.
+    bool viewOnly = false;
 
     // What to print instead of running: help or version (status 0, standard output) or a usage
     // error (status 2, standard error).
