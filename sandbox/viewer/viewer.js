@@ -1,5 +1,5 @@
-// The sandbox's viewer: one relay link as a dashboard viewer, the device's live picture, probes,
-// and command forms.
+// The sandbox's viewer: one relay link as a dashboard viewer, the device's live picture, which
+// takes the pointer and the keyboard for the device, probes, and command forms.
 "use strict";
 
 (() => {
@@ -23,6 +23,38 @@
   const kMaxDecodeQueue = 3;
   // However often the picture breaks, the device is not asked for key frames more often.
   const kKeyFrameRequestMs = 1000;
+
+  // A click waits this long for a second one: a desktop must see a double click once, not as two
+  // clicks and then a double click.
+  const kDoubleClickMs = 250;
+  // Further apart (CSS pixels), two clicks are two taps.
+  const kDoubleClickSlop = 8;
+  // Held still for longer, a press is a long press.
+  const kLongPressMs = 500;
+  // Moved further (CSS pixels), a press is a drag.
+  const kDragSlop = 4;
+  // A drag's moves go out at most once a display frame.
+  const kMoveIntervalMs = 16;
+  // Typed characters go out in batches: the first of a batch waits no longer than this, and a
+  // batch grows no longer than the next.
+  const kTextBatchMs = 50;
+  const kMaxTextBatch = 1000;
+
+  const kNamedKeys = {
+    Enter: "enter",
+    Backspace: "backspace",
+    Delete: "delete",
+    Tab: "tab",
+    Escape: "escape",
+    ArrowUp: "up",
+    ArrowDown: "down",
+    ArrowLeft: "left",
+    ArrowRight: "right",
+    Home: "home",
+    End: "end",
+    PageUp: "pageup",
+    PageDown: "pagedown",
+  };
 
   const $ = (id) => document.getElementById(id);
   const viewerId = "viewer-" + Array.from(crypto.getRandomValues(new Uint8Array(4)),
@@ -63,6 +95,20 @@
     dropped: 0,
     rejected: 0,
     problem: "",
+  };
+
+  // What the pointer and the keyboard are doing on the picture. Held back: a click that may turn
+  // into a double click, a drag's latest move, typed text; whatever is held back goes out before
+  // anything that comes after it.
+  const control = {
+    press: null,
+    pendingTap: null,
+    pendingMove: null,
+    moveTimer: null,
+    lastMoveAt: -Infinity,
+    moves: 0,
+    text: "",
+    textTimer: null,
   };
 
   function note(text, kind) {
@@ -115,14 +161,19 @@
     socket = ws;
   }
 
-  function send(message) {
+  // A quiet message is left out of the log: a drag's moves would flood it.
+  function send(message, { quiet = false } = {}) {
     const text = JSON.stringify(message);
     if (!socket || socket.readyState !== WebSocket.OPEN) {
-      note("not sent, the relay link is not open: " + text, "note");
+      if (!quiet) {
+        note("not sent, the relay link is not open: " + text, "note");
+      }
       return false;
     }
     socket.send(text);
-    note("→ " + text, "sent");
+    if (!quiet) {
+      note("→ " + text, "sent");
+    }
     return true;
   }
 
@@ -378,11 +429,11 @@
     if (canvas.width !== width || canvas.height !== height) {
       canvas.width = width;
       canvas.height = height;
-      canvas.style.setProperty("--aspect", String(width / height));
+      $("picture").style.setProperty("--aspect", String(width / height));
     }
     canvas.getContext("2d").drawImage(picture, 0, 0, width, height);
-    if (canvas.hidden) {
-      canvas.hidden = false;
+    if ($("picture").hidden) {
+      $("picture").hidden = false;
       $("screen-idle").hidden = true;
     }
     ++stream.shown;
@@ -406,20 +457,302 @@
   // Screen pixels, the space of remote control, under a point in client coordinates; null before
   // the first frame or off the picture. Holds however CSS scales the canvas.
   function canvasToScreen(clientX, clientY) {
+    const box = $("screen").getBoundingClientRect();
+    const x = (clientX - box.left) / box.width;
+    const y = (clientY - box.top) / box.height;
+    return x >= 0 && x <= 1 && y >= 0 && y <= 1 ? screenPoint(clientX, clientY) : null;
+  }
+
+  // As canvasToScreen, but a point off the picture is taken to its nearest edge: a drag may leave
+  // the picture and must still end on the screen.
+  function screenPoint(clientX, clientY) {
     const header = stream.header;
     const box = $("screen").getBoundingClientRect();
     if (!header || box.width === 0 || box.height === 0) {
       return null;
     }
-    const x = (clientX - box.left) / box.width;
-    const y = (clientY - box.top) / box.height;
-    if (!(x >= 0 && x <= 1 && y >= 0 && y <= 1)) {
-      return null;
-    }
+    const fraction = (value) => Math.min(Math.max(value, 0), 1);
+    const x = fraction((clientX - box.left) / box.width);
+    const y = fraction((clientY - box.top) / box.height);
     return {
       x: Math.min(Math.floor(x * header.screenWidth), header.screenWidth - 1),
       y: Math.min(Math.floor(y * header.screenHeight), header.screenHeight - 1),
     };
+  }
+
+  // ---- Remote control on the picture ---------------------------------------------------------
+
+  function flushTap() {
+    const tap = control.pendingTap;
+    if (tap) {
+      clearTimeout(tap.timer);
+      control.pendingTap = null;
+      send({ type: "tap", x: tap.point.x, y: tap.point.y });
+    }
+  }
+
+  function flushText() {
+    clearTimeout(control.textTimer);
+    control.textTimer = null;
+    if (control.text !== "") {
+      const value = control.text;
+      control.text = "";
+      send({ type: "text", value });
+    }
+  }
+
+  function flushHeldBack() {
+    flushText();
+    flushTap();
+  }
+
+  function pointerDown(event) {
+    if (!event.isPrimary || event.button !== 0 || control.press) {
+      return;
+    }
+    const point = screenPoint(event.clientX, event.clientY);
+    if (!point) {
+      return;
+    }
+    event.preventDefault();
+    $("keyboard").focus({ preventScroll: true });
+    flushText();
+    const tap = control.pendingTap;
+    if (tap && Math.hypot(event.clientX - tap.clientX, event.clientY - tap.clientY) > kDoubleClickSlop) {
+      flushTap();
+    } else if (tap) {
+      // Until this press ends, it may make the held-back click a double click.
+      clearTimeout(tap.timer);
+    }
+    event.currentTarget.setPointerCapture(event.pointerId);
+    control.press = {
+      id: event.pointerId,
+      clientX: event.clientX,
+      clientY: event.clientY,
+      began: event.timeStamp,
+      point,
+      last: point,
+      dragging: false,
+    };
+  }
+
+  function pointerMove(event) {
+    const press = control.press;
+    if (!press || event.pointerId !== press.id) {
+      return;
+    }
+    const point = screenPoint(event.clientX, event.clientY);
+    if (!point) {
+      return;
+    }
+    press.last = point;
+    if (!press.dragging) {
+      if (Math.hypot(event.clientX - press.clientX, event.clientY - press.clientY) <= kDragSlop) {
+        return;
+      }
+      press.dragging = true;
+      flushTap();
+      control.moves = 0;
+      control.lastMoveAt = -Infinity;
+      send({ type: "touch_down", x: press.point.x, y: press.point.y });
+    }
+    control.pendingMove = point;
+    const wait = control.lastMoveAt + kMoveIntervalMs - performance.now();
+    if (wait <= 0) {
+      sendMove();
+    } else if (control.moveTimer === null) {
+      control.moveTimer = setTimeout(sendMove, wait);
+    }
+  }
+
+  function sendMove() {
+    clearTimeout(control.moveTimer);
+    control.moveTimer = null;
+    const point = control.pendingMove;
+    control.pendingMove = null;
+    if (point) {
+      control.lastMoveAt = performance.now();
+      ++control.moves;
+      send({ type: "touch_move", x: point.x, y: point.y }, { quiet: true });
+    }
+  }
+
+  // The release carries the last position itself; a move still held back adds nothing.
+  function endDrag(point) {
+    clearTimeout(control.moveTimer);
+    control.moveTimer = null;
+    control.pendingMove = null;
+    if (control.moves > 0) {
+      note("→ " + control.moves + " × touch_move", "sent");
+    }
+    send({ type: "touch_up", x: point.x, y: point.y });
+  }
+
+  function pointerUp(event) {
+    const press = control.press;
+    if (!press || event.pointerId !== press.id) {
+      return;
+    }
+    control.press = null;
+    const point = screenPoint(event.clientX, event.clientY) ?? press.last;
+    if (press.dragging) {
+      endDrag(point);
+      return;
+    }
+    const heldMs = Math.round(event.timeStamp - press.began);
+    if (heldMs > kLongPressMs) {
+      flushTap();
+      send({ type: "long_press", x: press.point.x, y: press.point.y, ms: heldMs });
+      return;
+    }
+    const first = control.pendingTap;
+    if (first) {
+      control.pendingTap = null;
+      send({ type: "double_tap", x: first.point.x, y: first.point.y });
+      return;
+    }
+    control.pendingTap = {
+      point: press.point,
+      clientX: press.clientX,
+      clientY: press.clientY,
+      timer: setTimeout(flushTap, kDoubleClickMs),
+    };
+  }
+
+  // The browser took the pointer away: a drag ends where it was, so that nothing stays held on
+  // the device, and a press that had not become anything is dropped.
+  function pointerLost(event) {
+    const press = control.press;
+    if (!press || event.pointerId !== press.id) {
+      return;
+    }
+    control.press = null;
+    if (press.dragging) {
+      endDrag(press.last);
+    } else {
+      flushTap();
+    }
+  }
+
+  // "ctrl+shift+tab", "alt+f4", "ctrl+a"; null for a key that types text, or one the device has
+  // no name for.
+  function keyName(event) {
+    const altGraph = event.getModifierState("AltGraph");
+    const ctrl = event.ctrlKey && !altGraph;
+    const alt = event.altKey && !altGraph;
+    let key = kNamedKeys[event.key] ??
+      (/^F([1-9]|1[0-2])$/.test(event.key) ? event.key.toLowerCase() : null);
+    if (key === null) {
+      if (!ctrl && !alt && !event.metaKey) {
+        return null;
+      }
+      if (event.key === " ") {
+        key = "space";
+      } else if (/^Digit[0-9]$/.test(event.code) && event.shiftKey) {
+        // The key's own digit, not the symbol shift makes of it on this page's layout.
+        key = event.code.slice(-1);
+      } else if (Array.from(event.key).length === 1) {
+        key = event.key.toLowerCase();
+      } else {
+        return null;
+      }
+    }
+    const modifiers = [[ctrl, "ctrl"], [alt, "alt"], [event.shiftKey, "shift"], [event.metaKey, "super"]]
+      .filter(([held]) => held).map(([, name]) => name);
+    return [...modifiers, key].join("+");
+  }
+
+  function keyDown(event) {
+    if (event.isComposing || event.keyCode === 229) {
+      return;
+    }
+    if (event.key === "Escape" && event.shiftKey && !event.ctrlKey && !event.altKey && !event.metaKey) {
+      event.preventDefault();
+      $("stream-start").focus();
+      return;
+    }
+    const name = keyName(event);
+    if (name === null) {
+      return;
+    }
+    event.preventDefault();
+    flushHeldBack();
+    send({ type: "key", key: name });
+  }
+
+  function typed(text) {
+    if (text === "") {
+      return;
+    }
+    flushTap();
+    control.text += text;
+    if (control.text.length >= kMaxTextBatch) {
+      flushText();
+    } else if (control.textTimer === null) {
+      control.textTimer = setTimeout(flushText, kTextBatchMs);
+    }
+  }
+
+  // Text arrives here whichever way it was typed; nothing is left in the field. Keys that edit
+  // come as keydown, except from on-screen keyboards, which send only these.
+  function beforeInput(event) {
+    const keys = {
+      insertLineBreak: "enter",
+      insertParagraph: "enter",
+      deleteContentBackward: "backspace",
+      deleteContentForward: "delete",
+    };
+    if (event.inputType === "insertText" && event.data) {
+      event.preventDefault();
+      typed(event.data);
+    } else if (keys[event.inputType]) {
+      event.preventDefault();
+      flushHeldBack();
+      send({ type: "key", key: keys[event.inputType] });
+    } else if (!event.inputType.endsWith("CompositionText") && event.cancelable) {
+      // Pasting or dropping the page's own text, spelling corrections: not for the device.
+      event.preventDefault();
+    }
+  }
+
+  // Text that landed all the same, as with a browser that does not let an insertion be cancelled.
+  function input(event) {
+    const keyboard = event.currentTarget;
+    if (!event.isComposing && !keyboard.classList.contains("composing") && keyboard.value !== "") {
+      typed(keyboard.value);
+      keyboard.value = "";
+    }
+  }
+
+  function compositionEnd(event) {
+    const keyboard = event.currentTarget;
+    keyboard.classList.remove("composing");
+    keyboard.value = "";
+    typed(event.data ?? "");
+  }
+
+  function attachControl() {
+    const canvas = $("screen");
+    canvas.addEventListener("pointerdown", pointerDown);
+    canvas.addEventListener("pointermove", pointerMove);
+    canvas.addEventListener("pointerup", pointerUp);
+    canvas.addEventListener("pointercancel", pointerLost);
+    canvas.addEventListener("lostpointercapture", pointerLost);
+    // The keyboard field keeps the focus a click on the picture gives it.
+    canvas.addEventListener("mousedown", (event) => event.preventDefault());
+    const keyboard = $("keyboard");
+    keyboard.addEventListener("keydown", keyDown);
+    keyboard.addEventListener("beforeinput", beforeInput);
+    keyboard.addEventListener("input", input);
+    keyboard.addEventListener("compositionstart", () => keyboard.classList.add("composing"));
+    keyboard.addEventListener("compositionend", compositionEnd);
+    keyboard.addEventListener("blur", flushText);
+    for (const button of document.querySelectorAll("button[data-button]")) {
+      button.addEventListener("click", () => {
+        flushHeldBack();
+        send({ type: "button", name: button.dataset.button });
+      });
+    }
   }
 
   function setFigure(id, text, value) {
@@ -523,12 +856,13 @@
         send(builders[form.dataset.command](form));
       });
     }
+    attachControl();
     connect();
     pollDevice();
     setInterval(pollDevice, kDevicePollMs);
     setInterval(updateFigures, kFiguresMs);
   });
 
-  // For whoever adds control on the picture, and for tests.
+  // For tests: where a point on the picture lands on the device's screen.
   window.velmorandViewer = Object.freeze({ canvasToScreen });
 })();

@@ -5,24 +5,28 @@
 // node stream-e2e.mjs --sandbox PATH [--device synthetic|extension] [--screenshot PNG]
 //   synthetic: a device written here, pairing as the extension does and drawing the pattern with
 //              Chromium's canvas and WebCodecs encoder.
-//   extension: the real velmorand-broadcast capturing an Xvfb screen that shows the pattern
-//              (needs --cli, --broadcast, --bundle); not written yet.
+//   extension: the real velmorand-broadcast capturing an Xvfb screen on which the event recorder
+//              shows the pattern (needs --cli, --broadcast, --bundle, --recorder).
 import crypto from "node:crypto";
 import { spawn } from "node:child_process";
 import { EventEmitter } from "node:events";
 import fs from "node:fs";
 import http from "node:http";
+import os from "node:os";
+import path from "node:path";
 import { setTimeout as sleep } from "node:timers/promises";
 import { parseArgs } from "node:util";
 
+import { Desktop, kAccessKey, kPalette, stopAll } from "./desktop.mjs";
+
 const kChromium = "/usr/bin/chromium";
-const kAccessKey = "demo-key-1234";
 // Every wait below has its own limit; this one catches anything they miss.
 const kWholeRunMs = 150_000;
-// Top left, top right, bottom left, bottom right; far apart, so that no codec's error can turn
-// one into another.
-const kPalette = [[220, 40, 40], [40, 180, 70], [40, 80, 220], [235, 200, 40]];
 const kScreen = { width: 640, height: 480 };
+// The pattern turns a quarter for H.264, so that a picture left over from JPEG cannot pass for it.
+const patternFor = (codec) => (codec === "h264" ? [3, 0, 1, 2] : [0, 1, 2, 3]).map((i) => kPalette[i]);
+// The extension's screen: its default scale of 0.5 makes a 960×540 picture of it.
+const kDesktopScreen = { width: 1920, height: 1080 };
 
 const { values: opts } = parseArgs({
   options: {
@@ -31,6 +35,7 @@ const { values: opts } = parseArgs({
     cli: { type: "string" },
     broadcast: { type: "string" },
     bundle: { type: "string" },
+    recorder: { type: "string" },
     screenshot: { type: "string" },
   },
 });
@@ -42,18 +47,22 @@ if (!["synthetic", "extension"].includes(opts.device)) {
   console.error("stream-e2e: --device is synthetic or extension");
   process.exit(2);
 }
+for (const name of opts.device === "extension" ? ["cli", "broadcast", "bundle", "recorder"] : []) {
+  if (!opts[name]) {
+    console.error(`stream-e2e: --device extension needs --${name}`);
+    process.exit(2);
+  }
+}
 
 const children = [];
+const tempDirs = [];
 let browser = null;
 let passed = 0;
 
 process.on("exit", () => {
-  for (const child of children) {
-    if (child.exitCode === null && child.signalCode === null) {
-      try {
-        child.kill("SIGKILL");
-      } catch {}
-    }
+  stopAll(children);
+  for (const dir of tempDirs) {
+    fs.rmSync(dir, { recursive: true, force: true });
   }
 });
 for (const signal of ["SIGINT", "SIGTERM"]) {
@@ -356,8 +365,7 @@ async function startSyntheticDevice({ base, context }) {
     sequence: 0,
     closed: false,
     error: null,
-    // The pattern turns a quarter for H.264, so that a picture left over from JPEG cannot pass.
-    colours: (codec) => (codec === "h264" ? [3, 0, 1, 2] : [0, 1, 2, 3]).map((i) => kPalette[i]),
+    colours: patternFor,
     skipSequence() {
       this.skip = true;
     },
@@ -448,10 +456,58 @@ async function startSyntheticDevice({ base, context }) {
   return device;
 }
 
-async function startExtensionDevice() {
-  // To come: Xvfb showing kPalette's quadrants full screen, then pair with --cli and start
-  // --broadcast on that display, as viewer-e2e.mjs does; `heard` from extension.log's lines.
-  throw new Error("--device extension is not written yet; run with --device synthetic");
+// What the extension heard, read back from the lines it logs about the stream messages.
+function heardInLog(lines) {
+  const heard = [];
+  const value = (text) => (text === "(none)" ? undefined : JSON.parse(text));
+  for (const line of lines) {
+    let match;
+    if ((match = /^need_stream(?: \(prefer ("\w*")\))?$/.exec(line))) {
+      heard.push({ type: "need_stream", prefer: match[1] && JSON.parse(match[1]) });
+    } else if ((match = /^encode_settings: fps=(\S+) quality=(\S+) scale=(\S+) codec=(\S+)$/.exec(line))) {
+      heard.push({
+        type: "encode_settings", fps: value(match[1]), quality: value(match[2]), scale: value(match[3]),
+        codec: value(match[4]),
+      });
+    } else if ((match = /^stream_control: (on|off)$/.exec(line))) {
+      heard.push({ type: "stream_control", streaming: match[1] === "on" });
+    } else if (line === "request_idr: key frame requested") {
+      heard.push({ type: "request_idr" });
+    }
+  }
+  return heard;
+}
+
+// The real extension, paired with the CLI, capturing an Xvfb screen where the event recorder
+// shows the pattern; the recorder keeps a marker moving along the top edge, away from where the
+// pattern is looked at, since the extension sends nothing while the screen is still.
+async function startExtensionDevice({ base }) {
+  const work = fs.mkdtempSync(path.join(os.tmpdir(), "velmorand-stream-e2e-"));
+  tempDirs.push(work);
+  const desktop = new Desktop({
+    children,
+    paths: { cli: opts.cli, broadcast: opts.broadcast, bundle: opts.bundle, recorder: opts.recorder },
+    work,
+    screen: kDesktopScreen,
+  });
+  await desktop.startX();
+  await desktop.startRecorder();
+  desktop.tellRecorder("animate on");
+  desktop.pair(base);
+  desktop.startExtension();
+  return {
+    name: "extension",
+    screen: kDesktopScreen,
+    get heard() {
+      return heardInLog(desktop.logLines());
+    },
+    error: null,
+    colours: patternFor,
+    // The recorder turns its pattern once H.264 frames come: the screen changes, so new ones come.
+    showPatternFor: (codec) => codec === "h264" && desktop.tellRecorder("turn"),
+    close() {},
+    report: () => desktop.report(),
+  };
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -544,16 +600,19 @@ async function run() {
   await page.locator("#stream-codec[data-value=jpeg]").waitFor();
   await expectPattern("jpeg");
   await page.waitForFunction(() => Number(document.getElementById("stream-fps").dataset.value) > 0);
+  const { width, height } = device.screen;
+  const expectedSize = `${width / 2}×${height / 2} (screen ${width}×${height})`;
   const size = await page.locator("#stream-size").textContent();
-  check(size === "320×240 (screen 640×480)", `the picture's size reads "${size}"`);
-  ok("JPEG: the canvas shows the pattern, 320×240 of a 640×480 screen");
+  check(size === expectedSize, `the picture's size reads "${size}", not "${expectedSize}"`);
+  ok(`JPEG: the canvas shows the pattern, ${expectedSize}`);
 
   // Whatever CSS makes of the canvas, a point on it is a point on the device's screen.
   const point = await page.evaluate(() => {
     const box = document.getElementById("screen").getBoundingClientRect();
     return window.velmorandViewer.canvasToScreen(box.left + box.width * 0.75, box.top + box.height * 0.25);
   });
-  check(point?.x === 480 && point?.y === 120, `the canvas maps (75 %, 25 %) to ${JSON.stringify(point)}`);
+  check(point?.x === width * 0.75 && point?.y === height * 0.25,
+    `the canvas maps (75 %, 25 %) to ${JSON.stringify(point)}`);
   ok("a point on the canvas maps to screen pixels");
 
   const settings = page.getByRole("group", { name: "Encode settings", exact: true });
@@ -563,6 +622,7 @@ async function run() {
   await settings.getByRole("button").click();
   await waitHeard(since, "encode_settings", { codec: "h264", fps: 15 });
   await page.locator("#stream-codec[data-value=h264]").waitFor();
+  device.showPatternFor?.("h264");
   await expectPattern("h264");
   const codec = await page.locator("#stream-codec").textContent();
   check(/^H\.264 \(avc1\.[0-9a-f]{6}\)$/.test(codec), `the codec reads "${codec}"`);
@@ -644,6 +704,9 @@ try {
   console.error(`not ok - ${error.message}`);
   console.error(`--- sandbox output ---\n${sandbox?.output ?? ""}`);
   console.error(`--- device heard ---\n${JSON.stringify(device?.heard ?? [])}`);
+  if (device?.report) {
+    console.error(device.report());
+  }
   if (device?.error) {
     console.error(`--- device error ---\n${device.error.stack ?? device.error}`);
   }

@@ -1,0 +1,178 @@
+// The desktop end of the end-to-end tests: a private X server, the event recorder's window over
+// its whole screen, and the upload extension paired with the sandbox and broadcasting that
+// screen, as the application starts it.
+import { spawn, spawnSync } from "node:child_process";
+import fs from "node:fs";
+import path from "node:path";
+import { setTimeout as sleep } from "node:timers/promises";
+
+const kGroup = "group.co.velmorand.connect";
+export const kAccessKey = "demo-key-1234";
+// Top left, top right, bottom left, bottom right, as the event recorder paints them and the
+// synthetic device of stream-e2e.mjs draws them; far apart, so that no codec's error can turn one
+// into another.
+export const kPalette = [[220, 40, 40], [40, 180, 70], [40, 80, 220], [235, 200, 40]];
+
+async function waitFor(what, probe, limitMs = 10_000) {
+  const deadline = Date.now() + limitMs;
+  for (;;) {
+    const value = await probe();
+    if (value) {
+      return value;
+    }
+    if (Date.now() > deadline) {
+      throw new Error(`timed out after ${limitMs / 1000} s waiting for ${what}`);
+    }
+    await sleep(50);
+  }
+}
+
+// A process whose output is kept for the report, and which `children` holds for stopping. One
+// that cannot start ends at once, with its reason in its output.
+export function start(children, program, args, options = {}) {
+  const child = spawn(program, args, { stdio: ["ignore", "pipe", "pipe"], ...options });
+  child.output = "";
+  child.stdout?.setEncoding("utf8").on("data", (text) => (child.output += text));
+  child.stderr?.setEncoding("utf8").on("data", (text) => (child.output += text));
+  child.on("error", (error) => (child.output += `${error.message}\n`));
+  child.exited = new Promise((resolve) => child.on("exit", (code, signal) => resolve({ code, signal })));
+  children.push(child);
+  return child;
+}
+
+// Stops the test's processes, whichever way it ends: SIGKILL for each, for its whole group when
+// it leads one, but SIGTERM for the X server, which leaves its lock file and socket behind
+// otherwise.
+export function stopAll(children) {
+  for (const child of children) {
+    if (child.exitCode === null && child.signalCode === null) {
+      try {
+        process.kill(child.ownGroup ? -child.pid : child.pid, child.stopSignal ?? "SIGKILL");
+      } catch {}
+    }
+  }
+}
+
+export class Desktop {
+  // paths: cli, broadcast, bundle, recorder; work: a directory of the test's own.
+  constructor({ children, paths, work, screen }) {
+    this.children = children;
+    this.paths = paths;
+    this.screen = screen;
+    this.dataDir = path.join(work, "data");
+    fs.mkdirSync(this.dataDir, { recursive: true });
+    this.logPath = path.join(this.dataDir, "Group Containers", kGroup, "extension.log");
+    this.display = null;
+    this.events = [];
+    this.recorder = null;
+    this.extension = null;
+  }
+
+  // A display nobody holds: the server picks it and says which.
+  async startX() {
+    const xvfb = start(this.children, "Xvfb",
+      ["-displayfd", "3", "-screen", "0", `${this.screen.width}x${this.screen.height}x24`, "-nolisten", "tcp"],
+      { stdio: ["ignore", "pipe", "pipe", "pipe"] });
+    xvfb.stopSignal = "SIGTERM";
+    let number = "";
+    xvfb.stdio[3]?.setEncoding("utf8").on("data", (text) => (number += text));
+    await waitFor("Xvfb's display number", () => {
+      if (xvfb.exitCode !== null || xvfb.signalCode !== null) {
+        throw new Error(`Xvfb ended: ${xvfb.output}`);
+      }
+      return /^\d+\n/.test(number);
+    });
+    this.xvfb = xvfb;
+    this.display = `:${number.trim()}`;
+    return this.display;
+  }
+
+  // The recorder ends with this process: its standard input closes.
+  async startRecorder() {
+    const recorder = start(this.children, this.paths.recorder, [this.display], { stdio: ["pipe", "pipe", "pipe"] });
+    // Gone before its standard input closes, it must not take this process with it.
+    recorder.stdin.on("error", () => {});
+    let partial = "";
+    recorder.stdout.on("data", (text) => {
+      const lines = (partial + text).split("\n");
+      partial = lines.pop();
+      for (const line of lines) {
+        try {
+          this.events.push(JSON.parse(line));
+        } catch {
+          this.events.push({ event: "error", what: `not JSON: ${line}` });
+        }
+      }
+    });
+    this.recorder = recorder;
+    await waitFor("the recorder's window", () => {
+      const error = this.events.find((event) => event.event === "error");
+      if (error || recorder.exitCode !== null) {
+        throw new Error(`the recorder failed: ${error?.what ?? recorder.output}`);
+      }
+      return this.events.some((event) => event.event === "ready");
+    });
+  }
+
+  tellRecorder(command) {
+    this.recorder.stdin.write(command + "\n");
+  }
+
+  cli(...args) {
+    const result = spawnSync(this.paths.cli, ["--data-dir", this.dataDir, "--bundle-dir", this.paths.bundle, ...args],
+      { encoding: "utf8", timeout: 30_000 });
+    if (result.error || result.status !== 0) {
+      throw new Error(`velmorand ${args.join(" ")} exited ${result.status}: ${result.error ?? ""}` +
+        `${result.stdout}${result.stderr}`);
+    }
+    return result;
+  }
+
+  pair(serviceUrl) {
+    this.cli("--service-url", serviceUrl, "pair", kAccessKey);
+  }
+
+  // As the application does: detached, with its data and bundle directories; on this display.
+  startExtension({ viewOnly = false } = {}) {
+    const args = ["--data-dir", this.dataDir, "--bundle-dir", this.paths.bundle, "--min-delay", "0.2", "--max-delay", "1"];
+    const extension = start(this.children, this.paths.broadcast, viewOnly ? [...args, "--view-only"] : args, {
+      detached: true,
+      env: { ...process.env, DISPLAY: this.display },
+    });
+    extension.ownGroup = true;
+    this.extension = extension;
+    return extension;
+  }
+
+  async stopExtension() {
+    const extension = this.extension;
+    process.kill(-extension.pid, "SIGTERM");
+    const result = await Promise.race([extension.exited, sleep(10_000).then(() => null)]);
+    if (result === null) {
+      throw new Error("the extension still runs 10 s after SIGTERM");
+    }
+    this.extension = null;
+    return result;
+  }
+
+  readLog() {
+    try {
+      return fs.readFileSync(this.logPath, "utf8");
+    } catch {
+      return "";
+    }
+  }
+
+  // extension.log's lines without their time stamps.
+  logLines() {
+    return this.readLog().split("\n").filter(Boolean).map((line) => line.replace(/^\S+ /, ""));
+  }
+
+  // What the test needs to know after a failure.
+  report() {
+    return `--- Xvfb ${this.display} ---\n${this.xvfb?.output ?? ""}\n` +
+      `--- recorder ---\n${this.recorder?.output ?? ""}\n` +
+      `--- extension output ---\n${this.extension?.output ?? ""}\n` +
+      `--- extension.log ---\n${this.readLog()}`;
+  }
+}
