@@ -83,6 +83,23 @@ TEST(RelayOutbound, ReservationsCountAgainstTheBudgetUntilReleased) {
     releases[3]();
 }
 
+// However large, a frame goes on an idle socket, and holds back the next until released.
+TEST(RelayOutbound, AnIdleSocketTakesAFrameLargerThanTheBudget) {
+    auto outbound = Outbound::make();
+    outbound->replace("a");
+    std::vector<Outbound::Release> releases;
+    const auto frame = [&](std::int64_t size) {
+        return outbound->sendWithin(100, size,
+                                    [&](const std::string&, std::uint32_t, auto release) {
+                                        releases.push_back(std::move(release));
+                                    });
+    };
+    EXPECT_EQ(frame(500), Outbound::Outcome::sent);
+    EXPECT_EQ(frame(1), Outbound::Outcome::overBudget);
+    releases[0]();
+    EXPECT_EQ(frame(1), Outbound::Outcome::sent);
+}
+
 TEST(RelayOutboundDeath, ByteCountOverflowStopsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto outbound = Outbound::make();

@@ -147,6 +147,7 @@ void RelayPeer::readFrames() {
             hangUp();
             return;
         }
+        binaryFrames_ += opcode == 0x2 ? 1 : 0;
         if (opcode == 0x1 || opcode == 0x0) {
             fragments_.append(payload);
             if ((byte0 & 0x80) != 0) {

@@ -36,6 +36,8 @@ class RelayPeer {
     const std::vector<std::string>& received() const { return received_; }
     // Answers to the healthy script's probe among them.
     int probesAnswered() const { return probesAnswered_; }
+    // Binary messages (frames of the screen stream) the device sent.
+    int binaryFrames() const { return binaryFrames_; }
 
   private:
     void readFrames();
@@ -45,6 +47,7 @@ class RelayPeer {
     QByteArray fragments_;
     std::vector<std::string> received_;
     int probesAnswered_ = 0;
+    int binaryFrames_ = 0;
 };
 
 // A loopback WebSocket relay, scripted by the test: every new connection's upgrade is answered

@@ -68,6 +68,8 @@ TEST(FrameBudget, HalfASecondOfTheStreamButNeverUnder256KiB) {
         // Key frames neither set the rate nor the delta estimate, once there are other frames.
         {20, {100'000}, {900'000}, 1'000'000, 100'000, 900'000},
         {20, {}, {300'000}, 3'000'000, 0, 300'000},
+        // A key frame larger than the whole budget.
+        {20, {10'000}, {900'000}, 256 * 1024, 10'000, 900'000},
         // One frame in eight moves the average.
         {20, {100'000, 180'000}, {}, 1'100'000, 110'000, 110'000},
     };
@@ -85,6 +87,8 @@ TEST(FrameBudget, HalfASecondOfTheStreamButNeverUnder256KiB) {
         EXPECT_EQ(budget.expected(true), row.expectedKey);
         EXPECT_TRUE(budget.hasRoom(budget.limit() - budget.expected(false), false));
         EXPECT_FALSE(budget.hasRoom(budget.limit() - budget.expected(false) + 1, false));
+        EXPECT_TRUE(budget.hasRoom(0, true));
+        EXPECT_EQ(budget.hasRoom(1, true), 1 + row.expectedKey <= row.limit);
     }
 }
 

@@ -68,14 +68,15 @@ class RelayOutbound : public std::enable_shared_from_this<RelayOutbound<Socket>>
     // Reserves `size` bytes and calls transmit(socket, sequence, release) under the lock, where
     // `sequence` counts the budgeted sends made on this socket before; the bytes stay counted
     // until release runs. Nothing is sent when no socket is set, or when the bytes would take the
-    // reserved total past `budget`.
+    // reserved total past `budget`; but an idle socket takes any size, or a frame larger than the
+    // budget could never go (the budget grows only from frames that went).
     template <typename Transmit>
     Outcome sendWithin(std::int64_t budget, std::int64_t size, Transmit&& transmit) {
         std::lock_guard guard(lock_);
         if (!socket_) {
             return Outcome::noSocket;
         }
-        if (checkedSum(bytes_, size) > budget) {
+        if (bytes_ != 0 && checkedSum(bytes_, size) > budget) {
             return Outcome::overBudget;
         }
         std::forward<Transmit>(transmit)(*socket_, budgetedSends_++, reserve(size));

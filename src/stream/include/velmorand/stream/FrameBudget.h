@@ -19,9 +19,11 @@ class FrameBudget {
     // What the next frame will probably take: the recent average of its kind. Key frames are
     // tracked apart, since they are many times larger.
     std::int64_t expected(bool keyFrame) const;
-    // Whether a frame of the expected size would still fit beside `inFlight` bytes.
+    // Whether a frame of the expected size would still fit beside `inFlight` bytes. An idle link
+    // always has room: a key frame many times the budget must still go, or the stream that waits
+    // for it would never resume.
     bool hasRoom(std::int64_t inFlight, bool keyFrame) const {
-        return inFlight + expected(keyFrame) <= limit();
+        return inFlight == 0 || inFlight + expected(keyFrame) <= limit();
     }
 
   private:
