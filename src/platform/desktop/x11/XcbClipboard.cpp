@@ -47,7 +47,7 @@ bool notBefore(std::uint32_t time, std::uint32_t reference) {
 }  // namespace
 
 std::variant<std::unique_ptr<Pasteboard>, std::string> XcbClipboard::open(const char* displayName) {
-    auto opened = XcbDisplay::open(displayName);
+    auto opened = XcbDisplay::open(displayName, "remote control");
     if (auto* error = std::get_if<std::string>(&opened)) {
         return std::move(*error);
     }

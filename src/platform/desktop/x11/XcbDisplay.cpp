@@ -12,7 +12,8 @@ std::string shown(const std::string& displayName) {
 
 }  // namespace
 
-std::variant<XcbDisplay, std::string> XcbDisplay::open(const char* displayName) {
+std::variant<XcbDisplay, std::string> XcbDisplay::open(const char* displayName,
+                                                       std::string_view service) {
     std::string name;
     if (displayName != nullptr) {
         name = displayName;
@@ -21,10 +22,10 @@ std::variant<XcbDisplay, std::string> XcbDisplay::open(const char* displayName) 
         name = fromEnvironment;
     } else {
         const char* wayland = std::getenv("WAYLAND_DISPLAY");
-        return std::string(wayland != nullptr && *wayland != '\0'
-                               ? "remote control needs an X11 display (DISPLAY is not set; "
-                                 "this is a Wayland session)"
-                               : "remote control needs an X11 display (DISPLAY is not set)");
+        return std::string(service) +
+               (wayland != nullptr && *wayland != '\0'
+                    ? " needs an X11 display (DISPLAY is not set; this is a Wayland session)"
+                    : " needs an X11 display (DISPLAY is not set)");
     }
     int screenNumber = 0;
     XcbDisplay display;
@@ -35,6 +36,7 @@ std::variant<XcbDisplay, std::string> XcbDisplay::open(const char* displayName) 
     auto screens = xcb_setup_roots_iterator(xcb_get_setup(display.connection.get()));
     for (int i = 0; screens.rem > 0; ++i, xcb_screen_next(&screens)) {
         if (i == screenNumber) {
+            display.screen = screens.data;
             display.root = screens.data->root;
             return display;
         }

@@ -24,13 +24,16 @@ struct XcbDisconnect {
     void operator()(xcb_connection_t* connection) const { xcb_disconnect(connection); }
 };
 
-// A connection of remote control's own to an X11 display, and its default screen's root.
+// A connection of one service's own to an X11 display, and that display's default screen.
 struct XcbDisplay {
     std::unique_ptr<xcb_connection_t, XcbDisconnect> connection;
+    const xcb_screen_t* screen = nullptr;  // lives as long as the connection
     xcb_window_t root = XCB_NONE;
 
-    // `displayName` as X11 spells it (":0"); nullptr takes $DISPLAY.
-    static std::variant<XcbDisplay, std::string> open(const char* displayName);
+    // `displayName` as X11 spells it (":0"); nullptr takes $DISPLAY. `service` names what needs
+    // the display ("screen capture") in the errors, which are shown to users as they stand.
+    static std::variant<XcbDisplay, std::string> open(const char* displayName,
+                                                      std::string_view service);
 
     // Interned in one round trip; XCB_ATOM_NONE for any the server would not intern.
     static std::vector<xcb_atom_t> internAtoms(xcb_connection_t* connection,

@@ -102,7 +102,7 @@ std::int16_t coordinate(int value) {
 
 std::variant<std::unique_ptr<InputInjector>, std::string> XcbInputInjector::open(
     const char* displayName) {
-    auto opened = XcbDisplay::open(displayName);
+    auto opened = XcbDisplay::open(displayName, "remote control");
     if (auto* error = std::get_if<std::string>(&opened)) {
         return std::move(*error);
     }

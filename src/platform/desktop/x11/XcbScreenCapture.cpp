@@ -1,5 +1,7 @@
 #include "velmorand/x11/XcbScreenCapture.h"
 
+#include "XcbDisplay.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ipc.h>
@@ -14,7 +16,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <string>
 #include <system_error>
 
@@ -28,18 +29,6 @@ constexpr auto kCursorPoll = std::chrono::milliseconds(50);
 // Bounds the shared segment (1 GiB) whatever size the server claims.
 constexpr int kMaxSide = 16384;
 constexpr int kBytesPerPixel = 4;
-constexpr std::size_t kMaxNameShown = 100;
-
-struct FreeDeleter {
-    void operator()(void* memory) const { std::free(memory); }
-};
-// XCB hands out replies, events and errors allocated with malloc.
-template <typename T>
-using Owned = std::unique_ptr<T, FreeDeleter>;
-
-struct Disconnect {
-    void operator()(xcb_connection_t* connection) const { xcb_disconnect(connection); }
-};
 
 CaptureError lostConnection() {
     return {"the X server closed the connection"};
@@ -56,21 +45,6 @@ std::optional<CaptureError> unusable(ScreenSize size) {
 std::size_t segmentBytes(ScreenSize size) {
     return static_cast<std::size_t>(size.width) * static_cast<std::size_t>(size.height) *
            kBytesPerPixel;
-}
-
-std::string shown(const std::string& displayName) {
-    return displayName.size() > kMaxNameShown ? displayName.substr(0, kMaxNameShown) + "..."
-                                              : displayName;
-}
-
-const xcb_screen_t* screenNumbered(const xcb_setup_t* setup, int number) {
-    auto screens = xcb_setup_roots_iterator(setup);
-    for (int i = 0; screens.rem > 0; ++i, xcb_screen_next(&screens)) {
-        if (i == number) {
-            return screens.data;
-        }
-    }
-    return nullptr;
 }
 
 // Grabs are handed on as B, G, R, X bytes with no conversion, so the screen must store its
@@ -145,31 +119,14 @@ void drawCursor(const xcb_xfixes_get_cursor_image_reply_t* cursor, std::uint8_t*
 
 std::variant<std::unique_ptr<ScreenCapture>, CaptureError> XcbScreenCapture::open(
     const char* displayName) {
-    std::string name;
-    if (displayName != nullptr) {
-        name = displayName;
-    } else if (const char* fromEnvironment = std::getenv("DISPLAY");
-               fromEnvironment != nullptr && *fromEnvironment != '\0') {
-        name = fromEnvironment;
-    } else {
-        const char* wayland = std::getenv("WAYLAND_DISPLAY");
-        return CaptureError{wayland != nullptr && *wayland != '\0'
-                                ? "screen capture needs an X11 display (DISPLAY is not set; "
-                                  "this is a Wayland session)"
-                                : "screen capture needs an X11 display (DISPLAY is not set)"};
+    auto opened = XcbDisplay::open(displayName, "screen capture");
+    if (auto* error = std::get_if<std::string>(&opened)) {
+        return CaptureError{std::move(*error)};
     }
-    int screenNumber = 0;
-    std::unique_ptr<xcb_connection_t, Disconnect> connection(
-        xcb_connect(name.c_str(), &screenNumber));
-    if (xcb_connection_has_error(connection.get()) != 0) {
-        return CaptureError{"cannot open X11 display " + shown(name)};
-    }
+    auto& display = std::get<XcbDisplay>(opened);
+    auto& connection = display.connection;
     const xcb_setup_t* setup = xcb_get_setup(connection.get());
-    const xcb_screen_t* screen = screenNumbered(setup, screenNumber);
-    if (screen == nullptr) {
-        return CaptureError{"X11 display " + shown(name) + " has no screen " +
-                            std::to_string(screenNumber)};
-    }
+    const xcb_screen_t* screen = display.screen;
     if (!storesBgrx(setup, screen)) {
         return CaptureError{
             "the X server's screen is not 24-bit TrueColor stored as 32-bit "
@@ -223,13 +180,13 @@ std::optional<CaptureError> XcbScreenCapture::setUp() {
         xcb_xfixes_query_version(c, XCB_XFIXES_MAJOR_VERSION, XCB_XFIXES_MINOR_VERSION);
     const auto randrVersion =
         xcb_randr_query_version(c, XCB_RANDR_MAJOR_VERSION, XCB_RANDR_MINOR_VERSION);
-    const Owned<xcb_shm_query_version_reply_t> shm(
+    const XcbOwned<xcb_shm_query_version_reply_t> shm(
         xcb_shm_query_version_reply(c, shmVersion, nullptr));
-    const Owned<xcb_damage_query_version_reply_t> damage(
+    const XcbOwned<xcb_damage_query_version_reply_t> damage(
         xcb_damage_query_version_reply(c, damageVersion, nullptr));
-    const Owned<xcb_xfixes_query_version_reply_t> xfixes(
+    const XcbOwned<xcb_xfixes_query_version_reply_t> xfixes(
         xcb_xfixes_query_version_reply(c, xfixesVersion, nullptr));
-    const Owned<xcb_randr_query_version_reply_t> randr(
+    const XcbOwned<xcb_randr_query_version_reply_t> randr(
         xcb_randr_query_version_reply(c, randrVersion, nullptr));
     if (lost()) {
         return lostConnection();
@@ -252,7 +209,7 @@ std::optional<CaptureError> XcbScreenCapture::setUp() {
         xcb_randr_select_input_checked(c, root_, XCB_RANDR_NOTIFY_MASK_SCREEN_CHANGE),
     };
     for (const auto request : requests) {
-        if (Owned<xcb_generic_error_t> error{xcb_request_check(c, request)}) {
+        if (XcbOwned<xcb_generic_error_t> error{xcb_request_check(c, request)}) {
             return CaptureError{"the X server refused to report changes to the screen (X error " +
                                 std::to_string(error->error_code) + ")"};
         }
@@ -353,10 +310,10 @@ std::variant<ScreenImage, CaptureError> XcbScreenCapture::grabOnce(bool& sizeMov
         static_cast<std::uint16_t>(size.height), ~0U, XCB_IMAGE_FORMAT_Z_PIXMAP, segment_, 0);
     const auto cursorRequest = xcb_xfixes_get_cursor_image(c);
     xcb_generic_error_t* imageError = nullptr;
-    const Owned<xcb_shm_get_image_reply_t> image(
+    const XcbOwned<xcb_shm_get_image_reply_t> image(
         xcb_shm_get_image_reply(c, imageRequest, &imageError));
-    const Owned<xcb_generic_error_t> failure(imageError);
-    const Owned<xcb_xfixes_get_cursor_image_reply_t> cursor(
+    const XcbOwned<xcb_generic_error_t> failure(imageError);
+    const XcbOwned<xcb_xfixes_get_cursor_image_reply_t> cursor(
         xcb_xfixes_get_cursor_image_reply(c, cursorRequest, nullptr));
     if (!image) {
         changed_ = true;
@@ -384,7 +341,7 @@ std::variant<ScreenImage, CaptureError> XcbScreenCapture::grabOnce(bool& sizeMov
 void XcbScreenCapture::drainEvents() {
     for (;;) {
         bool resized = false;
-        while (Owned<xcb_generic_event_t> event{xcb_poll_for_event(connection_)}) {
+        while (XcbOwned<xcb_generic_event_t> event{xcb_poll_for_event(connection_)}) {
             const auto type = static_cast<std::uint8_t>(event->response_type & 0x7F);
             if (type == damageEvent_ + XCB_DAMAGE_NOTIFY ||
                 type == xfixesEvent_ + XCB_XFIXES_CURSOR_NOTIFY) {
@@ -404,7 +361,7 @@ void XcbScreenCapture::drainEvents() {
 }
 
 void XcbScreenCapture::checkCursorMoved() {
-    const Owned<xcb_query_pointer_reply_t> pointer(
+    const XcbOwned<xcb_query_pointer_reply_t> pointer(
         xcb_query_pointer_reply(connection_, xcb_query_pointer(connection_, root_), nullptr));
     if (pointer && pointer->same_screen != 0 &&
         Cursor{pointer->root_x, pointer->root_y} != cursor_) {
@@ -413,7 +370,7 @@ void XcbScreenCapture::checkCursorMoved() {
 }
 
 void XcbScreenCapture::readScreenSize() {
-    const Owned<xcb_get_geometry_reply_t> geometry(
+    const XcbOwned<xcb_get_geometry_reply_t> geometry(
         xcb_get_geometry_reply(connection_, xcb_get_geometry(connection_, root_), nullptr));
     if (geometry) {
         size_ = {geometry->width, geometry->height};
@@ -442,7 +399,7 @@ bool XcbScreenCapture::ensureSegment(std::size_t bytes, CaptureError& error) {
         return false;
     }
     const std::uint32_t segment = xcb_generate_id(connection_);
-    const Owned<xcb_generic_error_t> refused(
+    const XcbOwned<xcb_generic_error_t> refused(
         xcb_request_check(connection_, xcb_shm_attach_checked(connection_, segment, id, 0)));
     // Marked for removal once both sides hold it: the system frees it when the last of them lets
     // go, even if this process dies without cleaning up.

@@ -75,7 +75,7 @@ std::vector<Inspection> inspect(xcb_connection_t* c, const std::vector<xcb_windo
 
 std::variant<std::unique_ptr<WindowCloser>, std::string> XcbWindowCloser::open(
     const char* displayName) {
-    auto opened = XcbDisplay::open(displayName);
+    auto opened = XcbDisplay::open(displayName, "remote control");
     if (auto* error = std::get_if<std::string>(&opened)) {
         return std::move(*error);
     }
