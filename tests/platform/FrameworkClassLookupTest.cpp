@@ -20,9 +20,14 @@ TEST(FrameworkClassLookupTest, FindsTheFactoryOnlyInALoadableLibraryThatExportsI
     std::ofstream(frameworks / "libBroken.so") << "not an ELF file";
     std::filesystem::copy_file(VELMORAND_UNRELATED_RUNTIME, frameworks / "libAaaUnrelated.so");
     EXPECT_FALSE(finds());
-    std::filesystem::copy_file(VELMORAND_FAKE_WEBRTC_RUNTIME, frameworks / "libWebRTC.so");
-    EXPECT_TRUE(finds());
-    EXPECT_FALSE(FrameworkClassLookup(frameworks).classExists("RTCPeerConnection"));
+    // Only shared libraries are loaded, versioned ones too.
+    for (const auto& [name, found] :
+         {std::pair{"libWebRTC.txt", false}, {"libWebRTC.so.1", true}, {"libWebRTC.so", true}}) {
+        std::filesystem::copy_file(VELMORAND_FAKE_WEBRTC_RUNTIME, frameworks / name);
+        EXPECT_EQ(finds(), found) << name;
+        EXPECT_FALSE(FrameworkClassLookup(frameworks).classExists("RTCPeerConnection"));
+        std::filesystem::remove(frameworks / name);
+    }
 }
 
 }  // namespace

@@ -67,6 +67,7 @@ TEST(IncomingMessageDecode, RejectsTheWholeFrame) {
           R"({"type":"ping","pad":01e400})",
           // A point needs both coordinates as numbers.
           R"({"type":"swipe","from":{"x":1},"to":{"x":2,"y":3}})",
+          R"({"type":"swipe","from":{"x":1,"y":2},"to":{"x":3}})",
           R"({"type":"swipe","from":{"x":"1","y":2}})", R"({"type":"swipe","to":5})"}) {
         EXPECT_FALSE(M::decode(json).has_value()) << json;
     }

@@ -23,6 +23,8 @@ TEST(KeyCombination, NamesIgnoreCaseAndSpaceAndEndInOneKey) {
         {"enter", KeyCombination{{}, K::enter}},
         {" Return ", KeyCombination{{}, K::enter}},
         {"PageDown", KeyCombination{{}, K::pageDown}},
+        {"End", KeyCombination{{}, K::end}},
+        {"home", KeyCombination{{}, K::home}},
         {"f12", KeyCombination{{}, K::f12}},
         {"delete", KeyCombination{{}, K::deleteKey}},
         {"ctrl+c", KeyCombination{{K::control}, U'c'}},

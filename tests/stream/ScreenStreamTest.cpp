@@ -21,7 +21,7 @@ class ScreenStreamTest : public ::testing::Test {
         stream_ = std::make_unique<ScreenStream>(
             ScreenStream::Services{.capture = screen_.capture(),
                                    .converter = std::make_unique<testing::FakeConverter>(),
-                                   .jpeg = std::make_unique<testing::FakeJpeg>(),
+                                   .jpeg = std::move(jpeg_),
                                    .makeH264 = testing::FakeH264Session::factory(h264_),
                                    .sink = sink_},
             ScreenStream::Events{
@@ -58,6 +58,7 @@ class ScreenStreamTest : public ::testing::Test {
     }
 
     testing::FakeScreen screen_;
+    std::unique_ptr<testing::FakeJpeg> jpeg_ = std::make_unique<testing::FakeJpeg>();
     FakeSink sink_;
     testing::FakeH264Session::Script h264_;
     std::mutex mutex_;
@@ -172,6 +173,26 @@ TEST_F(ScreenStreamTest, AFailingEncoderFallsBackToJpegAndAFailingScreenStops) {
     EXPECT_EQ(events(), (std::vector<std::string>{
                             "h264 32x24 of 64x48", "h264 failed: scripted failure",
                             "jpeg 32x24 of 64x48", "stopped: the X server closed the connection"}));
+}
+
+TEST_F(ScreenStreamTest, AScreenWithoutSizeOrAFailingJpegStopsTheStreamSayingWhy) {
+    const std::pair<ScreenSize, std::optional<std::string>> rows[] = {
+        {{1, 48}, std::nullopt},
+        {{64, 48}, "no memory"},
+    };
+    for (const auto& [size, jpegFailure] : rows) {
+        jpeg_ = std::make_unique<testing::FakeJpeg>();
+        jpeg_->failure = jpegFailure;
+        screen_.resize(size);
+        events_.clear();
+        start("jpeg");
+        EXPECT_EQ(framesAfterAWhile(), 0u);
+        const auto stop = jpegFailure ? "stopped: JPEG compression failed: " + *jpegFailure
+                                      : std::string("stopped: the screen has no size");
+        ASSERT_FALSE(events().empty());
+        EXPECT_EQ(events().back(), stop);
+        stream_.reset();
+    }
 }
 
 TEST_F(ScreenStreamTest, WithoutALinkItWaitsToBeAskedAgain) {

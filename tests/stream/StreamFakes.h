@@ -103,10 +103,14 @@ struct FakeConverter : PictureConverter {
 struct FakeJpeg : JpegCompressor {
     std::variant<std::span<const std::uint8_t>, EncodeError> compress(const I420Picture& picture,
                                                                       int quality) override {
+        if (failure) {
+            return EncodeError{*failure};
+        }
         bytes = {0xFF, 0xD8, picture.y.at(0), static_cast<std::uint8_t>(quality), 0xFF, 0xD9};
         return std::span<const std::uint8_t>(bytes);
     }
     std::vector<std::uint8_t> bytes;
+    std::optional<std::string> failure;
 };
 
 // Annex B units: SPS 67 42, PPS 68 CE, then IDR 65 or P slice 41 and the picture's Y value. The
