@@ -12,6 +12,7 @@ import { setTimeout as sleep } from "node:timers/promises";
 import { parseArgs } from "node:util";
 
 import { Desktop, start, stopAll } from "./desktop.mjs";
+import { check, testRun, waitFor } from "./harness.mjs";
 
 const kChromium = "/usr/bin/chromium";
 // Every wait below has its own limit; this one catches anything they miss.
@@ -41,44 +42,12 @@ for (const name of ["sandbox", "cli", "broadcast", "bundle", "recorder"]) {
 const children = [];
 const work = fs.mkdtempSync(path.join(os.tmpdir(), "velmorand-control-e2e-"));
 let browser = null;
-let passed = 0;
 
-process.on("exit", () => {
+const results = testRun("control-e2e", kWholeRunMs, () => {
   stopAll(children);
   fs.rmSync(work, { recursive: true, force: true });
 });
-for (const signal of ["SIGINT", "SIGTERM"]) {
-  process.on(signal, () => process.exit(1));
-}
-setTimeout(() => {
-  console.error(`control-e2e: gave up after ${kWholeRunMs / 1000} s`);
-  process.exit(1);
-}, kWholeRunMs).unref();
-
-function ok(what) {
-  ++passed;
-  console.log(`ok - ${what}`);
-}
-
-function check(condition, message) {
-  if (!condition) {
-    throw new Error(message);
-  }
-}
-
-async function waitFor(what, probe, limitMs = 10_000) {
-  const deadline = Date.now() + limitMs;
-  for (;;) {
-    const value = await probe();
-    if (value) {
-      return value;
-    }
-    if (Date.now() > deadline) {
-      throw new Error(`timed out after ${limitMs / 1000} s waiting for ${what}`);
-    }
-    await sleep(50);
-  }
-}
+const { ok } = results;
 
 let chromium;
 try {
@@ -348,7 +317,7 @@ async function run() {
 
 try {
   await run();
-  console.log(`${passed} passed, 0 failed`);
+  console.log(`${results.passed} passed, 0 failed`);
 } catch (error) {
   console.error(`not ok - ${error.message}`);
   console.error(`--- sandbox output ---\n${sandbox?.output ?? ""}`);
@@ -356,7 +325,7 @@ try {
   if (page && opts.screenshot) {
     await page.screenshot({ path: opts.screenshot, fullPage: true }).catch(() => {});
   }
-  console.log(`${passed} passed, 1 failed`);
+  console.log(`${results.passed} passed, 1 failed`);
   process.exitCode = 1;
 } finally {
   await Promise.race([browser?.close().catch(() => {}), sleep(10_000)]);

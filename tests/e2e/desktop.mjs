@@ -6,26 +6,14 @@ import fs from "node:fs";
 import path from "node:path";
 import { setTimeout as sleep } from "node:timers/promises";
 
+import { waitFor } from "./harness.mjs";
+
 const kGroup = "group.co.velmorand.connect";
 export const kAccessKey = "demo-key-1234";
 // Top left, top right, bottom left, bottom right, as the event recorder paints them and the
 // synthetic device of stream-e2e.mjs draws them; far apart, so that no codec's error can turn one
 // into another.
 export const kPalette = [[220, 40, 40], [40, 180, 70], [40, 80, 220], [235, 200, 40]];
-
-async function waitFor(what, probe, limitMs = 10_000) {
-  const deadline = Date.now() + limitMs;
-  for (;;) {
-    const value = await probe();
-    if (value) {
-      return value;
-    }
-    if (Date.now() > deadline) {
-      throw new Error(`timed out after ${limitMs / 1000} s waiting for ${what}`);
-    }
-    await sleep(50);
-  }
-}
 
 // A process whose output is kept for the report, and which `children` holds for stopping. One
 // that cannot start ends at once, with its reason in its output.

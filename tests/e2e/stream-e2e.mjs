@@ -18,6 +18,7 @@ import { setTimeout as sleep } from "node:timers/promises";
 import { parseArgs } from "node:util";
 
 import { Desktop, kAccessKey, kPalette, stopAll } from "./desktop.mjs";
+import { check, testRun, waitFor } from "./harness.mjs";
 
 const kChromium = "/usr/bin/chromium";
 // Every wait below has its own limit; this one catches anything they miss.
@@ -57,46 +58,14 @@ for (const name of opts.device === "extension" ? ["cli", "broadcast", "bundle", 
 const children = [];
 const tempDirs = [];
 let browser = null;
-let passed = 0;
 
-process.on("exit", () => {
+const results = testRun("stream-e2e", kWholeRunMs, () => {
   stopAll(children);
   for (const dir of tempDirs) {
     fs.rmSync(dir, { recursive: true, force: true });
   }
 });
-for (const signal of ["SIGINT", "SIGTERM"]) {
-  process.on(signal, () => process.exit(1));
-}
-setTimeout(() => {
-  console.error(`stream-e2e: gave up after ${kWholeRunMs / 1000} s`);
-  process.exit(1);
-}, kWholeRunMs).unref();
-
-function ok(what) {
-  ++passed;
-  console.log(`ok - ${what}`);
-}
-
-function check(condition, message) {
-  if (!condition) {
-    throw new Error(message);
-  }
-}
-
-async function waitFor(what, probe, limitMs = 10_000) {
-  const deadline = Date.now() + limitMs;
-  for (;;) {
-    const value = await probe();
-    if (value) {
-      return value;
-    }
-    if (Date.now() > deadline) {
-      throw new Error(`timed out after ${limitMs / 1000} s waiting for ${what}`);
-    }
-    await sleep(100);
-  }
-}
+const { ok } = results;
 
 function start(program, args) {
   const child = spawn(program, args, { stdio: ["ignore", "pipe", "pipe"] });
@@ -699,7 +668,7 @@ async function run() {
 
 try {
   await run();
-  console.log(`${passed} passed, 0 failed`);
+  console.log(`${results.passed} passed, 0 failed`);
 } catch (error) {
   console.error(`not ok - ${error.message}`);
   console.error(`--- sandbox output ---\n${sandbox?.output ?? ""}`);
@@ -713,7 +682,7 @@ try {
   if (page && !page.isClosed() && opts.screenshot) {
     await page.screenshot({ path: opts.screenshot, fullPage: true }).catch(() => {});
   }
-  console.log(`${passed} passed, 1 failed`);
+  console.log(`${results.passed} passed, 1 failed`);
   process.exitCode = 1;
 } finally {
   device?.close?.();

@@ -8,6 +8,7 @@ import os from "node:os";
 import path from "node:path";
 import { setTimeout as sleep } from "node:timers/promises";
 import { parseArgs } from "node:util";
+import { check, testRun, waitFor } from "./harness.mjs";
 
 const kChromium = "/usr/bin/chromium";
 const kAccessKey = "demo-key-1234";
@@ -35,7 +36,6 @@ for (const name of ["sandbox", "cli", "broadcast", "bundle"]) {
 const children = [];
 const tempDirs = [];
 let context = null;
-let passed = 0;
 
 function stopChildren() {
   for (const child of children) {
@@ -54,42 +54,11 @@ function removeTempDirs() {
   }
 }
 
-process.on("exit", () => {
+const results = testRun("e2e", kWholeRunMs, () => {
   stopChildren();
   removeTempDirs();
 });
-for (const signal of ["SIGINT", "SIGTERM"]) {
-  process.on(signal, () => process.exit(1));
-}
-setTimeout(() => {
-  console.error(`e2e: gave up after ${kWholeRunMs / 1000} s`);
-  process.exit(1);
-}, kWholeRunMs).unref();
-
-function ok(what) {
-  ++passed;
-  console.log(`ok - ${what}`);
-}
-
-function check(condition, message) {
-  if (!condition) {
-    throw new Error(message);
-  }
-}
-
-async function waitFor(what, probe, limitMs = 10_000) {
-  const deadline = Date.now() + limitMs;
-  for (;;) {
-    const value = await probe();
-    if (value) {
-      return value;
-    }
-    if (Date.now() > deadline) {
-      throw new Error(`timed out after ${limitMs / 1000} s waiting for ${what}`);
-    }
-    await sleep(100);
-  }
-}
+const { ok } = results;
 
 function start(program, args, { detached = false } = {}) {
   const child = spawn(program, args, { stdio: ["ignore", "pipe", "pipe"], detached });
@@ -293,7 +262,7 @@ async function run() {
 
 try {
   await run();
-  console.log(`${passed} passed, 0 failed`);
+  console.log(`${results.passed} passed, 0 failed`);
 } catch (error) {
   console.error(`not ok - ${error.message}`);
   console.error(`--- sandbox output ---\n${sandbox?.output ?? ""}`);
@@ -302,7 +271,7 @@ try {
   if (page && opts.screenshot) {
     await page.screenshot({ path: opts.screenshot, fullPage: true }).catch(() => {});
   }
-  console.log(`${passed} passed, 1 failed`);
+  console.log(`${results.passed} passed, 1 failed`);
   process.exitCode = 1;
 } finally {
   await Promise.race([context?.close().catch(() => {}), sleep(10_000)]);

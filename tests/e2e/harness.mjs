@@ -1,0 +1,43 @@
+// What every browser test shares: "ok" lines and their count, checks that throw, polls with a
+// deadline, and an exit that runs the test's cleanup however the run ends (passed, failed,
+// signalled, or given up on after `wholeRunMs`).
+import { setTimeout as sleep } from "node:timers/promises";
+
+export function check(condition, message) {
+  if (!condition) {
+    throw new Error(message);
+  }
+}
+
+export async function waitFor(what, probe, limitMs = 10_000) {
+  const deadline = Date.now() + limitMs;
+  for (;;) {
+    const value = await probe();
+    if (value) {
+      return value;
+    }
+    if (Date.now() > deadline) {
+      throw new Error(`timed out after ${limitMs / 1000} s waiting for ${what}`);
+    }
+    await sleep(50);
+  }
+}
+
+export function testRun(name, wholeRunMs, cleanup) {
+  process.on("exit", cleanup);
+  for (const signal of ["SIGINT", "SIGTERM"]) {
+    process.on(signal, () => process.exit(1));
+  }
+  setTimeout(() => {
+    console.error(`${name}: gave up after ${wholeRunMs / 1000} s`);
+    process.exit(1);
+  }, wholeRunMs).unref();
+  const results = {
+    passed: 0,
+    ok(what) {
+      ++results.passed;
+      console.log(`ok - ${what}`);
+    },
+  };
+  return results;
+}
