@@ -16,9 +16,13 @@ import { setTimeout as sleep } from "node:timers/promises";
 import { fileURLToPath, pathToFileURL } from "node:url";
 import { parseArgs } from "node:util";
 
+import { waitFor } from "../tests/e2e/harness.mjs";
+
 const kRepo = path.resolve(path.dirname(fileURLToPath(import.meta.url)), "..");
 const kChromium = "/usr/bin/chromium";
 const kAccessKey = "demo-key-1234";
+// Each program's start-up, on a machine busy with the stream it measures.
+const kStartMs = 20_000;
 
 const { values: opts } = parseArgs({
   options: {
@@ -77,20 +81,6 @@ function start(program, args, env = {}, stdio = ["ignore", "pipe", "pipe"]) {
   return child;
 }
 
-async function waitFor(what, probe, limitMs = 20_000) {
-  const deadline = Date.now() + limitMs;
-  for (;;) {
-    const value = await probe();
-    if (value) {
-      return value;
-    }
-    if (Date.now() > deadline) {
-      throw new Error(`timed out waiting for ${what}`);
-    }
-    await sleep(100);
-  }
-}
-
 function median(values) {
   const sorted = [...values].sort((a, b) => a - b);
   const middle = Math.floor(sorted.length / 2);
@@ -111,15 +101,15 @@ async function run() {
     {}, ["ignore", "ignore", "ignore", "pipe"]);
   let displayText = "";
   xvfb.stdio[3].setEncoding("utf8").on("data", (text) => (displayText += text));
-  const display = ":" + (await waitFor("Xvfb", () => displayText.includes("\n") && displayText.trim()));
+  const display = ":" + (await waitFor("Xvfb", () => displayText.includes("\n") && displayText.trim(), kStartMs));
   const scene = start(programs.scene, ["--fps", "60"], { DISPLAY: display });
-  await waitFor("the scene", () => scene.output.startsWith("ready"));
+  await waitFor("the scene", () => scene.output.startsWith("ready"), kStartMs);
 
   const sandbox = start(programs.sandbox, ["--port", "0"]);
   const base = await waitFor("the sandbox", () => {
     const line = sandbox.output.split("\n")[0];
     return sandbox.output.includes("\n") && /^https?:\/\//.test(line) ? line : null;
-  });
+  }, kStartMs);
   const dataDir = path.join(work, "data");
   fs.mkdirSync(dataDir);
   const cli = (...args) => {
@@ -134,7 +124,7 @@ async function run() {
   start(programs.broadcast, ["--data-dir", dataDir, "--bundle-dir", programs.bundle],
     { DISPLAY: display });
   await waitFor("the extension's relay link", async () =>
-    (await (await fetch(`${base}/admin/relay`)).json()).deviceConnected);
+    (await (await fetch(`${base}/admin/relay`)).json()).deviceConnected, kStartMs);
 
   const profile = path.join(work, "chromium-profile");
   fs.mkdirSync(profile);
