@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QProcess>
@@ -13,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "QtTestSupport.h"
 #include "TempDir.h"
 #include "velmorand/config/AppGroup.h"
 #include "velmorand/config/SharedConfig.h"
@@ -28,15 +28,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Runs the event loop until `done` holds; false when `limit` passed first.
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!done() && timer.elapsed() < limit.count()) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    }
-    return done();
-}
+using testing::pumpUntil;
 
 class BroadcastProgramTest : public ::testing::Test {
   protected:
@@ -78,7 +70,7 @@ class BroadcastProgramTest : public ::testing::Test {
             nlohmann::json{{"accessKey", sandbox::SandboxOptions::kDemoKey}, {"webrtc", false}};
         std::unique_ptr<QNetworkReply> reply(
             network.post(request, QByteArray::fromStdString(body.dump())));
-        ASSERT_TRUE(waitUntil([&reply] { return reply->isFinished(); }));
+        ASSERT_TRUE(pumpUntil([&reply] { return reply->isFinished(); }));
         const auto answer = nlohmann::json::parse(reply->readAll().toStdString());
         token_ = answer.at("deviceToken").get<std::string>();
         const DataRoot root(data_.path());
@@ -117,12 +109,12 @@ class BroadcastProgramTest : public ::testing::Test {
 
     // Exit status once it has ended by itself; -1 when it is still running or crashed.
     int finished(QProcess& process) {
-        const bool ended = waitUntil([&] { return process.state() == QProcess::NotRunning; });
+        const bool ended = pumpUntil([&] { return process.state() == QProcess::NotRunning; });
         return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
     }
 
     void connected() {
-        ASSERT_TRUE(waitUntil([this] { return sandbox_->deviceConnected(); })) << extensionLog();
+        ASSERT_TRUE(pumpUntil([this] { return sandbox_->deviceConnected(); })) << extensionLog();
         EXPECT_EQ(sandbox_->lastDeviceToken(), token_);
     }
 
@@ -159,13 +151,13 @@ TEST_F(BroadcastProgramTest, ASecondStartIsRefusedWithTheFirstOnesPidAndNoSecret
         "stream: screen capture needs an X11 display (DISPLAY is not set; this is a Wayland "
         "session) — no picture; the relay link stays up";
     const std::string request = R"(need_stream (prefer "jpeg"))";
-    EXPECT_TRUE(waitUntil([&] {
+    EXPECT_TRUE(pumpUntil([&] {
         const auto log = extensionLog();
         return log.find(request) != log.rfind(request);
     })) << extensionLog();
     const auto pongs = sandbox_->devicePongs();
     ASSERT_TRUE(sandbox_->sendToDevice(R"({"type":"ping"})"));
-    EXPECT_TRUE(waitUntil([&] { return sandbox_->devicePongs() > pongs; }));
+    EXPECT_TRUE(pumpUntil([&] { return sandbox_->devicePongs() > pongs; }));
     const auto once = extensionLog();
     EXPECT_NE(once.find(noPicture), std::string::npos) << once;
     EXPECT_EQ(once.find(noPicture), once.rfind(noPicture)) << once;

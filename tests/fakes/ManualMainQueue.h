@@ -1,8 +1,11 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "velmorand/platform/MainQueue.h"
@@ -10,10 +13,17 @@
 namespace velmorand::testing {
 
 // A main queue driven by the test: nothing runs until the test says so, and time moves only
-// when the test advances it. Single-threaded by design.
+// when the test advances it. Background threads may post; timers and running stay on the test's
+// thread.
 class ManualMainQueue : public MainQueue {
   public:
-    void post(Task task) override { ready_.push_back(std::move(task)); }
+    void post(Task task) override {
+        // Notified under the lock: once the test thread sees the task, the poster no longer
+        // touches this queue, which the test may then destroy.
+        std::lock_guard lock(mutex_);
+        ready_.push_back(std::move(task));
+        posted_.notify_all();
+    }
 
     std::shared_ptr<WorkItem> postAfter(Duration delay, Task task) override {
         auto item = std::make_shared<WorkItem>();
@@ -23,11 +33,28 @@ class ManualMainQueue : public MainQueue {
 
     // Runs everything posted so far, and what that posts in turn.
     void runReady() {
-        while (!ready_.empty()) {
-            auto task = std::move(ready_.front());
-            ready_.pop_front();
-            task();
+        for (std::deque<Task> batch; true; batch.clear()) {
+            std::unique_lock lock(mutex_);
+            batch.swap(ready_);
+            lock.unlock();
+            if (batch.empty()) {
+                return;
+            }
+            for (auto& task : batch) {
+                task();
+            }
         }
+    }
+
+    // Waits for background work to post something, then runs it. False when nothing came.
+    bool waitAndRun() {
+        std::unique_lock lock(mutex_);
+        if (!posted_.wait_for(lock, std::chrono::seconds(20), [&] { return !ready_.empty(); })) {
+            return false;
+        }
+        lock.unlock();
+        runReady();
+        return true;
     }
 
     // Moves the clock forward, running ready work and every timer that falls due, in due order.
@@ -75,6 +102,8 @@ class ManualMainQueue : public MainQueue {
 
     double now_ = 0;
     unsigned long nextSequence_ = 0;
+    std::mutex mutex_;
+    std::condition_variable posted_;
     std::deque<Task> ready_;
     std::vector<Timer> timers_;
 };

@@ -9,7 +9,6 @@
 #include "QtTestSupport.h"
 #include "RecordingLog.h"
 #include "RecordingPasteboard.h"
-#include "ScriptedServer.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/pairing/PairingModel.h"
 #include "velmorand/pairing/WebRtcCapability.h"
@@ -163,8 +162,8 @@ TEST_F(HttpFaults, OnlyAReadyLocalServerShowsActiveAndNoneTakesLongerThanTwoSeco
     ScriptedServer service(httpAnswer(200, R"({"wdaStatus":"active"})"));
     const std::string ready = R"({"value":{"ready":true}})";
     ScriptedServer readyServer(httpAnswer(200, ready));
-    ScriptedServer slowServer({}, std::nullopt, httpAnswer(200, ready));
-    CannedServer silentServer(std::nullopt);
+    ScriptedServer slowServer(QByteArray(), std::nullopt, httpAnswer(200, ready));
+    ScriptedServer silentServer(std::nullopt);
     const std::tuple<const char*, std::string, const char*, bool> cases[] = {
         {"ready", readyServer.baseUrl() + "/status", "Touch control: active", false},
         {"slowloris", slowServer.baseUrl() + "/status", kStopped, true},
@@ -188,7 +187,7 @@ TEST_F(HttpFaults, OnlyAReadyLocalServerShowsActiveAndNoneTakesLongerThanTwoSeco
 
 // The one test that waits out the full 15 seconds.
 TEST_F(HttpFaults, SlowlorisHandshakeTimesOutAfterFifteenSeconds) {
-    ScriptedServer server({}, std::nullopt, httpAnswer(200, kHandshakeBody));
+    ScriptedServer server(QByteArray(), std::nullopt, httpAnswer(200, kHandshakeBody));
     makeModel(server.baseUrl());
     const auto [status, elapsed] = pair(25s);
     EXPECT_EQ(status, "Pairing failed: The request timed out");

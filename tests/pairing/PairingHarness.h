@@ -11,9 +11,9 @@
 #include "FakeClassLookup.h"
 #include "FakeHttpClient.h"
 #include "InMemoryConfig.h"
+#include "ManualMainQueue.h"
 #include "RecordingLog.h"
 #include "RecordingPasteboard.h"
-#include "ThreadedMainQueue.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/pairing/PairingModel.h"
 #include "velmorand/pairing/WebRtcCapability.h"
@@ -35,7 +35,7 @@ inline void grantAppGroup(const std::filesystem::path& bundleRoot) {
 // A model wired to a real SharedConfig over in-memory stores, in a bundle without a profile
 // (standard store and keychain only) unless the test grants the group first.
 struct PairingHarness : InMemoryConfig {
-    ThreadedMainQueue queue;
+    ManualMainQueue queue;
     FakeHttpClient http{queue};
     FakeClassLookup classes;
     RecordingLog log;

@@ -15,8 +15,8 @@ namespace velmorand {
 namespace {
 
 using sandbox::Sandbox;
-using testing::CannedServer;
 using ::testing::MatchesRegex;
+using testing::ScriptedServer;
 using testing::sendAndWait;
 using namespace std::chrono_literals;
 
@@ -76,8 +76,8 @@ TEST_F(QtHttpClientTest, PostsToTheSandboxAndReadsItsAnswer) {
 TEST_F(QtHttpClientTest, EveryHttpStatusIsAnAnswerWithItsBody) {
     // Qt files each of these error statuses under a different error of its own.
     for (int status : {400, 403, 404, 405, 407, 409, 410, 418, 429, 500, 501, 503, 599}) {
-        CannedServer server("HTTP/1.1 " + QByteArray::number(status) +
-                            " Whatever\r\nContent-Length: 4\r\nConnection: close\r\n\r\noops");
+        ScriptedServer server("HTTP/1.1 " + QByteArray::number(status) +
+                              " Whatever\r\nContent-Length: 4\r\nConnection: close\r\n\r\noops");
         EXPECT_EQ(text(sendAndWait(client_, request(server.url()))),
                   std::to_string(status) + " oops");
     }
@@ -88,7 +88,7 @@ TEST_F(QtHttpClientTest, EveryHttpStatusIsAnAnswerWithItsBody) {
         {"HEAD", "200 OK\r\nContent-Length: 5\r\n", "200 -"},
     };
     for (const auto& [method, head, expected] : cases) {
-        CannedServer server("HTTP/1.1 " + head + "Connection: close\r\n\r\nmoved");
+        ScriptedServer server("HTTP/1.1 " + head + "Connection: close\r\n\r\nmoved");
         EXPECT_EQ(text(sendAndWait(client_, request(server.url(), method))), expected)
             << head.toStdString();
     }
@@ -97,12 +97,12 @@ TEST_F(QtHttpClientTest, EveryHttpStatusIsAnAnswerWithItsBody) {
 // As the platform's session does: 307 and 308 repeat the request elsewhere, the others turn it
 // into a GET without a body.
 TEST_F(QtHttpClientTest, FollowsRedirectsKeepingMethodAndBodyFor307And308Only) {
-    CannedServer target("HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nok");
+    ScriptedServer target("HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nok");
     for (const auto& [status, method] : std::map<int, std::string>{
              {301, "GET"}, {302, "GET"}, {303, "GET"}, {307, "POST"}, {308, "POST"}}) {
-        CannedServer source("HTTP/1.1 " + QByteArray::number(status) +
-                            " Moved\r\nLocation: " + QByteArray::fromStdString(target.url("/to")) +
-                            "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+        ScriptedServer source("HTTP/1.1 " + QByteArray::number(status) + " Moved\r\nLocation: " +
+                              QByteArray::fromStdString(target.url("/to")) +
+                              "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
         auto post = request(source.url("/from"), "POST");
         post.body = R"({"a":1})";
         EXPECT_EQ(text(sendAndWait(client_, post)), "200 ok") << status;
@@ -114,7 +114,7 @@ TEST_F(QtHttpClientTest, FollowsRedirectsKeepingMethodAndBodyFor307And308Only) {
 }
 
 TEST_F(QtHttpClientTest, SendsMethodHeadersAndBodyAsGiven) {
-    CannedServer server("HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nok");
+    ScriptedServer server("HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nok");
     auto put = request(server.url("/api/thing?x=1"), "PUT");
     put.headers = {{"x-device-token", "tok-123"}, {"Content-Type", "application/json"}};
     put.body = R"({"a":1})";
@@ -129,7 +129,7 @@ TEST_F(QtHttpClientTest, FailuresWithoutAnAnswerAreTransportErrors) {
     const auto refused = "http://127.0.0.1:" + std::to_string(testing::refusedPort()) + "/";
     EXPECT_THAT(text(sendAndWait(client_, request(refused))), MatchesRegex("error: .+"));
     EXPECT_THAT(text(sendAndWait(client_, request("not a url"))), MatchesRegex("error: .+"));
-    CannedServer silent(std::nullopt);  // accepts and never says a word
+    ScriptedServer silent(std::nullopt);  // accepts and never says a word
     EXPECT_THAT(text(sendAndWait(client_, request(silent.url(), "GET", 2s))),
                 MatchesRegex("error: .*timed out.*"));
     EXPECT_EQ(silent.requests().size(), 1u);
@@ -173,7 +173,7 @@ TEST_F(QtHttpClientTest, BlockingExchangeFromAWorkerThreadWhileTheMainLoopRuns) 
 }
 
 TEST_F(QtHttpClientTest, DestroyingTheClientCancelsWhatIsInFlight) {
-    CannedServer silent(std::nullopt);
+    ScriptedServer silent(std::nullopt);
     std::optional<HttpOutcome> sent;
     std::optional<HttpOutcome> exchanged;
     std::thread worker;

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <QByteArray>
+#include <QSslConfiguration>
 #include <QTcpServer>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,6 +36,10 @@ struct TestPki {
 };
 const TestPki& testPki();
 
+// What a loopback server presents: one of the certificates above with its key.
+QSslConfiguration serverTls(const std::filesystem::path& certificate,
+                            const std::filesystem::path& key);
+
 // Sets an environment variable for the life of the object, then puts the old value back.
 class ScopedEnv {
   public:
@@ -47,20 +53,41 @@ class ScopedEnv {
     std::optional<QByteArray> previous_;
 };
 
-// A loopback HTTP server with one fixed answer: raw response bytes, or none at all (it then
-// holds every connection open without a word). Records each request it read.
-class CannedServer {
+// A loopback HTTP or HTTPS server. Each request, once read whole, is recorded and answered with
+// `head` at once, then `dribble` one byte every `every`, then a hang-up. Without a head it holds
+// every connection open without a word.
+class ScriptedServer {
   public:
-    explicit CannedServer(std::optional<QByteArray> response);
+    struct Tls {
+        std::filesystem::path certificate;
+        std::filesystem::path key;
+    };
 
-    std::string url(const std::string& path = "/") const;
+    explicit ScriptedServer(std::optional<QByteArray> head, std::optional<Tls> tls = std::nullopt,
+                            QByteArray dribble = {},
+                            std::chrono::milliseconds every = std::chrono::seconds(1));
+
+    // "http(s)://127.0.0.1:<port>", no trailing slash.
+    std::string baseUrl() const;
+    std::string url(const std::string& path = "/") const { return baseUrl() + path; }
     const std::vector<QByteArray>& requests() const { return requests_; }
 
   private:
-    QTcpServer server_;
-    std::optional<QByteArray> response_;
+    void answer(QTcpSocket* socket);
+
+    std::unique_ptr<QTcpServer> server_;
+    bool tls_;
+    std::optional<QByteArray> head_;
+    QByteArray dribble_;
+    std::chrono::milliseconds every_;
     std::vector<QByteArray> requests_;
 };
+
+// A whole HTTP/1.1 answer.
+QByteArray httpAnswer(int status, const std::string& body, const std::string& extraHeaders = "");
+
+// A certificate for localhost and 127.0.0.1, signed by the test CA, whose validity ended in 2020.
+ScriptedServer::Tls expiredCertificate();
 
 // A loopback port with nothing listening on it.
 std::uint16_t refusedPort();

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QFile>
-#include <QSslKey>
 #include <QThread>
 #include <QWebSocket>
 #include <QWebSocketServer>
@@ -68,13 +66,7 @@ class Peer {
         : server_("test",
                   key.empty() ? QWebSocketServer::NonSecureMode : QWebSocketServer::SecureMode) {
         if (!key.empty()) {
-            auto tls = QSslConfiguration::defaultConfiguration();
-            tls.setLocalCertificate(
-                QSslCertificate::fromPath(QString::fromStdString(certificate.string())).value(0));
-            QFile keyFile(QString::fromStdString(key.string()));
-            keyFile.open(QIODevice::ReadOnly);
-            tls.setPrivateKey(QSslKey(keyFile.readAll(), QSsl::Ec));
-            server_.setSslConfiguration(tls);
+            server_.setSslConfiguration(testing::serverTls(certificate, key));
         }
         server_.listen(QHostAddress::LocalHost);
         QObject::connect(&server_, &QWebSocketServer::newConnection, &server_, [this] {
@@ -228,8 +220,8 @@ TEST_P(QtWebSocketSessionTest, ALinkDroppedWithoutACloseHandshakeIsAnErrorNotACl
 }
 
 TEST_P(QtWebSocketSessionTest, AConnectionThatNeverOpensEndsInAReceiveErrorAlone) {
-    testing::CannedServer silent(std::nullopt);
-    testing::CannedServer refusing("HTTP/1.1 401 Unauthorized\r\nContent-Length: 0\r\n\r\n");
+    testing::ScriptedServer silent(std::nullopt);
+    testing::ScriptedServer refusing("HTTP/1.1 401 Unauthorized\r\nContent-Length: 0\r\n\r\n");
     EXPECT_TRUE(next(*start("ws" + silent.url().substr(4), 300ms))
                     .starts_with("error The request timed out"));
     for (const auto& url :
