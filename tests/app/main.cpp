@@ -1,20 +1,152 @@
 // The real Main.qml against the real bridges, with the sandbox service in process, on the
 // offscreen platform.
+#include <QFile>
+#include <QImage>
 #include <QQmlContext>
 #include <QQmlEngine>
 #include <QTemporaryDir>
+#include <QVideoFrame>
+#include <QVideoFrameFormat>
+#include <QVideoSink>
 #include <QtQuickTest>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <memory>
+#include <nlohmann/json.hpp>
+
+#define ZX_USE_UTF8 1
+#include <ZXing/BitMatrix.h>
+#include <ZXing/MultiFormatWriter.h>
 
 #include "AppServices.h"
-#include "AppTestSupport.h"
-#include "HoldingProxy.h"
+#include "QrScannerBridge.h"
 #include "ScreenBridges.h"
 #include "velmorand/sandbox/Sandbox.h"
 
 namespace fs = std::filesystem;
 using namespace velmorand;
+
+namespace {
+
+// A camera's view of a QR code: a frame larger than the code it sees. Empty text: no code.
+QImage cameraView(const QString& text) {
+    QImage frame(640, 480, QImage::Format_ARGB32);
+    frame.fill(Qt::white);
+    if (text.isEmpty()) {
+        return frame;
+    }
+    const auto matrix = ZXing::MultiFormatWriter(ZXing::BarcodeFormat::QRCode)
+                            .setMargin(4)
+                            .encode(text.toStdString(), 240, 240);
+    for (int y = 0; y < matrix.height(); ++y) {
+        for (int x = 0; x < matrix.width(); ++x) {
+            frame.setPixel(200 + x, 120 + y, matrix.get(x, y) ? 0xff000000 : 0xffffffff);
+        }
+    }
+    return frame;
+}
+
+QVideoFrame videoFrame(const QImage& image) {
+    QVideoFrame frame(QVideoFrameFormat(image.size(), QVideoFrameFormat::Format_BGRA8888));
+    if (frame.map(QVideoFrame::WriteOnly)) {
+        for (int y = 0; y < image.height(); ++y) {
+            std::memcpy(frame.bits(0) + y * frame.bytesPerLine(0), image.constScanLine(y),
+                        static_cast<size_t>(image.width()) * 4);
+        }
+        frame.unmap();
+    }
+    return frame;
+}
+
+}  // namespace
+
+// What the QML test needs beyond the screen: the stores, the bundle's plug-ins and a stand-in
+// camera.
+class Support : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(QUrl mainUrl MEMBER mainUrl_ CONSTANT)
+    Q_PROPERTY(QString demoKey MEMBER demoKey_ CONSTANT)
+    Q_PROPERTY(QString dataDir MEMBER dataDir_ CONSTANT)
+    Q_PROPERTY(QString bundleDir MEMBER bundleDir_ CONSTANT)
+
+  public:
+    Support(app::AppServices& services, app::QrScannerBridge& scanner, const fs::path& root)
+        : services_(services),
+          scanner_(scanner),
+          root_(root),
+          dataDir_(QString::fromStdString((root / "data").string())),
+          bundleDir_(QString::fromStdString((root / "bundle").string())) {}
+
+    Q_INVOKABLE void clearStore() { services_.config.clear(); }
+
+    // A stored field as text ("" when absent).
+    Q_INVOKABLE QString stored(const QString& key) const {
+        const auto dict = SharedConfig::dict(services_.config.load());
+        const auto it = dict.find(key.toStdString());
+        return it == dict.end()
+                   ? QString()
+                   : QString::fromStdString(it->is_string() ? it->get<std::string>() : it->dump());
+    }
+
+    // An upload extension in the bundle, whose program records its arguments.
+    Q_INVOKABLE void installExtension() {
+        const auto extension = extensionDir();
+        fs::create_directories(extension);
+        std::ofstream(extension / "Info.plist")
+            << R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+               "<key>CFBundleIdentifier</key><string>co.velmorand.connect.test-upload</string>"
+               "<key>CFBundleExecutable</key><string>upload</string>"
+               "<key>NSExtension</key><dict><key>NSExtensionPointIdentifier</key>"
+               "<string>com.apple.broadcast-services-upload</string></dict></dict></plist>";
+        const auto record = launchRecordFile().string();
+        std::ofstream(extension / "upload")
+            << "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" << record << ".part' && mv '" << record
+            << ".part' '" << record << "'\n";
+        fs::permissions(extension / "upload", fs::perms::owner_all);
+        fs::remove(launchRecordFile());
+    }
+    Q_INVOKABLE void removeExtension() { fs::remove_all(extensionDir()); }
+    Q_INVOKABLE QString launchRecord() const {
+        QFile file(QString::fromStdString(launchRecordFile().string()));
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    }
+
+    Q_INVOKABLE void writeExtensionLog(const QString& text) {
+        const auto container =
+            services_.environment.groupContainers.containerDirectory(kAppGroupName);
+        if (container) {
+            std::ofstream(*container / "extension.log", std::ios::binary) << text.toStdString();
+        }
+    }
+
+    // Frames from a stand-in camera, fed straight into the scanner.
+    Q_INVOKABLE void attachCamera() {
+        scanner_.setVideoSink(&camera_);
+        scanner_.setMinimumFrameInterval(0);
+    }
+    Q_INVOKABLE void showQrCode(const QString& text) {
+        camera_.setVideoFrame(videoFrame(cameraView(text)));
+    }
+    Q_INVOKABLE QUrl writeQrImage(const QString& text) {
+        const auto file = QString::fromStdString((root_ / "code.png").string());
+        cameraView(text).save(file);
+        return QUrl::fromLocalFile(file);
+    }
+
+  private:
+    fs::path extensionDir() const { return root_ / "bundle" / "PlugIns" / "Upload.appex"; }
+    fs::path launchRecordFile() const { return root_ / "launched.txt"; }
+
+    app::AppServices& services_;
+    app::QrScannerBridge& scanner_;
+    const fs::path root_;
+    const QUrl mainUrl_{QStringLiteral("qrc:/velmorand/qml/Main.qml")};
+    const QString demoKey_ = QString::fromStdString(std::string(sandbox::SandboxOptions::kDemoKey));
+    const QString dataDir_;
+    const QString bundleDir_;
+    QVideoSink camera_;
+};
 
 class Setup : public QObject {
     Q_OBJECT
@@ -43,18 +175,14 @@ class Setup : public QObject {
         if (!sandbox_->start(&error)) {
             qFatal("sandbox: %s", error.c_str());
         }
-        proxy_ = std::make_unique<testing::HoldingProxy>(sandbox_->port());
-
-        const DesktopLocations locations{dataDir, bundleDir};
         services_ = std::make_unique<app::AppServices>(
-            locations,
-            ServiceEndpoints{proxy_->baseUrl().toStdString(), sandbox_->wdaBaseUrl() + "/status"});
+            DesktopLocations{dataDir, bundleDir},
+            ServiceEndpoints{sandbox_->baseUrl(), sandbox_->wdaBaseUrl() + "/status"});
         const QStringList extensionArguments{
             QStringLiteral("--data-dir"), QString::fromStdString(dataDir.string()),
             QStringLiteral("--bundle-dir"), QString::fromStdString(bundleDir.string())};
         bridges_ = std::make_unique<app::ScreenBridges>(*services_, extensionArguments);
-        support_ = std::make_unique<testing::AppTestSupport>(*services_, bridges_->scanner, *proxy_,
-                                                             dataDir, bundleDir, root);
+        support_ = std::make_unique<Support>(*services_, bridges_->scanner, root);
     }
 
     void qmlEngineAvailable(QQmlEngine* engine) {
@@ -67,17 +195,15 @@ class Setup : public QObject {
         support_.reset();
         bridges_.reset();
         services_.reset();
-        proxy_.reset();
         sandbox_.reset();
     }
 
   private:
     QTemporaryDir scratch_;
     std::unique_ptr<sandbox::Sandbox> sandbox_;
-    std::unique_ptr<testing::HoldingProxy> proxy_;
     std::unique_ptr<app::AppServices> services_;
     std::unique_ptr<app::ScreenBridges> bridges_;
-    std::unique_ptr<testing::AppTestSupport> support_;
+    std::unique_ptr<Support> support_;
 };
 
 QUICK_TEST_MAIN_WITH_SETUP(app_tests, Setup)
