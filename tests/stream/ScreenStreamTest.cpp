@@ -156,6 +156,17 @@ TEST_F(ScreenStreamTest, CodecScaleAndScreenChangesStartNewStreamsWithKeyFrames)
     EXPECT_EQ(h264_.opened.back(), (H264SessionSettings{100, 80, 30, 150}));
     EXPECT_EQ(events(), (std::vector<std::string>{"jpeg 32x24 of 64x48", "h264 32x24 of 64x48",
                                                   "h264 64x48 of 64x48", "h264 100x80 of 100x80"}));
+
+    // Resized in one dimension between the stream's look at the size and its grab: that picture
+    // is dropped and the next stream has the new size.
+    std::size_t sequence = 5;
+    for (const ScreenSize size : {ScreenSize{120, 80}, ScreenSize{120, 90}}) {
+        screen_.resizeAtNextGrab(size);
+        const auto next = frame(sequence++);
+        EXPECT_TRUE(next.header.keyFrame);
+        EXPECT_EQ(std::make_pair(next.header.screenWidth, next.header.screenHeight),
+                  std::make_pair(std::uint16_t(size.width), std::uint16_t(size.height)));
+    }
 }
 
 TEST_F(ScreenStreamTest, AFailingEncoderFallsBackToJpegAndAFailingScreenStops) {

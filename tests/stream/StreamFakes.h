@@ -32,6 +32,15 @@ class FakeScreen {
         }
         changedOrWoken_.notify_all();
     }
+    // The size changes between the stream's look at it and its next grab.
+    void resizeAtNextGrab(ScreenSize size) {
+        {
+            std::lock_guard lock(mutex_);
+            resizeAtGrab_ = size;
+            changed_ = true;
+        }
+        changedOrWoken_.notify_all();
+    }
     void failGrabs(std::string why) {
         std::lock_guard lock(mutex_);
         failure_ = std::move(why);
@@ -72,6 +81,8 @@ class FakeScreen {
             }
             ++screen.grabs_;
             screen.changed_ = false;
+            screen.size_ = screen.resizeAtGrab_.value_or(screen.size_);
+            screen.resizeAtGrab_.reset();
             const auto& [width, height] = screen.size_;
             pixels.assign(static_cast<std::size_t>(width) * height * 4, 0);
             for (std::size_t i = 0; i < pixels.size(); i += 4) {
@@ -86,6 +97,7 @@ class FakeScreen {
     mutable std::mutex mutex_;
     std::condition_variable changedOrWoken_;
     ScreenSize size_{64, 48};
+    std::optional<ScreenSize> resizeAtGrab_;
     std::uint8_t shade_ = 0;
     bool changed_ = true;
     bool woken_ = false;

@@ -290,7 +290,9 @@ TEST(H264Encoder, RetunesInPlaceWhenTheSessionCanElseStartsAgainWithAKeyFrame) {
     encoder.forceKeyFrame = false;
     encoder.retune(20, 500, testing::FakeH264Session::factory(script));
     encoder.retune(30, 800, testing::FakeH264Session::factory(script));
-    EXPECT_EQ(script.retuned, (std::vector<std::pair<int, int>>{{30, 800}}));
+    encoder.retune(30, 900, testing::FakeH264Session::factory(script));
+    encoder.retune(25, 900, testing::FakeH264Session::factory(script));
+    EXPECT_EQ(script.retuned, (std::vector<std::pair<int, int>>{{30, 800}, {30, 900}, {25, 900}}));
     EXPECT_EQ(script.opened.size(), 1u);
     EXPECT_FALSE(encoder.forceKeyFrame);
 
