@@ -109,6 +109,8 @@ TEST(RelayClientCommandTest, BaseAndTokenFileOverWssWithoutAnyPairingStopOnSigin
     EXPECT_EQ(bench.sandbox->lastDeviceToken(), bench.pairing.deviceToken);
     Viewer viewer(bench.pairing.relayWsUrl);
     EXPECT_EQ(client.nextEvent(), json::parse(R"({"event":"need_stream","prefer":null})"));
+    viewer.send(R"({"type":"latency_ping","t":42,"viewerId":"viewer-a"})");
+    EXPECT_EQ(viewer.next(), R"({"type":"latency_pong","t":42,"viewerId":"viewer-a"})");
     viewer.send(R"({"type":"encode_settings","fps":29.5,"quality":0.4})");
     EXPECT_EQ(client.nextEvent(), json::parse(R"({"event":"encode_settings","fps":30,
                                                   "quality":0.4,"scale":null,"codec":null})"));
