@@ -66,8 +66,9 @@ std::optional<std::string> desktopId(const std::string& id) {
 
 }  // namespace
 
-RemoteControl::RemoteControl(Services services, Report report)
-    : services_(services), report_(std::move(report)) {
+RemoteControl::RemoteControl(Services services, Report report,
+                             std::chrono::milliseconds longestTouch)
+    : services_(services), report_(std::move(report)), longestTouch_(longestTouch) {
     thread_ = std::thread([this] { run(); });
 }
 
@@ -100,7 +101,7 @@ void RemoteControl::run() {
     for (;;) {
         if (!buttonHeld_) {
             changed_.wait(lock, ready);
-        } else if (!changed_.wait_for(lock, kLongestGesture, ready)) {
+        } else if (!changed_.wait_for(lock, longestTouch_, ready)) {
             lock.unlock();
             releaseHeld();
             report_(Control{Control::TouchUp{static_cast<double>(lastPoint_.x),

@@ -191,12 +191,14 @@ class RemoteControlTest : public ::testing::Test {
     std::mutex mutex_;
     std::condition_variable reported_;
     std::vector<RemoteControl::Outcome> outcomes_;
-    RemoteControl control_{{desktop_, desktop_, desktop_, desktop_},
-                           [this](const Control&, const RemoteControl::Outcome& outcome) {
-                               std::lock_guard lock(mutex_);
-                               outcomes_.push_back(outcome);
-                               reported_.notify_all();
-                           }};
+    RemoteControl::Report recorder() {
+        return [this](const Control&, const RemoteControl::Outcome& outcome) {
+            std::lock_guard lock(mutex_);
+            outcomes_.push_back(outcome);
+            reported_.notify_all();
+        };
+    }
+    RemoteControl control_{{desktop_, desktop_, desktop_, desktop_}, recorder()};
 };
 
 TEST_F(RemoteControlTest, GesturesLandOnTheScreenInOrder) {
@@ -271,6 +273,19 @@ TEST_F(RemoteControlTest, KeysTextAndDesktopActionsAreCarriedOutOrRefusedWithARe
     std::ostringstream content;
     content << std::ifstream(path).rdbuf();
     EXPECT_EQ(content.str(), "hi");
+}
+
+TEST_F(RemoteControlTest, ATouchNeverLetGoIsReleasedAfterTheLongestGesture) {
+    RemoteControl quick({desktop_, desktop_, desktop_, desktop_}, recorder(),
+                        std::chrono::milliseconds(20));
+    quick.execute(Control{Control::TouchDown{3, 4}});
+    std::unique_lock lock(mutex_);
+    ASSERT_TRUE(
+        reported_.wait_for(lock, std::chrono::seconds(5), [&] { return outcomes_.size() == 2; }));
+    EXPECT_EQ(outcomes_[1],
+              (RemoteControl::Outcome{std::nullopt, "no touch_up came within 10 s: let go"}));
+    std::lock_guard calls(desktop_.mutex);
+    EXPECT_EQ(desktop_.calls, (Lines{"move 3,4", "press", "release"}));
 }
 
 TEST_F(RemoteControlTest, CommandsBeyondWhatMayWaitAreRefusedAtOnceAndGesturesEndWithIt) {

@@ -54,7 +54,9 @@ class RemoteControl {
     // too many are waiting).
     using Report = std::function<void(const Control& control, const Outcome& outcome)>;
 
-    RemoteControl(Services services, Report report);
+    // `longestTouch` is kLongestGesture but for tests, which cannot wait 10 seconds.
+    RemoteControl(Services services, Report report,
+                  std::chrono::milliseconds longestTouch = kLongestGesture);
     ~RemoteControl();
     RemoteControl(const RemoteControl&) = delete;
     RemoteControl& operator=(const RemoteControl&) = delete;
@@ -90,6 +92,7 @@ class RemoteControl {
 
     Services services_;
     Report report_;
+    const std::chrono::milliseconds longestTouch_;
 
     std::mutex mutex_;
     std::condition_variable changed_;
