@@ -9,6 +9,7 @@
 #include "QtTestSupport.h"
 #include "RecordingLog.h"
 #include "RecordingPasteboard.h"
+#include "ScopedEnv.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/pairing/PairingModel.h"
 #include "velmorand/pairing/WebRtcCapability.h"
@@ -69,7 +70,7 @@ class HttpFaults : public ::testing::Test, protected InMemoryConfig {
     }
 
     // Read by the client when it is made, hence first.
-    ScopedEnv ca{"VELMORAND_CA_FILE", testPki().caCertificate.string()};
+    ScopedEnv ca{"VELMORAND_CA_FILE", testPki().caCertificate.c_str()};
     QtMainQueue queue;
     QtHttpClient http{queue};
     FakeClassLookup classes;

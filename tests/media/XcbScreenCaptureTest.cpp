@@ -5,7 +5,6 @@
 #include <xcb/xcb.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,6 +12,7 @@
 #include <variant>
 #include <vector>
 
+#include "ScopedEnv.h"
 #include "Xvfb.h"
 
 namespace velmorand {
@@ -232,32 +232,6 @@ TEST_F(XcbScreenCaptureTest, ReportsALostServer) {
     EXPECT_EQ(std::get<CaptureError>(grabbed).description, "the X server closed the connection");
 }
 
-// Sets environment variables for one test and puts them back.
-class Environment {
-  public:
-    void set(const char* name, const char* value) {
-        const char* old = std::getenv(name);
-        saved_.push_back({name, old != nullptr ? std::optional<std::string>(old) : std::nullopt});
-        if (value != nullptr) {
-            ::setenv(name, value, 1);
-        } else {
-            ::unsetenv(name);
-        }
-    }
-    ~Environment() {
-        for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
-            if (it->second) {
-                ::setenv(it->first.c_str(), it->second->c_str(), 1);
-            } else {
-                ::unsetenv(it->first.c_str());
-            }
-        }
-    }
-
-  private:
-    std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
-};
-
 TEST(XcbScreenCaptureOpenTest, SaysWhyThereIsNoDisplay) {
     struct Case {
         const char* display;
@@ -273,9 +247,8 @@ TEST(XcbScreenCaptureOpenTest, SaysWhyThereIsNoDisplay) {
         {":987", nullptr, nullptr, "cannot open X11 display :987"},
     };
     for (const auto& c : cases) {
-        Environment environment;
-        environment.set("DISPLAY", c.display);
-        environment.set("WAYLAND_DISPLAY", c.wayland);
+        const testing::ScopedEnv display("DISPLAY", c.display);
+        const testing::ScopedEnv wayland("WAYLAND_DISPLAY", c.wayland);
         auto opened = XcbScreenCapture::open(c.name);
         ASSERT_TRUE(std::holds_alternative<CaptureError>(opened)) << c.error;
         EXPECT_EQ(std::get<CaptureError>(opened).description, c.error);

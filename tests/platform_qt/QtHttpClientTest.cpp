@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "QtTestSupport.h"
+#include "ScopedEnv.h"
 #include "velmorand/qt/QtMainQueue.h"
 #include "velmorand/sandbox/Sandbox.h"
 
@@ -145,14 +146,14 @@ TEST_F(QtHttpClientTest, HttpsTrustsTheExtraCaAndChecksTheServerName) {
     auto good = started(pki.serverCertificate, pki.serverKey);
     auto misnamed = started(pki.localhostOnlyCertificate, pki.localhostOnlyKey);
     {
-        testing::ScopedEnv ca("VELMORAND_CA_FILE", pki.caCertificate.string());
+        testing::ScopedEnv ca("VELMORAND_CA_FILE", pki.caCertificate.c_str());
         QtHttpClient trusting(mainQueue_);
         const auto answer = text(sendAndWait(trusting, handshake(*good)));
         EXPECT_THAT(answer, MatchesRegex("200 .*\"relayWsUrl\":\"wss://127.0.0.1:.*/relay\".*"));
         // The certificate names localhost, but it is reached as 127.0.0.1.
         EXPECT_THAT(text(sendAndWait(trusting, handshake(*misnamed))), MatchesRegex("error: .+"));
     }
-    testing::ScopedEnv noCa("VELMORAND_CA_FILE", std::nullopt);
+    testing::ScopedEnv noCa("VELMORAND_CA_FILE", nullptr);
     QtHttpClient untrusting(mainQueue_);
     EXPECT_THAT(text(sendAndWait(untrusting, handshake(*good))), MatchesRegex("error: .+"));
 }

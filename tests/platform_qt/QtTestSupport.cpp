@@ -127,25 +127,6 @@ QSslConfiguration serverTls(const std::filesystem::path& certificate,
     return configuration;
 }
 
-ScopedEnv::ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
-    if (qEnvironmentVariableIsSet(name)) {
-        previous_ = qgetenv(name);
-    }
-    if (value) {
-        qputenv(name, QByteArray::fromStdString(*value));
-    } else {
-        qunsetenv(name);
-    }
-}
-
-ScopedEnv::~ScopedEnv() {
-    if (previous_) {
-        qputenv(name_, *previous_);
-    } else {
-        qunsetenv(name_);
-    }
-}
-
 QByteArray httpAnswer(int status, const std::string& body, const std::string& extraHeaders) {
     return QByteArray::fromStdString(
         "HTTP/1.1 " + std::to_string(status) + " Scripted\r\n" + extraHeaders +

@@ -40,19 +40,6 @@ const TestPki& testPki();
 QSslConfiguration serverTls(const std::filesystem::path& certificate,
                             const std::filesystem::path& key);
 
-// Sets an environment variable for the life of the object, then puts the old value back.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, std::optional<std::string> value);
-    ~ScopedEnv();
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-  private:
-    const char* name_;
-    std::optional<QByteArray> previous_;
-};
-
 // A loopback HTTP or HTTPS server. Each request, once read whole, is recorded and answered with
 // `head` at once, then `dribble` one byte every `every`, then a hang-up. Without a head it holds
 // every connection open without a word.

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "QtTestSupport.h"
+#include "ScopedEnv.h"
 
 namespace velmorand {
 namespace {
@@ -237,7 +238,7 @@ TEST_P(QtWebSocketSessionTest, SecureLinksCheckTheCertificateAndTheServerName) {
     Peer good(pki.serverCertificate, pki.serverKey);
     Peer misnamed(pki.localhostOnlyCertificate, pki.localhostOnlyKey);
     {
-        testing::ScopedEnv ca("VELMORAND_CA_FILE", pki.caCertificate.string());
+        testing::ScopedEnv ca("VELMORAND_CA_FILE", pki.caCertificate.c_str());
         auto task = start(good.url("wss"));
         EXPECT_TRUE(opened(*task));
         EXPECT_TRUE(next(*start(misnamed.url("wss"))).starts_with("error "));
@@ -245,7 +246,7 @@ TEST_P(QtWebSocketSessionTest, SecureLinksCheckTheCertificateAndTheServerName) {
         auto byName = start(misnamed.url("wss", "localhost"));
         EXPECT_TRUE(opened(*byName, 2));
     }
-    testing::ScopedEnv noCa("VELMORAND_CA_FILE", std::nullopt);
+    testing::ScopedEnv noCa("VELMORAND_CA_FILE", nullptr);
     EXPECT_TRUE(next(*start(good.url("wss"))).starts_with("error "));
     EXPECT_EQ(delegate_->events().size(), 2u);
 }

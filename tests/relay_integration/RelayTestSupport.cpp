@@ -15,7 +15,7 @@ RelayBench::RelayBench(bool tls) {
     if (tls) {
         options.tlsCertificateFile = testPki().serverCertificate.string();
         options.tlsKeyFile = testPki().serverKey.string();
-        caFile.emplace("VELMORAND_CA_FILE", testPki().caCertificate.string());
+        caFile.emplace("VELMORAND_CA_FILE", testPki().caCertificate.c_str());
     }
     sandbox = std::make_unique<sandbox::Sandbox>(std::move(options));
     std::string error;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "QtTestSupport.h"
+#include "ScopedEnv.h"
 #include "velmorand/config/HandshakeResult.h"
 #include "velmorand/sandbox/Sandbox.h"
 

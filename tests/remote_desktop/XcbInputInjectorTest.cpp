@@ -5,7 +5,6 @@
 #include <xkbcommon/xkbcommon.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <functional>
 #include <optional>
 #include <string>
@@ -13,6 +12,7 @@
 #include <variant>
 #include <vector>
 
+#include "ScopedEnv.h"
 #include "XcbTestClient.h"
 #include "Xvfb.h"
 #include "velmorand/x11/XcbClipboard.h"
@@ -251,34 +251,6 @@ TEST_F(XcbInputInjectorTest, LetsGoOfEverythingWhenDestroyed) {
         << "the borrowed keycode was not given back";
 }
 
-// Sets an environment variable for one scope and puts it back.
-class ScopedVariable {
-  public:
-    ScopedVariable(const char* name, const char* value) : name_(name) {
-        if (const char* old = std::getenv(name)) {
-            old_ = old;
-        }
-        if (value != nullptr) {
-            ::setenv(name, value, 1);
-        } else {
-            ::unsetenv(name);
-        }
-    }
-    ~ScopedVariable() {
-        if (old_) {
-            ::setenv(name_.c_str(), old_->c_str(), 1);
-        } else {
-            ::unsetenv(name_.c_str());
-        }
-    }
-    ScopedVariable(const ScopedVariable&) = delete;
-    ScopedVariable& operator=(const ScopedVariable&) = delete;
-
-  private:
-    std::string name_;
-    std::optional<std::string> old_;
-};
-
 template <typename Service>
 std::string openError(std::variant<std::unique_ptr<Service>, std::string> opened) {
     const auto* error = std::get_if<std::string>(&opened);
@@ -301,9 +273,9 @@ TEST(XcbRemoteControlOpenTest, SaysWhyThereIsNoDisplay) {
         {":0", ":987", "cannot open X11 display :987"},
         {":987", nullptr, "cannot open X11 display :987"},
     };
-    const ScopedVariable noWayland("WAYLAND_DISPLAY", nullptr);
+    const testing::ScopedEnv noWayland("WAYLAND_DISPLAY", nullptr);
     for (const auto& c : cases) {
-        const ScopedVariable display("DISPLAY", c.display);
+        const testing::ScopedEnv display("DISPLAY", c.display);
         for (std::size_t service = 0; service < std::size(services); ++service) {
             EXPECT_EQ(services[service](c.name), c.error) << service;
         }
