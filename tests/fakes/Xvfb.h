@@ -16,7 +16,10 @@ namespace velmorand::testing {
 // tests running side by side never share one.
 class Xvfb {
   public:
-    Xvfb(int width, int height) { start(width, height); }
+    // `options` go to the server as they are, for example to switch an extension off.
+    Xvfb(int width, int height, const std::vector<std::string>& options = {}) {
+        start(width, height, options);
+    }
     ~Xvfb() { stop(); }
     Xvfb(const Xvfb&) = delete;
     Xvfb& operator=(const Xvfb&) = delete;
@@ -35,7 +38,7 @@ class Xvfb {
     static constexpr int kDisplayFd = 3;
     static constexpr int kStartMs = 10'000;
 
-    void start(int width, int height) {
+    void start(int width, int height, const std::vector<std::string>& options) {
         int report[2];
         if (::pipe2(report, O_CLOEXEC) != 0) {
             return;
@@ -44,6 +47,7 @@ class Xvfb {
         std::vector<std::string> args = {"Xvfb",      "-displayfd", std::to_string(kDisplayFd),
                                          "-screen",   "0",          screen,
                                          "-nolisten", "tcp"};
+        args.insert(args.end(), options.begin(), options.end());
         std::vector<char*> argv;
         for (auto& arg : args) {
             argv.push_back(arg.data());

@@ -232,6 +232,17 @@ TEST_F(XcbScreenCaptureTest, ReportsALostServer) {
     EXPECT_EQ(std::get<CaptureError>(grabbed).description, "the X server closed the connection");
 }
 
+TEST(XcbScreenCaptureOpenTest, NamesTheExtensionTheServerLacks) {
+    for (const char* extension : {"MIT-SHM", "DAMAGE", "XFIXES", "RANDR"}) {
+        testing::Xvfb xvfb(kScreenWidth, kScreenHeight, {"-extension", extension});
+        ASSERT_TRUE(xvfb.running()) << extension;
+        auto opened = XcbScreenCapture::open(xvfb.display().c_str());
+        ASSERT_TRUE(std::holds_alternative<CaptureError>(opened)) << extension;
+        EXPECT_EQ(std::get<CaptureError>(opened).description,
+                  std::string("the X server lacks the ") + extension + " extension");
+    }
+}
+
 TEST(XcbScreenCaptureOpenTest, SaysWhyThereIsNoDisplay) {
     struct Case {
         const char* display;

@@ -212,6 +212,14 @@ TEST_F(XcbInputInjectorTest, DeliversPointerAndKeyboardInputInOrder) {
         {"text",
          typeText(U"aB é€!z"),
          {"type a", "type B", "type  ", "type é", "type €", "type !", "type z"}},
+        // The viewer's held shift is lifted for a lower-case letter only.
+        {"text under a held shift",
+         [&typeText](InputInjector& input) {
+             input.setKey(NamedKey::shift, true);
+             typeText(U"aB")(input);
+             input.setKey(NamedKey::shift, false);
+         },
+         {"type a", "type B"}},
         {"enter",
          [](InputInjector& input) {
              input.setKey(NamedKey::enter, true);
