@@ -238,6 +238,8 @@ TEST_F(XcbInputInjectorTest, DeliversPointerAndKeyboardInputInOrder) {
     for (const auto& c : cases) {
         c.act(*injector_);
         EXPECT_EQ(received(), c.expected) << c.what;
+        EXPECT_FALSE(anyKeyDown()) << c.what << ": a key was not let go of";
+        EXPECT_EQ(pointerState(), 0) << c.what;
     }
 }
 
