@@ -10,7 +10,6 @@
 #include <string>
 #include <thread>
 #include <variant>
-#include <vector>
 
 #include "ScopedEnv.h"
 #include "Xvfb.h"
