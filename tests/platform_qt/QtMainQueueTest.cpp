@@ -52,22 +52,6 @@ TEST(QtMainQueue, RunsPostedWorkOnTheMainThreadInOrderFromEveryThread) {
     }
 }
 
-TEST(QtMainQueue, RunsWorkInDueOrderAfterWhatWasQueuedAndCancelledWorkNever) {
-    QtMainQueue queue;
-    std::vector<std::string> ran;
-    queue.postAfter(0.12s, [&] { ran.push_back("late"); });
-    auto cancelled = queue.postAfter(0.06s, [&] { ran.push_back("cancelled"); });
-    queue.postAfter(0.03s, [&] { ran.push_back("early"); });
-    queue.post([&] {
-        ran.push_back("now");
-        queue.post([&] { ran.push_back("posted by work"); });
-    });
-    queue.post([&] { ran.push_back("next"); });
-    cancelled->cancel();
-    ASSERT_TRUE(pumpUntil([&] { return ran.size() == 5; }));
-    EXPECT_EQ(ran, (std::vector<std::string>{"now", "next", "posted by work", "early", "late"}));
-}
-
 TEST(QtMainQueue, DelayedWorkFromAnotherThreadRunsOnTheMainThreadAndCanBeCancelledThere) {
     QtMainQueue queue;
     QThread* mainThread = QThread::currentThread();

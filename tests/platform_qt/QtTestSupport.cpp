@@ -99,6 +99,15 @@ void issue(const std::filesystem::path& dir, const std::string& stem, const std:
         ".key -CAcreateserial -days 2 -out " + base + ".pem -extfile " + base + ".ext");
 }
 
+// What a loopback server presents: one of the test certificates with its key.
+QSslConfiguration serverTls(const std::filesystem::path& certificate,
+                            const std::filesystem::path& key) {
+    auto configuration = QSslConfiguration::defaultConfiguration();
+    configuration.setLocalCertificate(QSslCertificate(readAll(certificate)));
+    configuration.setPrivateKey(QSslKey(readAll(key), QSsl::Ec));
+    return configuration;
+}
+
 }  // namespace
 
 const TestPki& testPki() {
@@ -117,14 +126,6 @@ const TestPki& testPki() {
                        path / "localhost-only.pem", path / "localhost-only.key"};
     }();
     return pki;
-}
-
-QSslConfiguration serverTls(const std::filesystem::path& certificate,
-                            const std::filesystem::path& key) {
-    auto configuration = QSslConfiguration::defaultConfiguration();
-    configuration.setLocalCertificate(QSslCertificate(readAll(certificate)));
-    configuration.setPrivateKey(QSslKey(readAll(key), QSsl::Ec));
-    return configuration;
 }
 
 QByteArray httpAnswer(int status, const std::string& body, const std::string& extraHeaders) {
@@ -211,14 +212,6 @@ ScriptedServer::Tls expiredCertificate() {
         return ScriptedServer::Tls{base + ".pem", base + ".key"};
     }();
     return expired;
-}
-
-std::uint16_t refusedPort() {
-    QTcpServer server;
-    server.listen(QHostAddress::LocalHost);
-    const auto port = server.serverPort();
-    server.close();
-    return port;
 }
 
 }  // namespace velmorand::testing

@@ -4,7 +4,6 @@
 #include <QSslConfiguration>
 #include <QTcpServer>
 #include <chrono>
-#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -35,10 +34,6 @@ struct TestPki {
     std::filesystem::path localhostOnlyKey;
 };
 const TestPki& testPki();
-
-// What a loopback server presents: one of the certificates above with its key.
-QSslConfiguration serverTls(const std::filesystem::path& certificate,
-                            const std::filesystem::path& key);
 
 // A loopback HTTP or HTTPS server. Each request, once read whole, is recorded and answered with
 // `head` at once, then `dribble` one byte every `every`, then a hang-up. Without a head it holds
@@ -75,8 +70,5 @@ QByteArray httpAnswer(int status, const std::string& body, const std::string& ex
 
 // A certificate for localhost and 127.0.0.1, signed by the test CA, whose validity ended in 2020.
 ScriptedServer::Tls expiredCertificate();
-
-// A loopback port with nothing listening on it.
-std::uint16_t refusedPort();
 
 }  // namespace velmorand::testing
