@@ -128,11 +128,6 @@ class Support : public QObject {
     Q_INVOKABLE void showQrCode(const QString& text) {
         camera_.setVideoFrame(videoFrame(cameraView(text)));
     }
-    Q_INVOKABLE QUrl writeQrImage(const QString& text) {
-        const auto file = QString::fromStdString((root_ / "code.png").string());
-        cameraView(text).save(file);
-        return QUrl::fromLocalFile(file);
-    }
 
   private:
     fs::path extensionDir() const { return root_ / "bundle" / "PlugIns" / "Upload.appex"; }

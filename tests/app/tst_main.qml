@@ -10,12 +10,6 @@ TestCase {
     name: "MainScreen"
     when: windowShown
 
-    Window {
-        id: other
-        width: 40
-        height: 40
-    }
-
     SignalSpy {
         id: codeSpy
         target: scanner
@@ -227,43 +221,6 @@ TestCase {
         wait(50)
         compare(codeSpy.count, 1)
         compare(pairing.key, support.demoKey)
-    }
-
-    function test_scannerReadsAnImageFile() {
-        codeSpy.clear()
-        click("scanButton")
-        tryCompare(window.scannerSheet, "opened", true)
-        compare(item("openImageButton").text, "Open image…")
-        // A failing camera is a black view, not the refused-access text; images still open.
-        scanner.cameraFailed()
-        compare(scanner.active, false)
-        compare(item("deniedView").visible, false)
-        compare(item("openImageButton").visible, true)
-        compare(scanner.decodeImageFile(support.writeQrImage("   ")), false)
-        compare(scanner.decodeImageFile(support.writeQrImage("pair?key=from-image")), true)
-        tryCompare(codeSpy, "count", 1)
-        tryCompare(window.scannerSheet, "visible", false)
-        compare(pairing.key, "from-image")
-    }
-
-    function test_scannerClosesWithoutACode() {
-        click("scanButton")
-        tryCompare(window.scannerSheet, "opened", true)
-        mouseClick(item("closeButton"))
-        tryCompare(window.scannerSheet, "visible", false)
-        compare(scanner.active, false)
-    }
-
-    // Getting the focus back is no coming on screen: an unsaved region choice stays.
-    function test_focusComingBackKeepsWhatIsOnScreen() {
-        pairing.relayRegion = "eu"
-        other.show()
-        other.requestActivate()
-        tryCompare(other, "active", true)
-        window.requestActivate()
-        tryCompare(window, "active", true)
-        other.close()
-        compare(pairing.relayRegion, "eu")
     }
 
     // Texts from the service, the stores and the log stand as they are: no label takes them

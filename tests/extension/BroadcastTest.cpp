@@ -213,12 +213,5 @@ TEST_F(BroadcastTest, RejectedTokenStopsOnceWithStatusOneAndNoLineCarriesTheToke
     }
 }
 
-TEST_F(BroadcastTest, OtherClosesKeepReconnecting) {
-    sockets_.close(task_, 1011, "going away");
-    queue_.advance(5s);
-    EXPECT_TRUE(stops_.empty());
-    EXPECT_EQ(sockets_.tasks.size(), 2u);
-}
-
 }  // namespace
 }  // namespace velmorand::extension

@@ -135,13 +135,5 @@ TEST_F(ExtensionLogWriterTest, RotationKeepsTheNewestWholeLinesUnderTheBound) {
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "extension.log.tmp"));
 }
 
-TEST_F(ExtensionLogWriterTest, FollowsTheFileWhenItIsRemoved) {
-    ExtensionLogWriter log(file, options());
-    log.write("one");
-    std::filesystem::remove(file);
-    log.write("two");
-    EXPECT_EQ(lines(), std::vector<std::string>{"two"});
-}
-
 }  // namespace
 }  // namespace velmorand::extension

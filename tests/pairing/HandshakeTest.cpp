@@ -44,27 +44,6 @@ class HandshakeTest : public ::testing::Test {
     testing::FakeHttpClient http{queue};
 };
 
-TEST_F(HandshakeTest, PostsJsonToTheEndpointWithAFifteenSecondTimeout) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"https://a.test///", "https://a.test/api/agent-handshake"},
-        {"https://a.test/base/", "https://a.test/base/api/agent-handshake"},
-        {"wss://r.test/x", "https://r.test/x/api/agent-handshake"},
-        {"ws://r.test:8080", "http://r.test:8080/api/agent-handshake"},
-        // Only slashes are trimmed, and only a lower-case ws prefix is rewritten.
-        {"/https://a.test", "https://a.test/api/agent-handshake"},
-        {"WSS://a.test", "WSS://a.test/api/agent-handshake"},
-    };
-    const std::vector<std::pair<std::string, std::string>> json = {
-        {"Content-Type", "application/json"}};
-    for (const auto& [appURL, expected] : cases) {
-        const auto request = sent(appURL);
-        EXPECT_EQ(request.url, expected) << appURL;
-        EXPECT_EQ(request.method, "POST");
-        EXPECT_EQ(request.timeout, std::chrono::seconds(15));
-        EXPECT_EQ(request.headers, json);
-    }
-}
-
 TEST_F(HandshakeTest, BodyHoldsTheKeyAsGivenTheFlagAndARealRegionOnly) {
     struct {
         const char* key;

@@ -70,16 +70,6 @@ TEST_F(PairingFlowTest, SuccessStoresRefreshesThenReports) {
     EXPECT_EQ(handshakeBodies(), std::vector<json>{json({{"accessKey", "abc"}, {"webrtc", true}})});
 }
 
-TEST_F(PairingFlowTest, ABlankKeyDoesNothingAtAll) {
-    model.setStatus("before");
-    const auto seen = testing::recordAnnouncements(model);
-    model.pair(" \n\t ");
-    model.pair("");
-    EXPECT_TRUE(seen->empty());
-    EXPECT_EQ(model.status(), "before");
-    EXPECT_TRUE(h.http.requests().empty());
-}
-
 TEST_F(PairingFlowTest, AFailureIsReportedAndTheEarlierPairingKept) {
     h.storePairing("old", "Old Phone");
     model.refresh();
@@ -146,37 +136,6 @@ TEST_F(PairingFlowTest, AnOutcomeArrivingAfterTheModelIsGoneIsDropped) {
     ASSERT_TRUE(h.http.release("k", answer(200, kDeskAnswer)));
     ASSERT_TRUE(h.queue.waitAndRun());
     EXPECT_EQ(h.config.load(), SharedConfig::Values{});
-}
-
-TEST_F(PairingFlowTest, DeepLinksPairWithTheFirstKeyItemOnly) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"anything://open?foo=1&accessKey=K1&key=K2", "K1"},
-        {"https://app.test/pair?key=K2&accessKey=K1", "K2"},
-        {"x://y?key=a%2Bb", "a+b"},
-        {"x://y?key=%20spaced%20", "spaced"},
-        // No pairing: an empty or valueless first item ends the search; names are exact.
-        {"x://y?key=", nullptr},
-        {"x://y?key&accessKey=K", nullptr},
-        {"x://y?key=&accessKey=K", nullptr},
-        {"x://y?Key=K", nullptr},
-        {"x://y#key=K", nullptr},
-        {"not a link", nullptr},
-    };
-    const auto seen = testing::recordAnnouncements(model);
-    for (const auto& [url, key] : cases) {
-        SCOPED_TRACE(url);
-        const auto sent = h.http.requests().size();
-        seen->clear();
-        model.handleDeepLink(url);
-        if (!key) {
-            EXPECT_TRUE(seen->empty());
-            EXPECT_EQ(h.http.requests().size(), sent);
-            continue;
-        }
-        ASSERT_TRUE(h.queue.waitAndRun());
-        EXPECT_EQ(handshakeBodies().back()["accessKey"], key);
-        EXPECT_EQ(model.status(), "Paired as Desk");
-    }
 }
 
 }  // namespace

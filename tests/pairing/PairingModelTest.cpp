@@ -15,17 +15,6 @@ class PairingModelTest : public ::testing::Test {
     PairingModel& model = *h.model;
 };
 
-TEST_F(PairingModelTest, RefreshOfAFreshInstallReadsAsUnpaired) {
-    model.refresh();
-    EXPECT_FALSE(model.paired());
-    EXPECT_EQ(model.deviceName(), "");
-    EXPECT_EQ(model.relayRegion(), "auto");
-    EXPECT_EQ(model.relayOverride(), "");
-    EXPECT_EQ(model.bridgeUrl(), "");
-    EXPECT_EQ(model.wdaStatus(), "");
-    EXPECT_TRUE(h.http.requests().empty());
-}
-
 TEST_F(PairingModelTest, RefreshMirrorsTheStoreAndKeepsTheLastKnownBridgeUrl) {
     h.storePairing("K", "Desk");
     h.update([](auto& values) {
@@ -62,31 +51,6 @@ TEST_F(PairingModelTest, RefreshAnnouncesEveryAssignmentEvenWithoutChangeAndLeav
     EXPECT_EQ(model.status(), "kept");
 }
 
-TEST_F(PairingModelTest, SaveRelayStoresTheRegionAsTypedAndTheOverrideTrimmedButUnchecked) {
-    h.storePairing("K", "Desk");
-    h.update([](auto& values) {
-        values.codec = "h264";
-        values.fps = 30;
-    });
-    const char* cases[][3] = {// region, typed override, stored override
-                              {"eu", "  wss://relay.test/x \n", "wss://relay.test/x"},
-                              {"us", "http://other.test", "http://other.test"},
-                              {" mars ", "not a url", "not a url"},
-                              {"auto", "   ", ""}};
-    for (const auto& [region, typed, stored] : cases) {
-        SCOPED_TRACE(typed);
-        auto expected = h.config.load();
-        expected.relayRegion = region;
-        expected.relayOverride = stored;
-        model.setRelayRegion(region);
-        model.setRelayOverride(typed);
-        model.saveRelay();
-        EXPECT_EQ(h.config.load(), expected);
-        EXPECT_EQ(model.relayOverride(), typed);
-        EXPECT_EQ(model.status(), "Relay preference saved — applies on next broadcast start.");
-    }
-}
-
 TEST_F(PairingModelTest, UnpairClearsEverythingButTheBridgeUrlAndSaysSo) {
     h.storePairing("K", "Desk");
     h.update([](auto& values) {
@@ -102,39 +66,6 @@ TEST_F(PairingModelTest, UnpairClearsEverythingButTheBridgeUrlAndSaysSo) {
     EXPECT_EQ(model.bridgeUrl(), "https://bridge.test");
     EXPECT_EQ(model.wdaStatus(), "");
     EXPECT_EQ(h.config.load(), SharedConfig::Values{});
-}
-
-TEST_F(PairingModelTest, BroadcastExtensionIdPrefersTheFoundExtension) {
-    h.extensionID = "found.upload";
-    EXPECT_EQ(model.broadcastExtensionID(), "found.upload");
-    h.extensionID.reset();
-    h.bundle.identifier = "a.b.c";
-    EXPECT_EQ(model.broadcastExtensionID(), "a.b.c.broadcast");
-    h.bundle.identifier.reset();
-    EXPECT_EQ(model.broadcastExtensionID(), "co.velmorand.connect.broadcast");
-}
-
-TEST_F(PairingModelTest, CopyPairUrlTakesTheTypedElseStoredKeyUnencoded) {
-    const struct {
-        const char* field;
-        std::optional<std::string> storedKey;
-        const char* copied;
-    } cases[] = {{"", "S", "S"},           {" \n", " S2 ", "S2"},       {" A b ", "S", "A b"},
-                 {"T", std::nullopt, "T"}, {"", std::nullopt, nullptr}, {"  ", "  ", nullptr}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.field);
-        h.update([&](auto& values) { values.accessKey = c.storedKey; });
-        h.pasteboard.strings.clear();
-        model.copyPairURL(c.field);
-        if (c.copied) {
-            EXPECT_EQ(h.pasteboard.strings,
-                      std::vector<std::string>{model.pairLinkPrefix() + c.copied});
-            EXPECT_EQ(model.status(), "Copied pair URL.");
-        } else {
-            EXPECT_TRUE(h.pasteboard.strings.empty());
-            EXPECT_EQ(model.status(), "Paste an access key first.");
-        }
-    }
 }
 
 TEST_F(PairingModelTest, AScannedCodeFillsTheFieldAndPairsOrSaysItHadNoKey) {

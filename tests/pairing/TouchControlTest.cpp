@@ -39,15 +39,6 @@ TEST(TouchControl, StartWithoutAKeyAsksForPairing) {
     EXPECT_TRUE(h.queue.pendingDelays().empty());
 }
 
-TEST(TouchControl, AnUnusableBaseUrlEndsSilently) {
-    Harness h("K", "https://bad host");
-    const auto seen = testing::recordAnnouncements(*h.model);
-    h.model->startWda();
-    h.model->refreshWdaStatus();
-    EXPECT_TRUE(seen->empty());
-    EXPECT_TRUE(h.http.requests().empty());
-}
-
 TEST(TouchControl, StartPostsTheKeyThenWaitsEightSecondsBeforeTheFollowUpCheck) {
     Harness h;
     h.http.route("POST", kBridgeURL, answer(202, R"j({"message":"Queued (3 ahead)"})j"));
@@ -85,55 +76,6 @@ TEST(TouchControl, ASecondStartRunsAlongsideAndTheFirstWaitClearsBusy) {
     EXPECT_FALSE(h.model->bridgeBusy());
     EXPECT_EQ(h.http.requests("POST").size(), 2u);
     EXPECT_EQ(h.queue.pendingDelays().size(), 1u);
-}
-
-TEST(TouchControl, TheStartAnswerIsShownUntilTheFollowUp) {
-    const std::pair<HttpOutcome, const char*> cases[] = {
-        {answer(202, R"j({"message":"Queued (3 ahead)"})j"), "Queued (3 ahead)"},
-        {answer(200, ""), kQueued},
-        {answer(204, std::nullopt), kQueued},
-        {answer(200, R"({"message":3,"error":"x"})"), kQueued},
-        {answer(409, R"({"error":"Device busy"})"), "Device busy"},
-        {answer(500, "<html>oops</html>"), "Start refused (500)"},
-        {answer(403, R"({"message":"no"})"), "Start refused (403)"},
-        {transportError("Could not connect."), "Start failed: Could not connect."},
-    };
-    for (const auto& [outcome, text] : cases) {
-        Harness h;
-        h.http.route("POST", kBridgeURL, outcome);
-        h.model->startWda();
-        h.queue.runReady();
-        EXPECT_EQ(h.model->wdaStatus(), text);
-        EXPECT_TRUE(h.model->bridgeBusy());
-        EXPECT_EQ(h.queue.pendingDelays(), std::vector<double>{8.0});
-    }
-}
-
-TEST(TouchControl, TheBaseIsTheStoredElseDefaultUrlWithoutOuterSlashes) {
-    const std::pair<std::optional<std::string>, const char*> cases[] = {
-        {std::nullopt, "https://app.velmorand.test/api/agent/wda"},
-        {"https://b.test", "https://b.test/api/agent/wda"},
-        {"https://b.test//", "https://b.test/api/agent/wda"},
-        {"/x/", "x/api/agent/wda"}};
-    for (const auto& [appURL, endpoint] : cases) {
-        SCOPED_TRACE(endpoint);
-        Harness h("a b&c", appURL);
-        h.model->startWda();
-        h.model->refreshWdaStatus();
-        const auto sent = h.http.requests();
-        ASSERT_EQ(sent.size(), 2u);
-        EXPECT_EQ(sent[0].url, endpoint);
-        // The status check carries the key as its one query item, and nothing else.
-        EXPECT_EQ(sent[1].method, "GET");
-        EXPECT_EQ(sent[1].timeout, HttpRequest::kDefaultTimeout);
-        EXPECT_FALSE(sent[1].body);
-        EXPECT_TRUE(sent[1].url.starts_with(std::string(endpoint) + "?"));
-        const auto components = UrlComponents::parse(sent[1].url);
-        ASSERT_TRUE(components);
-        ASSERT_EQ(components->queryItems.size(), 1u);
-        EXPECT_EQ(components->queryItems[0].name, "accessKey");
-        EXPECT_EQ(components->queryItems[0].value, "a b&c");
-    }
 }
 
 TEST(TouchControl, AStatusCheckWithoutKeyDependsOnThePairedFlag) {

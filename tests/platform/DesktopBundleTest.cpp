@@ -70,41 +70,5 @@ TEST(DesktopGroupContainersTest, CreatesOnlyTheKnownGroupPrivately) {
     EXPECT_EQ(containers.containerDirectory("group.co.velmorand.other"), std::nullopt);
 }
 
-TEST(StderrLogTest, LinesFromManyThreadsArriveWhole) {
-    int pipeEnds[2];
-    ASSERT_EQ(::pipe(pipeEnds), 0);
-    std::string received;
-    std::thread reader([&] {
-        char buffer[4096];
-        for (ssize_t count; (count = ::read(pipeEnds[0], buffer, sizeof buffer)) > 0;) {
-            received.append(buffer, static_cast<std::size_t>(count));
-        }
-    });
-    {
-        StderrLog log(pipeEnds[1]);
-        std::vector<std::jthread> writers;
-        for (char tag = 'a'; tag < 'e'; ++tag) {
-            writers.emplace_back([&log, tag] {
-                for (int i = 0; i < 200; ++i) {
-                    log.write(std::string(300, tag));
-                }
-            });
-        }
-    }
-    ::close(pipeEnds[1]);
-    reader.join();
-    ::close(pipeEnds[0]);
-    std::size_t lines = 0;
-    std::size_t start = 0;
-    for (auto end = received.find('\n'); end != std::string::npos;
-         start = end + 1, end = received.find('\n', start), ++lines) {
-        const auto line = std::string_view(received).substr(start, end - start);
-        ASSERT_EQ(line.size(), 300u);
-        ASSERT_EQ(line.find_first_not_of(line[0]), std::string_view::npos);
-    }
-    EXPECT_EQ(lines, 800u);
-    EXPECT_EQ(start, received.size());
-}
-
 }  // namespace
 }  // namespace velmorand

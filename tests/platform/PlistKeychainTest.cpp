@@ -102,58 +102,6 @@ TEST_F(PlistKeychainTest, StoresReturnsAndRemovesItemsAcrossInstances) {
     EXPECT_EQ(chain.copyMatching({{"acct", text("other")}}, nullptr), kc::kItemNotFound);
 }
 
-TEST_F(PlistKeychainTest, AccessGroupsFollowTheProfile) {
-    const std::string appId =
-        "<key>application-identifier</key><string>TEAM3.co.velmorand.connect</string>";
-    const std::tuple<const char*, std::optional<std::string>, std::optional<std::string>,
-                     std::vector<std::string>, std::vector<std::string>>
-        cases[] = {
-            // label, profile (none: no file), default group, granted groups, refused groups
-            {"access groups",
-             profile(kTeamGroups),
-             "TEAM1.co.velmorand.connect",
-             {"TEAM1.co.velmorand.shared"},
-             {"TEAM1.co.velmorand.other", "TEAM2.co.velmorand.shared"}},
-            {"application identifier only",
-             profile(appId),
-             "TEAM3.co.velmorand.connect",
-             {"TEAM3.co.velmorand.connect"},
-             {"TEAM3.co.velmorand.shared"}},
-            {"wildcard",
-             profile(appId + "<key>keychain-access-groups</key><array><string>TEAM3.*</string>"
-                             "</array>"),
-             "TEAM3.co.velmorand.connect",
-             {"TEAM3.co.velmorand.shared", "TEAM3.anything"},
-             {"TEAM5.co.velmorand.shared", "TEAM3"}},
-            {"no groups at all", profile("<key>Other</key><true/>"), std::nullopt, {}, {"TEAM1.x"}},
-            {"no well-ordered list",
-             "</plist>junk" + profile(kTeamGroups).substr(0, 70),
-             {},
-             {},
-             {"TEAM1.co.velmorand.shared"}},
-            {"no profile", std::nullopt, std::nullopt, {}, {"TEAM1.co.velmorand.shared"}},
-        };
-    for (const auto& [label, contents, defaultGroup, granted, refused] : cases) {
-        SCOPED_TRACE(label);
-        testing::TempDir scratch;
-        PlistKeychain chain(scratch.path() / "keychain.plist",
-                            contents ? std::optional(writeProfile(*contents)) : std::nullopt);
-        EXPECT_EQ(chain.defaultAccessGroup(), defaultGroup);
-        KeychainResult result;
-        const int status = chain.add(kProbe, &result);
-        EXPECT_EQ(status, defaultGroup ? kc::kSuccess : kc::kMissingEntitlement);
-        if (defaultGroup && status == kc::kSuccess) {
-            EXPECT_EQ(std::get<KeychainAttributes>(result).at("agrp"), StoredValue{*defaultGroup});
-        }
-        for (const auto& group : granted) {
-            EXPECT_EQ(chain.add(mirror(group), nullptr), kc::kSuccess) << group;
-        }
-        for (const auto& group : refused) {
-            EXPECT_EQ(chain.add(mirror(group), nullptr), kc::kMissingEntitlement) << group;
-        }
-    }
-}
-
 TEST_F(PlistKeychainTest, DamagedFileReadsEmptyAndIsSetAside) {
     std::filesystem::create_directories(file.parent_path());
     std::ofstream(file) << "<plist><dict/></plist>";  // a dictionary where an array belongs

@@ -89,23 +89,6 @@ TEST_F(PlistSettingsStoreTest, ValuesKeepTheirTypeThroughAPrivateFile) {
     EXPECT_EQ(modeOf(dir.path() / "deep"), 0700u);
 }
 
-TEST_F(PlistSettingsStoreTest, ChangesStayPrivateUntilSynchronized) {
-    PlistSettingsStore a(file);
-    PlistSettingsStore b(file);
-    a.setObject("k", text("old"));
-    a.synchronize();
-    EXPECT_EQ(b.object("k"), text("old"));  // first access loads
-    a.setObject("k", text("new"));
-    EXPECT_EQ(a.object("k"), text("new"));
-    EXPECT_EQ(PlistSettingsStore(file).object("k"), text("old"));
-    a.synchronize();
-    EXPECT_EQ(b.object("k"), text("new"));  // as the file holds it now, not as b first read it
-    a.remove("k");
-    EXPECT_EQ(a.object("k"), std::nullopt);
-    a.synchronize();
-    EXPECT_EQ(PlistSettingsStore(file).object("k"), std::nullopt);
-}
-
 TEST_F(PlistSettingsStoreTest, WritersOfDifferentKeysKeepEachOthersValues) {
     PlistSettingsStore a(file);
     PlistSettingsStore b(file);
@@ -117,24 +100,6 @@ TEST_F(PlistSettingsStoreTest, WritersOfDifferentKeysKeepEachOthersValues) {
     b.synchronize();
     EXPECT_EQ(PlistSettingsStore(file).object("x"), StoredValue{std::int64_t{1}});
     EXPECT_EQ(PlistSettingsStore(file).object("y"), StoredValue{std::int64_t{2}});
-}
-
-TEST_F(PlistSettingsStoreTest, OtherPropertyListTypesReadAbsentAndSurvive) {
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file) << R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>
-      <key>list</key><array><string>kept</string></array>
-      <key>when</key><date>2024-05-06T07:08:09Z</date><key>plain</key><string>p</string>
-      </dict></plist>)";
-    PlistSettingsStore store(file);
-    EXPECT_EQ(store.object("list"), std::nullopt);
-    EXPECT_EQ(store.object("when"), std::nullopt);
-    EXPECT_EQ(store.object("plain"), text("p"));
-    store.setBool("flag", true);
-    store.synchronize();
-    EXPECT_EQ(parsedFile(file), nlohmann::json({{"list", {"kept"}},
-                                                {"when", "2024-05-06T07:08:09Z"},
-                                                {"plain", "p"},
-                                                {"flag", true}}));
 }
 
 TEST_F(PlistSettingsStoreTest, DamagedFileReadsEmptyAndIsSetAside) {
@@ -198,26 +163,6 @@ TEST_F(PlistSettingsStoreTest, AWriterKilledAtAnyMomentLeavesOldOrNewContent) {
     }
 }
 
-TEST(DesktopSettingsStoresTest, OpensTheGroupSuiteOnceAndNoOther) {
-    testing::TempDir dir;
-    DesktopSettingsStores stores{DataRoot(dir.path())};
-    auto group = stores.suite("group.co.velmorand.connect");
-    ASSERT_NE(group, nullptr);
-    EXPECT_EQ(stores.suite("group.co.velmorand.connect"), group);
-    EXPECT_EQ(stores.suite("group.co.velmorand.other"), nullptr);
-    EXPECT_EQ(stores.suite("co.velmorand.connect"), nullptr);
-    group->setObject("g", text("group"));
-    group->synchronize();
-    stores.standard().setObject("s", text("standard"));
-    stores.standard().synchronize();
-    EXPECT_EQ(PlistSettingsStore(dir.path() / "Group Containers" / "group.co.velmorand.connect" /
-                                 "Library/Preferences/group.co.velmorand.connect.plist")
-                  .object("g"),
-              text("group"));
-    EXPECT_EQ(PlistSettingsStore(dir.path() / "Preferences/co.velmorand.connect.plist").object("s"),
-              text("standard"));
-}
-
 TEST(DataRootTest, ResolvesInOrderOfPrecedence) {
     using Environment = std::map<std::string, std::string, std::less<>>;
     const Environment all = {
@@ -236,37 +181,6 @@ TEST(DataRootTest, ResolvesInOrderOfPrecedence) {
         EXPECT_EQ(DataRoot::resolve(dataDir, lookup).root(), expected) << expected;
     }
     EXPECT_EQ(DataRoot("/r").keychainFile(), "/r/Keychain/keychain.plist");
-}
-
-TEST(ServiceEndpointsTest, OptionThenEnvironmentThenBuiltInAsABaseUrl) {
-    const auto from = [](std::map<std::string, std::string, std::less<>> environment) {
-        return [environment](std::string_view name) -> std::optional<std::string> {
-            const auto it = environment.find(name);
-            return it == environment.end() ? std::nullopt : std::optional(it->second);
-        };
-    };
-    const auto service = from({{"VELMORAND_SERVICE_URL", "https://env/"}});
-    EXPECT_EQ(ServiceEndpoints::resolve("https://option", service).appURL, "https://option");
-    EXPECT_EQ(ServiceEndpoints::resolve(std::nullopt, service).appURL, "https://env");
-    for (const auto& [given, base] : std::map<std::string, std::string>{
-             {"https://x.example/", "https://x.example"},
-             {"HTTP://x.example:8080//", "http://x.example:8080"},
-             {"https://x.example/base/", "https://x.example/base"}}) {
-        EXPECT_EQ(ServiceEndpoints::resolve(given, service).appURL, base);
-    }
-    for (const char* notHttp : {"", "x.example", "ftp://x.example", "https:///p", "https://x/?a=1",
-                                "https://x/#f", "https://x y"}) {
-        EXPECT_THROW(ServiceEndpoints::resolve(notHttp, service), InvalidServiceUrl) << notHttp;
-    }
-    EXPECT_THROW(ServiceEndpoints::resolve(std::nullopt, from({{"VELMORAND_SERVICE_URL", "x.y"}})),
-                 InvalidServiceUrl);
-    const auto builtIn =
-        ServiceEndpoints::resolve(std::nullopt, from({{"VELMORAND_SERVICE_URL", ""}}));
-    EXPECT_TRUE(builtIn.appURL.starts_with("https://")) << builtIn.appURL;
-    EXPECT_EQ(builtIn.wdaStatusURL, "http://127.0.0.1:8100/status");
-    EXPECT_EQ(ServiceEndpoints::resolve(std::nullopt, from({{"VELMORAND_WDA_URL", "http://x/s"}}))
-                  .wdaStatusURL,
-              "http://x/s");
 }
 
 }  // namespace

@@ -100,16 +100,6 @@ TEST(RelayOutbound, AnIdleSocketTakesAFrameLargerThanTheBudget) {
     EXPECT_EQ(frame(1), Outbound::Outcome::sent);
 }
 
-TEST(RelayOutboundDeath, ByteCountOverflowStopsTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    auto outbound = Outbound::make();
-    outbound->replace("a");
-    const auto transmit = [](auto&, auto, auto) {};
-    const auto max = std::numeric_limits<std::int64_t>::max();
-    outbound->sendWithin(max, max, transmit);
-    EXPECT_DEATH(outbound->sendWithin(max, 1, transmit), "");
-}
-
 // Senders on four threads while a fifth swaps the socket; half the sends release at once (under
 // the lock, as the client does), the rest release later from other threads, twice each.
 TEST(RelayOutboundThreads, CountsStayBalancedWhileOthersSendReleaseAndReplace) {

@@ -1,12 +1,11 @@
-// The stream's rules on their own: the frame header, the byte budget, the pacing, the viewers'
-// live settings and the H.264 encoder record.
+// The stream's rules on their own: the byte budget, the pacing, the viewers' live settings and
+// the H.264 encoder record.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 
 #include "StreamFakes.h"
-#include "velmorand/relay/FrameHeader.h"
 #include "velmorand/stream/FrameBudget.h"
 #include "velmorand/stream/FramePacer.h"
 #include "velmorand/stream/H264Encoder.h"
@@ -17,39 +16,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Bytes8 = std::vector<std::uint8_t>;
-
-TEST(FrameHeader, WritesTheDocumentedLayoutAndReadsOnlyWhatItWrote) {
-    const FrameHeader header{.codec = FrameCodec::h264,
-                             .keyFrame = true,
-                             .parameterSets = true,
-                             .captureTimeUs = 0x0102030405060708,
-                             .sequence = 0x0A0B0C0D,
-                             .pictureWidth = 960,
-                             .pictureHeight = 540,
-                             .screenWidth = 1920,
-                             .screenHeight = 1080};
-    Bytes8 bytes(FrameHeader::kSize);
-    header.write(std::span<std::uint8_t, FrameHeader::kSize>(bytes.data(), FrameHeader::kSize));
-    EXPECT_EQ(bytes, (Bytes8{'V',  'M',  'F',  '1',  2,    3,    0,    0,    1,    2,
-                             3,    4,    5,    6,    7,    8,    0x0A, 0x0B, 0x0C, 0x0D,
-                             0x03, 0xC0, 0x02, 0x1C, 0x07, 0x80, 0x04, 0x38}));
-    EXPECT_EQ(FrameHeader::read(bytes), header);
-
-    const auto changed = [&bytes](std::size_t at, std::uint8_t value) {
-        Bytes8 copy = bytes;
-        copy[at] = value;
-        return copy;
-    };
-    EXPECT_FALSE(FrameHeader::read(Bytes8(bytes.begin(), bytes.end() - 1)));
-    EXPECT_FALSE(FrameHeader::read(changed(3, '2')));  // another version
-    EXPECT_FALSE(FrameHeader::read(changed(4, 0)));    // no such codec
-    EXPECT_FALSE(FrameHeader::read(changed(4, 3)));
-    // Flags and reserved bytes a later sender may define are no reason to refuse a frame.
-    const auto later = FrameHeader::read(changed(5, 0xF1));
-    ASSERT_TRUE(later);
-    EXPECT_TRUE(later->keyFrame);
-    EXPECT_FALSE(later->parameterSets);
-}
 
 TEST(FrameBudget, HalfASecondOfTheStreamButNeverUnder256KiB) {
     struct Row {

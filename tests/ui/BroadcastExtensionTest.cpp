@@ -88,20 +88,5 @@ TEST(BroadcastExtensionTest, FindsTheUploadExtensionAndItsProgram) {
     }
 }
 
-// The directory listing decides which upload extension is the first, not the names; the first
-// ends the walk even when it has no identifier.
-TEST(BroadcastExtensionTest, TheFirstUploadExtensionListedWins) {
-    testing::TempDir dir;
-    const auto plugIns = dir.path() / "PlugIns";
-    for (const std::string name : {"A", "B", "C", "D"}) {
-        std::filesystem::create_directories(plugIns / (name + ".appex"));
-        std::ofstream(plugIns / (name + ".appex/Info.plist"))
-            << info(kUpload, name == "B" ? Text() : Text(name), "p");
-    }
-    const auto first = std::filesystem::directory_iterator(plugIns)->path().stem().string();
-    const testing::FakeBundle bundle(dir.path());
-    EXPECT_EQ(BroadcastExtension::bundleIdentifier(bundle), first == "B" ? Text() : Text(first));
-}
-
 }  // namespace
 }  // namespace velmorand

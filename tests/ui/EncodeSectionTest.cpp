@@ -22,38 +22,6 @@ class EncodeSectionTest : public ::testing::Test, protected testing::InMemoryCon
     EncodeSection section{config};
 };
 
-TEST_F(EncodeSectionTest, LoadsDefaultsOrWhatWasSavedAndSavingKeepsOtherFields) {
-    edit("h264", 7, 0.9, 0.9);
-    section.loadEncode();  // nothing stored yet
-    EXPECT_EQ(section.codec(), "jpeg");
-    EXPECT_EQ(section.fpsText(), "FPS 20");
-    EXPECT_EQ(section.qualityText(), "Quality 40%");
-    EXPECT_EQ(section.scaleText(), "Scale 50%");
-
-    SharedConfig::Values before;
-    before.deviceToken = "t";
-    before.bitrate = 4'000'000;
-    before.relayOverride = "wss://o";
-    config.persist(before);
-    edit("H264", 30, 0.8, 0.75);
-    section.persistEncode();
-    EXPECT_EQ(section.status(), "Saved — applies on next Start Broadcast.");
-    auto expected = before;
-    expected.codec = "h264";
-    expected.fps = 30;
-    expected.quality = 0.8;
-    expected.scale = 0.75;
-    EXPECT_EQ(config.load(), expected);
-
-    edit("jpeg", 45, 0.3, 0.3);
-    section.loadEncode();
-    EXPECT_EQ(section.codec(), "h264");
-    EXPECT_EQ(section.fps(), 30);
-    EXPECT_EQ(section.qualityText(), "Quality 80%");
-    EXPECT_EQ(section.scaleText(), "Scale 75%");
-    EXPECT_EQ(section.status(), "Saved — applies on next Start Broadcast.");
-}
-
 // The store's bounds (1..60, 0.1..1.0), not the controls' (5..60, 0.2 / 0.25..1.0).
 TEST_F(EncodeSectionTest, StoresValuesWithinTheStoresBounds) {
     const double nan = std::nan("");
@@ -71,17 +39,6 @@ TEST_F(EncodeSectionTest, StoresValuesWithinTheStoresBounds) {
         EXPECT_EQ(stored.quality, storedQuality);
         EXPECT_EQ(stored.scale, storedScale);
     }
-}
-
-TEST_F(EncodeSectionTest, TheStepperStaysWithinFiveToSixty) {
-    section.setFps(6);
-    section.stepFps(-1);
-    section.stepFps(-1);
-    EXPECT_EQ(section.fps(), 5);
-    section.setFps(59);
-    section.stepFps(1);
-    section.stepFps(1);
-    EXPECT_EQ(section.fpsText(), "FPS 60");
 }
 
 TEST(EncodePercent, RoundsHalvesAwayFromZero) {

@@ -75,10 +75,5 @@ TEST_F(ExtensionLogTest, ReadsAsEmptyWhenThereIsNothingValidToShow) {
     EXPECT_EQ(read("fine"), "");
 }
 
-TEST_F(ExtensionLogTest, WithoutTheGroupTouchesNoFile) {
-    EXPECT_EQ(read("hello", false), "");
-    EXPECT_EQ(containers.calls, 0);
-}
-
 }  // namespace
 }  // namespace velmorand
