@@ -17,8 +17,7 @@ namespace {
 constexpr int kScreenWidth = 128;
 constexpr int kScreenHeight = 96;
 
-// BGRX with rows padded past the picture, as some screens lay them out; the padding holds a
-// colour none of the quadrants has, so reading it would show.
+// BGRX with rows padded past the picture, as some screens lay them out.
 struct Screen {
     static constexpr int kPadding = 32;
     std::vector<std::uint8_t> pixels;

@@ -4,7 +4,6 @@
 
 #include "PairingHarness.h"
 #include "velmorand/pairing/JsonError.h"
-#include "velmorand/platform/UrlComponents.h"
 
 namespace velmorand {
 namespace {

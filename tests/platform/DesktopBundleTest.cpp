@@ -5,10 +5,8 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <thread>
 
 #include "TempDir.h"
-#include "velmorand/desktop/StderrLog.h"
 
 namespace velmorand {
 namespace {

@@ -14,8 +14,6 @@
 
 #include "TempDir.h"
 #include "velmorand/desktop/DataRoot.h"
-#include "velmorand/desktop/DesktopSettingsStores.h"
-#include "velmorand/desktop/ServiceEndpoints.h"
 #include "velmorand/platform/PropertyList.h"
 
 namespace velmorand {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cfloat>
-#include <cmath>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <sstream>

@@ -76,31 +76,28 @@ class CoreKeymap {
     std::vector<xcb_keysym_t> keysyms_;
 };
 
-// One line per event that matters to an application; modifier keys show only in the state of
-// the keys they modify.
+// One line per key as an application reads it; modifier keys show only in the state of the keys
+// they modify.
 std::optional<std::string> describe(const xcb_generic_event_t& event, const CoreKeymap& keymap) {
-    switch (event.response_type & 0x7F) {
-        case XCB_KEY_PRESS: {
-            const auto& key = reinterpret_cast<const xcb_key_press_event_t&>(event);
-            const xkb_keysym_t keysym = keymap.keysym(key.detail, key.state);
-            if (keysym >= XKB_KEY_Shift_L && keysym <= XKB_KEY_Hyper_R) {
-                return std::nullopt;
-            }
-            char text[8] = {};
-            const int length = xkb_keysym_to_utf8(keysym, text, sizeof text);
-            std::string line;
-            if (length > 1 && static_cast<unsigned char>(text[0]) >= 0x20 && text[0] != 0x7F) {
-                line = std::string("type ") + text;
-            } else {
-                char name[64] = {};
-                xkb_keysym_get_name(keysym, name, sizeof name);
-                line = std::string("key ") + name;
-            }
-            return line + ((key.state & XCB_MOD_MASK_CONTROL) != 0 ? " +ctrl" : "");
-        }
-        default:
-            return std::nullopt;
+    if ((event.response_type & 0x7F) != XCB_KEY_PRESS) {
+        return std::nullopt;
     }
+    const auto& key = reinterpret_cast<const xcb_key_press_event_t&>(event);
+    const xkb_keysym_t keysym = keymap.keysym(key.detail, key.state);
+    if (keysym >= XKB_KEY_Shift_L && keysym <= XKB_KEY_Hyper_R) {
+        return std::nullopt;
+    }
+    char text[8] = {};
+    const int length = xkb_keysym_to_utf8(keysym, text, sizeof text);
+    std::string line;
+    if (length > 1 && static_cast<unsigned char>(text[0]) >= 0x20 && text[0] != 0x7F) {
+        line = std::string("type ") + text;
+    } else {
+        char name[64] = {};
+        xkb_keysym_get_name(keysym, name, sizeof name);
+        line = std::string("key ") + name;
+    }
+    return line + ((key.state & XCB_MOD_MASK_CONTROL) != 0 ? " +ctrl" : "");
 }
 
 class XcbInputInjectorTest : public ::testing::Test {
