@@ -241,6 +241,7 @@
     },
     text: (f) => ({ type: "text", value: f.elements.value.value }),
     open_url: (f) => ({ type: "open_url", url: f.elements.url.value.trim() }),
+    set_clipboard: (f) => ({ type: "set_clipboard", value: f.elements.value.value }),
     encode_settings: (f) => ({
       type: "encode_settings",
       codec: f.elements.codec.value || undefined,

@@ -1,7 +1,7 @@
 // viewer → relay → extension → X server, for remote control: the pointer and the keyboard on the
 // viewer page's live picture, in headless Chromium, carried out by the real extension on an Xvfb
-// screen, as the event recorder's window there receives them; then nothing at all from a
-// view-only extension.
+// screen, as the event recorder's window there receives them; the clipboard as xclip pastes it;
+// then nothing at all from a view-only extension.
 //
 // node control-e2e.mjs --sandbox PATH --cli PATH --broadcast PATH --bundle DIR --recorder PATH
 //                      [--screenshot PNG]
@@ -288,6 +288,28 @@ async function run() {
   const pressed = eventsSince(since, "key").map((event) => event.keysym);
   check(JSON.stringify(pressed) === JSON.stringify(expected), `the buttons arrived as ${JSON.stringify(pressed)}`);
   ok(`the device buttons arrive as ${pressed.join(", ")}`);
+
+  // The clipboard: what a viewer pastes, another application reads back in each form that can
+  // hold it (Latin-1 cannot hold the euro sign).
+  since = mark();
+  const pasted = "h\u00e9llo w\u00f6rld \u20ac \u2713";
+  const clipboard = page.getByRole("group", { name: "Clipboard", exact: true });
+  await clipboard.getByLabel("Text to paste", { exact: true }).fill(pasted);
+  await clipboard.getByRole("button").click();
+  await waitLog(since, /^control: setClipboard 15 characters$/);
+  const forms = {
+    UTF8_STRING: desktop.paste("UTF8_STRING"),
+    "text/plain;charset=utf-8": desktop.paste("text/plain;charset=utf-8"),
+    STRING: desktop.paste("STRING"),
+  };
+  check(forms.UTF8_STRING === pasted && forms["text/plain;charset=utf-8"] === pasted && forms.STRING === null,
+    `the clipboard read back as ${JSON.stringify(forms)}`);
+  const targets = desktop.paste("TARGETS") ?? "";
+  check(targets.includes("UTF8_STRING") && !targets.split("\n").includes("STRING"),
+    `the clipboard offers ${JSON.stringify(targets)}`);
+  ok(`a viewer's paste is the desktop's clipboard: ${JSON.stringify(forms)}`);
+  // The form is further down the page: the picture back into view.
+  await page.locator("#screen").scrollIntoViewIfNeeded();
 
   // View-only: the same commands are logged and nothing reaches the window.
   const stopped = await desktop.stopExtension();

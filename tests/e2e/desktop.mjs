@@ -143,6 +143,17 @@ export class Desktop {
     return result;
   }
 
+  // The CLIPBOARD as another application on this display pastes it, in the form `target`:
+  // what it got, or null when the owner refused that form.
+  paste(target) {
+    const result = spawnSync("xclip", ["-display", this.display, "-selection", "clipboard", "-o", "-t", target],
+      { encoding: "utf8", timeout: 10_000 });
+    if (result.error?.code === "ENOENT") {
+      throw new Error("xclip is missing; run scripts/setup");
+    }
+    return result.status === 0 ? result.stdout : null;
+  }
+
   readLog() {
     try {
       return fs.readFileSync(this.logPath, "utf8");

@@ -1,7 +1,9 @@
-// pair → broadcast → relay → viewer, over loopback: the sandbox, the CLI, the upload extension as
-// the application starts it, and the sandbox's viewer page in headless Chromium.
+// pair → broadcast → relay → viewer, over loopback and TLS: the sandbox serving HTTPS and wss with
+// a certificate of the test CA, the CLI, the upload extension as the application starts it (both
+// trusting that CA through VELMORAND_CA_FILE), and the sandbox's viewer page in headless Chromium.
 //
-// node viewer-e2e.mjs --sandbox PATH --cli PATH --broadcast PATH --bundle DIR [--screenshot PNG]
+// NODE_EXTRA_CA_CERTS=PKI/ca.pem node viewer-e2e.mjs --sandbox PATH --cli PATH --broadcast PATH
+//     --bundle DIR --pki DIR [--screenshot PNG]
 import { spawn, spawnSync } from "node:child_process";
 import fs from "node:fs";
 import os from "node:os";
@@ -23,10 +25,11 @@ const { values: opts } = parseArgs({
     cli: { type: "string" },
     broadcast: { type: "string" },
     bundle: { type: "string" },
+    pki: { type: "string" },
     screenshot: { type: "string" },
   },
 });
-for (const name of ["sandbox", "cli", "broadcast", "bundle"]) {
+for (const name of ["sandbox", "cli", "broadcast", "bundle", "pki"]) {
   if (!opts[name]) {
     console.error(`e2e: --${name} is required`);
     process.exit(2);
@@ -130,11 +133,15 @@ let broadcast;
 let page;
 
 async function run() {
-  sandbox = start(opts.sandbox, ["--port", "0", "--relay-ping-ms", "250"]);
+  // The CLI and the extension inherit this.
+  process.env.VELMORAND_CA_FILE = path.join(opts.pki, "ca.pem");
+  sandbox = start(opts.sandbox, ["--port", "0", "--relay-ping-ms", "250",
+    "--tls-cert", path.join(opts.pki, "server.pem"), "--tls-key", path.join(opts.pki, "server.key")]);
   const base = await waitFor("the sandbox's URL", () => {
     const line = sandbox.output.split("\n")[0];
     return sandbox.output.includes("\n") && /^https?:\/\//.test(line) ? line : null;
   });
+  check(base.startsWith("https://"), `the sandbox serves ${base}, not HTTPS`);
   ok(`sandbox listens at ${base}`);
 
   const paired = cli("--service-url", base, "pair", kAccessKey);
@@ -155,6 +162,8 @@ async function run() {
     headless: true,
     timeout: 30_000,
     viewport: { width: 1200, height: 1100 },
+    // The browser does not know the test CA.
+    ignoreHTTPSErrors: true,
     args: [
       "--headless",
       "--no-sandbox",
