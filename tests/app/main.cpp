@@ -61,28 +61,24 @@ QVideoFrame videoFrame(const QImage& image) {
 
 }  // namespace
 
-// What the QML test needs beyond the screen: the stores, the bundle's plug-ins and a stand-in
-// camera.
-class Support : public QObject {
+// Builds the application's services around the sandbox, and gives the QML test (as `support`)
+// what it needs beyond the screen: the stores, the bundle's plug-ins and a stand-in camera.
+class Setup : public QObject {
     Q_OBJECT
     Q_PROPERTY(QUrl mainUrl MEMBER mainUrl_ CONSTANT)
     Q_PROPERTY(QString demoKey MEMBER demoKey_ CONSTANT)
-    Q_PROPERTY(QString dataDir MEMBER dataDir_ CONSTANT)
-    Q_PROPERTY(QString bundleDir MEMBER bundleDir_ CONSTANT)
+    Q_PROPERTY(QString dataDir READ dataDir CONSTANT)
+    Q_PROPERTY(QString bundleDir READ bundleDir CONSTANT)
 
   public:
-    Support(app::AppServices& services, app::QrScannerBridge& scanner, const fs::path& root)
-        : services_(services),
-          scanner_(scanner),
-          root_(root),
-          dataDir_(QString::fromStdString((root / "data").string())),
-          bundleDir_(QString::fromStdString((root / "bundle").string())) {}
+    QString dataDir() const { return QString::fromStdString((root() / "data").string()); }
+    QString bundleDir() const { return QString::fromStdString((root() / "bundle").string()); }
 
-    Q_INVOKABLE void clearStore() { services_.config.clear(); }
+    Q_INVOKABLE void clearStore() { services_->config.clear(); }
 
     // A stored field as text ("" when absent).
     Q_INVOKABLE QString stored(const QString& key) const {
-        const auto dict = SharedConfig::dict(services_.config.load());
+        const auto dict = SharedConfig::dict(services_->config.load());
         const auto it = dict.find(key.toStdString());
         return it == dict.end()
                    ? QString()
@@ -112,52 +108,19 @@ class Support : public QObject {
         return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
     }
 
-    Q_INVOKABLE void writeExtensionLog(const QString& text) {
-        const auto container =
-            services_.environment.groupContainers.containerDirectory(kAppGroupName);
-        if (container) {
-            std::ofstream(*container / "extension.log", std::ios::binary) << text.toStdString();
-        }
-    }
-
     // Frames from a stand-in camera, fed straight into the scanner.
     Q_INVOKABLE void attachCamera() {
-        scanner_.setVideoSink(&camera_);
-        scanner_.setMinimumFrameInterval(0);
+        bridges_->scanner.setVideoSink(&camera_);
+        bridges_->scanner.setMinimumFrameInterval(0);
     }
     Q_INVOKABLE void showQrCode(const QString& text) {
         camera_.setVideoFrame(videoFrame(cameraView(text)));
     }
 
-  private:
-    fs::path extensionDir() const { return root_ / "bundle" / "PlugIns" / "Upload.appex"; }
-    fs::path launchRecordFile() const { return root_ / "launched.txt"; }
-
-    app::AppServices& services_;
-    app::QrScannerBridge& scanner_;
-    const fs::path root_;
-    const QUrl mainUrl_{QStringLiteral("qrc:/velmorand/qml/Main.qml")};
-    const QString demoKey_ = QString::fromStdString(std::string(sandbox::SandboxOptions::kDemoKey));
-    const QString dataDir_;
-    const QString bundleDir_;
-    QVideoSink camera_;
-};
-
-class Setup : public QObject {
-    Q_OBJECT
-
-  public:
-    Setup() {
-        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
-            qputenv("QT_QPA_PLATFORM", "offscreen");
-        }
-    }
-
   public slots:
     void applicationAvailable() {
-        const fs::path root = scratch_.path().toStdString();
-        const auto dataDir = root / "data";
-        const auto bundleDir = root / "bundle";
+        const auto dataDir = root() / "data";
+        const auto bundleDir = root() / "bundle";
         fs::create_directories(bundleDir / "PlugIns");
         for (const char* name : {"Info.plist", "embedded.mobileprovision"}) {
             fs::copy_file(fs::path(VELMORAND_BUNDLE_SOURCE_DIR) / name, bundleDir / name);
@@ -173,32 +136,35 @@ class Setup : public QObject {
         services_ = std::make_unique<app::AppServices>(
             DesktopLocations{dataDir, bundleDir},
             ServiceEndpoints{sandbox_->baseUrl(), sandbox_->wdaBaseUrl() + "/status"});
-        const QStringList extensionArguments{
-            QStringLiteral("--data-dir"), QString::fromStdString(dataDir.string()),
-            QStringLiteral("--bundle-dir"), QString::fromStdString(bundleDir.string())};
-        bridges_ = std::make_unique<app::ScreenBridges>(*services_, extensionArguments);
-        support_ = std::make_unique<Support>(*services_, bridges_->scanner, root);
+        bridges_ = std::make_unique<app::ScreenBridges>(
+            *services_, QStringList{QStringLiteral("--data-dir"), this->dataDir(),
+                                    QStringLiteral("--bundle-dir"), this->bundleDir()});
     }
 
     void qmlEngineAvailable(QQmlEngine* engine) {
         bridges_->exposeTo(*engine->rootContext());
-        engine->rootContext()->setContextProperty(QStringLiteral("support"), support_.get());
+        engine->rootContext()->setContextProperty(QStringLiteral("support"), this);
     }
 
     // The services are QObjects of the application: gone before it is.
     void cleanupTestCase() {
-        support_.reset();
         bridges_.reset();
         services_.reset();
         sandbox_.reset();
     }
 
   private:
+    fs::path root() const { return scratch_.path().toStdString(); }
+    fs::path extensionDir() const { return root() / "bundle" / "PlugIns" / "Upload.appex"; }
+    fs::path launchRecordFile() const { return root() / "launched.txt"; }
+
     QTemporaryDir scratch_;
+    const QUrl mainUrl_{QStringLiteral("qrc:/velmorand/qml/Main.qml")};
+    const QString demoKey_ = QString::fromStdString(std::string(sandbox::SandboxOptions::kDemoKey));
+    QVideoSink camera_;
     std::unique_ptr<sandbox::Sandbox> sandbox_;
     std::unique_ptr<app::AppServices> services_;
     std::unique_ptr<app::ScreenBridges> bridges_;
-    std::unique_ptr<Support> support_;
 };
 
 QUICK_TEST_MAIN_WITH_SETUP(app_tests, Setup)

@@ -74,13 +74,7 @@ TestCase {
         compare(field.text, text)
     }
 
-    function pairWithDemoKey() {
-        typeInto("keyField", support.demoKey)
-        click("pairButton")
-        tryCompare(pairing, "paired", true, 10000)
-    }
-
-    function test_pairButtonNeedsAKeyAndTheStoredKeyIsTrimmed() {
+    function test_pairTrimsTheKeyThenUnpairs() {
         const button = item("pairButton")
         compare(button.enabled, false)
         typeInto("keyField", "   ")
@@ -89,13 +83,8 @@ TestCase {
         click("pairButton")
         tryCompare(pairing, "paired", true, 10000)
         compare(support.stored("accessKey"), support.demoKey)
-    }
-
-    function test_pairThenUnpair() {
-        pairWithDemoKey()
         tryCompare(item("statusText"), "text", "Paired as " + pairing.deviceName)
         compare(item("keyField").visible, false)
-        compare(item("pairedLabel").visible, true)
         compare(item("deviceNameText").text, pairing.deviceName || "Paired")
 
         click("unpairButton")
@@ -103,14 +92,6 @@ TestCase {
         tryCompare(item("statusText"), "text", "Unpaired")
         compare(item("pairedLabel").visible, false)
         compare(support.stored("deviceToken"), "")
-    }
-
-    function test_failedPairingSaysWhy() {
-        typeInto("keyField", "not-a-key")
-        click("pairButton")
-        tryVerify(() => item("statusText").text.startsWith("Pairing failed: "), 10000)
-        compare(pairing.paired, false)
-        compare(pairing.busy, false)
     }
 
     function test_saveRelayPreference() {
@@ -126,10 +107,6 @@ TestCase {
                    "Relay preference saved — applies on next broadcast start.")
         compare(support.stored("relayRegion"), "eu")
         compare(support.stored("relayOverride"), "wss://relay.example/x")
-
-        pairing.refresh()
-        tryCompare(item("relayOverrideField"), "text", "wss://relay.example/x")
-        compare(picker.currentText, "EU")
     }
 
     function test_saveEncodePreference() {
@@ -157,14 +134,6 @@ TestCase {
         compare(support.stored("fps"), "22")
         compare(Number(support.stored("quality")), 0.45)
         compare(Number(support.stored("scale")), 0.25)
-
-        // Unsaved edits go when the section loads again.
-        click("codec-jpeg")
-        encode.fps = 60
-        compare(item("fpsUp").enabled, false)
-        encode.loadEncode()
-        compare(item("codec-h264").checked, true)
-        compare(item("fpsUp").enabled, true)
     }
 
     function test_broadcastButtonFollowsPairingAndExtension() {
@@ -177,7 +146,9 @@ TestCase {
         compare(item("missingExtensionText").visible, false)
         support.removeExtension()
 
-        pairWithDemoKey()
+        typeInto("keyField", support.demoKey)
+        click("pairButton")
+        tryCompare(pairing, "paired", true, 10000)
         tryCompare(item("missingExtensionText"), "visible", true)
         compare(button.text, "Broadcast extension missing")
         compare(item("pairFirstText").visible, false)
@@ -239,14 +210,5 @@ TestCase {
         verify(texts.length > 20, texts.length + " texts")
         for (const text of texts)
             compare(text.textFormat, Text.PlainText, text.objectName + " " + text.text)
-    }
-
-    function test_diagnosticsShowTheLogOrTheEmptyText() {
-        support.writeExtensionLog("")
-        click("refreshLogButton")
-        compare(item("logText").text, "(empty — start a broadcast first)")
-        support.writeExtensionLog("started\nframe 1\n")
-        click("refreshLogButton")
-        compare(item("logText").text, "started\nframe 1\n")
     }
 }

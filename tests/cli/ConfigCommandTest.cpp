@@ -5,13 +5,8 @@
 #include <nlohmann/json.hpp>
 
 #include "CommandRunner.h"
+#include "DesktopConfig.h"
 #include "TempDir.h"
-#include "velmorand/config/AppGroup.h"
-#include "velmorand/config/SharedConfig.h"
-#include "velmorand/desktop/DataRoot.h"
-#include "velmorand/desktop/DesktopBundle.h"
-#include "velmorand/desktop/DesktopSettingsStores.h"
-#include "velmorand/desktop/PlistKeychain.h"
 
 namespace velmorand {
 namespace {
@@ -24,39 +19,12 @@ class ConfigCommandTest : public ::testing::Test {
         return testing::runCommand(VELMORAND_CLI, arguments);
     }
 
-    // The configuration as the app holds it, through the same desktop stores the program uses.
-    struct AppConfig {
-        explicit AppConfig(const std::filesystem::path& dataDir)
-            : root(dataDir),
-              stores(root),
-              keychain(root.keychainFile(), bundle.resource("embedded", "mobileprovision")) {}
-
-        DataRoot root;
-        DesktopBundle bundle{VELMORAND_DEV_BUNDLE};
-        DesktopSettingsStores stores;
-        PlistKeychain keychain;
-        AppGroup group{bundle};
-        SharedConfig config{stores, keychain, group};
-    };
-
     void store(const SharedConfig::Values& values) {
-        AppConfig(data_.path()).config.persist(values);
+        testing::DesktopConfig(data_.path(), VELMORAND_DEV_BUNDLE).config.persist(values);
     }
 
     testing::TempDir data_;
 };
-
-TEST_F(ConfigCommandTest, FreshInstallShowsUnpairedWithDefaultEncode) {
-    const auto text = velmorand({"config", "show"});
-    EXPECT_EQ(text.exitCode, 0) << text.err;
-    EXPECT_EQ(text.out, "isPaired: false\nencode: jpeg, 20 fps, quality 0.4, scale 0.5\n");
-
-    const auto json = velmorand({"config", "show", "--json"});
-    EXPECT_EQ(json.exitCode, 0) << json.err;
-    EXPECT_EQ(nlohmann::json::parse(json.out),
-              nlohmann::json::parse(R"({"isPaired":false,"encode":{"codec":"jpeg","fps":20,
-                                        "quality":0.4,"scale":0.5}})"));
-}
 
 TEST_F(ConfigCommandTest, ShowsPresentFieldsInFieldOrderAndClearErasesThem) {
     const SharedConfig::Values values{
@@ -89,18 +57,34 @@ TEST_F(ConfigCommandTest, ShowsPresentFieldsInFieldOrderAndClearErasesThem) {
               "isPaired: false\nencode: jpeg, 20 fps, quality 0.4, scale 0.5\n");
 }
 
-TEST_F(ConfigCommandTest, UsageErrorsExitTwoWithOneLine) {
-    for (const auto& arguments :
-         std::vector<std::vector<std::string>>{{"config"},
-                                               {"config", "show", "--yaml"},
-                                               {"frobnicate"},
-                                               {},
-                                               {"--service-url", "ftp://x.example", "pair-url"}}) {
+TEST_F(ConfigCommandTest, UsageErrorsExitTwoWithOneLineSayingWhatIsWrong) {
+    const auto emptyFile = (data_.path() / "empty").string();
+    std::ofstream(emptyFile) << "\n";
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"config"}, ""},
+        {{"config", "show", "--yaml"}, ""},
+        {{"frobnicate"}, ""},
+        {{}, ""},
+        {{"--service-url", "ftp://x.example", "pair-url"}, ""},
+        // The relay client, unpaired, or given too little or too much.
+        {{"relay-client"}, "not paired: no relay URL and no device token stored"},
+        {{"relay-client", "--base", "ws://127.0.0.1:1/relay"}, "no device token stored"},
+        {{"relay-client", "--token", "t"}, "no relay URL stored; pair this device first"},
+        {{"relay-client", "--base", "ws://h/r", "--token-file", emptyFile}, "holds no token"},
+        {{"relay-client", "--base", "ws://h/r", "--token-file", "/nonexistent/token"},
+         "cannot read the token file /nonexistent/token"},
+        {{"relay-client", "--token", "t", "--jitter", "0"}, "--jitter must be a positive"},
+        {{"relay-client", "--token", "t", "--min-delay", "5", "--max-delay", "1"},
+         "--min-delay (5) must not exceed --max-delay (1)"},
+        {{"relay-client", "--token", "t", "--token-file", emptyFile}, "excludes"},
+    };
+    for (const auto& [arguments, message] : cases) {
         const auto result = velmorand(arguments);
-        EXPECT_EQ(result.exitCode, 2);
-        EXPECT_TRUE(result.out.empty());
+        EXPECT_EQ(result.exitCode, 2) << message;
+        EXPECT_TRUE(result.out.empty()) << result.out;
         ASSERT_FALSE(result.err.empty());
         EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
+        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
     }
     const auto help = velmorand({"--help"});
     EXPECT_EQ(help.exitCode, 0);
@@ -117,6 +101,10 @@ TEST_F(ConfigCommandTest, EncodeClampsWhatItSavesAndKeepsWhatIsNotGiven) {
     EXPECT_EQ(velmorand({"encode", "--scale", "0.75"}).out,
               "Saved — applies on next Start Broadcast.\n"
               "codec: h264\nfps: 60\nquality: 0.1\nscale: 0.75\n");
+    // The store's bounds, not the app's sliders' (5 fps, quality 0.2, scale 0.25 at the least).
+    EXPECT_EQ(velmorand({"encode", "--fps", "0", "--quality", "0.15", "--scale", "2"}).out,
+              "Saved — applies on next Start Broadcast.\n"
+              "codec: h264\nfps: 1\nquality: 0.15\nscale: 1.0\n");
     EXPECT_EQ(velmorand({"encode", "--fps", "abc"}).exitCode, 2);
 }
 
@@ -124,7 +112,7 @@ TEST_F(ConfigCommandTest, EncodeClampsWhatItSavesAndKeepsWhatIsNotGiven) {
 // saves afterwards keeps it.
 TEST_F(ConfigCommandTest, AnOpenStoreSeesAndKeepsWhatAnotherProcessSaved) {
     store({"K1", {}, "tok", "wss://relay.example/r", {}, {}, {}, {}, {}, {}, {}, {}, {}, {}});
-    AppConfig app(data_.path());
+    testing::DesktopConfig app(data_.path(), VELMORAND_DEV_BUNDLE);
     ASSERT_EQ(app.config.load().codec, std::nullopt);
 
     ASSERT_EQ(velmorand({"encode", "--codec", "h264"}).exitCode, 0);
@@ -142,8 +130,17 @@ TEST_F(ConfigCommandTest, LogPrintsTheExtensionLogOrSaysItIsEmpty) {
     EXPECT_EQ(velmorand({"log"}).out, "(empty — start a broadcast first)\n");
     const auto container = data_.path() / "Group Containers" / "group.co.velmorand.connect";
     std::filesystem::create_directories(container);
-    std::ofstream(container / "extension.log") << "started\ncontrol: tap x=1 y=2\n";
-    EXPECT_EQ(velmorand({"log"}).out, "started\ncontrol: tap x=1 y=2\n");
+    // Whole, or its last 4,000 characters, or nothing when any of it is not UTF-8.
+    const std::string tail = std::string(3999, 'b') + "\n";
+    const std::pair<std::string, std::string> cases[] = {
+        {"started\ncontrol: tap x=1 y=2\n", "started\ncontrol: tap x=1 y=2\n"},
+        {std::string(5000, 'a') + tail, tail},
+        {"good line\nbad \xc3\x28 byte\n", "(empty — start a broadcast first)\n"},
+    };
+    for (const auto& [log, shown] : cases) {
+        std::ofstream(container / "extension.log", std::ios::binary) << log;
+        EXPECT_EQ(velmorand({"log"}).out, shown) << log.size();
+    }
 }
 
 // A directory, or a pipe nobody writes to, where a file belongs reads as if it were absent.

@@ -57,20 +57,12 @@ inline const std::string kEntitledProfile =
 class ConfigFixture : public ::testing::Test {
   public:
     static SharedConfig::Values paired(const std::string& key) {
-        return {key,
-                {},
-                "token-" + key,
-                "wss://relay.example/" + key,
-                {},
-                "Phone " + key,
-                {},
-                {},
-                {},
-                {},
-                {},
-                {},
-                {},
-                {}};
+        SharedConfig::Values values;
+        values.accessKey = key;
+        values.deviceToken = "token-" + key;
+        values.relayWsUrl = "wss://relay.example/" + key;
+        values.deviceName = "Phone " + key;
+        return values;
     }
 
   protected:

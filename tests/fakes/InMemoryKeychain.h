@@ -10,8 +10,7 @@
 namespace velmorand::testing {
 
 // Generic-password items matched on every identifying attribute a query names; an add without
-// an access group lands in `defaultAccessGroup`, and an add is refused with kMissingEntitlement
-// when there is none (an installation without a provisioning profile).
+// an access group lands in the profile's first group.
 class InMemoryKeychain : public Keychain {
   public:
     int copyMatching(const KeychainAttributes& query, KeychainResult* result) override {
@@ -33,12 +32,8 @@ class InMemoryKeychain : public Keychain {
             return keychain::kParam;
         }
         KeychainAttributes item = keychain::storedAttributes(attributes);
-        if (!item.contains(keychain::kAccessGroup)) {
-            if (!defaultAccessGroup) {
-                return keychain::kMissingEntitlement;
-            }
-            item.emplace(std::string(keychain::kAccessGroup), *defaultAccessGroup);
-        }
+        item.try_emplace(std::string(keychain::kAccessGroup),
+                         StoredValue{std::string("TEAM123.co.velmorand.connect")});
         for (const auto& existing : items) {
             if (keychain::sameIdentity(existing, item)) {
                 return keychain::kDuplicateItem;
@@ -58,7 +53,6 @@ class InMemoryKeychain : public Keychain {
         return items.size() == before ? keychain::kItemNotFound : keychain::kSuccess;
     }
 
-    std::optional<std::string> defaultAccessGroup = "TEAM123.co.velmorand.connect";
     std::vector<KeychainAttributes> items;
     bool failAdds = false;
     int copyCount = 0;

@@ -33,7 +33,6 @@ class InMemorySettingsStore : public SettingsStore {
         std::lock_guard lock(mutex_);
         return values_;
     }
-    bool empty() const { return snapshot().empty(); }
 
     int synchronizeCount = 0;
 

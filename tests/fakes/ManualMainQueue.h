@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -18,11 +17,8 @@ namespace velmorand::testing {
 class ManualMainQueue : public MainQueue {
   public:
     void post(Task task) override {
-        // Notified under the lock: once the test thread sees the task, the poster no longer
-        // touches this queue, which the test may then destroy.
         std::lock_guard lock(mutex_);
         ready_.push_back(std::move(task));
-        posted_.notify_all();
     }
 
     std::shared_ptr<WorkItem> postAfter(Duration delay, Task task) override {
@@ -44,17 +40,6 @@ class ManualMainQueue : public MainQueue {
                 task();
             }
         }
-    }
-
-    // Waits for background work to post something, then runs it. False when nothing came.
-    bool waitAndRun() {
-        std::unique_lock lock(mutex_);
-        if (!posted_.wait_for(lock, std::chrono::seconds(20), [&] { return !ready_.empty(); })) {
-            return false;
-        }
-        lock.unlock();
-        runReady();
-        return true;
     }
 
     // Moves the clock forward, running ready work and every timer that falls due, in due order.
@@ -79,19 +64,6 @@ class ManualMainQueue : public MainQueue {
         now_ = until;
     }
 
-    // Delays, in seconds from now, of the timers that are still live.
-    std::vector<double> pendingDelays() const {
-        std::vector<double> delays;
-        for (const auto& timer : timers_) {
-            if (!timer.item->isCancelled()) {
-                delays.push_back(timer.due - now_);
-            }
-        }
-        return delays;
-    }
-
-    double now() const { return now_; }
-
   private:
     struct Timer {
         double due;
@@ -103,7 +75,6 @@ class ManualMainQueue : public MainQueue {
     double now_ = 0;
     unsigned long nextSequence_ = 0;
     std::mutex mutex_;
-    std::condition_variable posted_;
     std::deque<Task> ready_;
     std::vector<Timer> timers_;
 };

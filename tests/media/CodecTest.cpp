@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "velmorand/codec/LibyuvPictureConverter.h"
-#include "velmorand/codec/TurboJpegCompressor.h"
 #include "velmorand/codec/X264CompressionSession.h"
 
 namespace velmorand {
@@ -17,46 +16,13 @@ namespace {
 constexpr int kScreenWidth = 128;
 constexpr int kScreenHeight = 96;
 
-// BGRX with rows padded past the picture, as some screens lay them out.
+// Grey BGRX with rows padded past the picture, as some screens lay them out.
 struct Screen {
-    static constexpr int kPadding = 32;
-    std::vector<std::uint8_t> pixels;
-    ScreenImage image;
-
-    Screen() {
-        const int stride = kScreenWidth * 4 + kPadding;
-        pixels.assign(static_cast<std::size_t>(stride) * kScreenHeight, 0x80);
-        for (int row = 0; row < kScreenHeight; ++row) {
-            for (int column = 0; column < kScreenWidth; ++column) {
-                auto* pixel = &pixels[static_cast<std::size_t>(row) * stride + column * 4];
-                pixel[0] = static_cast<std::uint8_t>(row * 2);
-                pixel[1] = static_cast<std::uint8_t>(column * 2);
-                pixel[2] = 0xC0;
-                pixel[3] = 0;
-            }
-        }
-        image = {pixels.data(), kScreenWidth, kScreenHeight, stride};
-    }
+    static constexpr int kStride = kScreenWidth * 4 + 32;
+    std::vector<std::uint8_t> pixels =
+        std::vector<std::uint8_t>(static_cast<std::size_t>(kStride) * kScreenHeight, 0x80);
+    ScreenImage image{pixels.data(), kScreenWidth, kScreenHeight, kStride};
 };
-
-I420Picture converted(const Screen& screen, int width, int height) {
-    LibyuvPictureConverter converter;
-    I420Picture picture;
-    picture.resize(width, height);
-    converter.convert(screen.image, picture);
-    return picture;
-}
-
-struct Size {
-    int width;
-    int height;
-};
-// The screen's own size and half of it.
-constexpr Size kPictureSizes[] = {{kScreenWidth, kScreenHeight}, {64, 48}};
-
-std::string named(Size size) {
-    return std::to_string(size.width) + "x" + std::to_string(size.height);
-}
 
 // The NAL units' bodies, in order, start codes removed.
 std::vector<std::span<const std::uint8_t>> nalUnits(std::span<const std::uint8_t> stream) {
@@ -90,7 +56,6 @@ std::unique_ptr<H264CompressionSession> openSession(const H264SessionSettings& s
 }
 
 TEST(CodecTest, H264DecodesBackWithKeyFramesOnlyWhenAsked) {
-    const Screen screen;
     // Every picture's unit comes out at once; the forced and the first are key frames led by
     // their parameter sets, the rest are not, retuned or not. (The browser tests decode them.)
     struct Step {
@@ -102,48 +67,47 @@ TEST(CodecTest, H264DecodesBackWithKeyFramesOnlyWhenAsked) {
     constexpr Step kSteps[] = {
         {false, false, true, "the first picture"},
         {false, false, false, "the second picture"},
-        {false, false, false, "the third picture"},
         {true, false, true, "a forced key frame"},
         {false, false, false, "the picture after it"},
         {false, true, false, "a picture after retuning"},
         {true, false, true, "a forced key frame after retuning"},
     };
-    for (const auto size : kPictureSizes) {
-        const auto session = openSession({size.width, size.height, 30, 1000});
-        ASSERT_NE(session, nullptr);
-        const auto picture = converted(screen, size.width, size.height);
-        std::int64_t timestampUs = 0;
-        for (const auto& step : kSteps) {
-            const std::string where = named(size) + ", " + step.what;
-            if (step.retuneFirst) {
-                EXPECT_TRUE(session->retune(15, 400)) << where;
-            }
-            // The gaps vary, as they do when pictures come only on changes.
-            timestampUs += step.force ? 250'000 : 33'333;
-            auto encoded = session->encode(picture, timestampUs, step.force);
-            ASSERT_TRUE(std::holds_alternative<H264AccessUnit>(encoded))
-                << where << ": " << std::get<EncodeError>(encoded).description;
-            const auto unit = std::get<H264AccessUnit>(encoded);
-            EXPECT_EQ(unit.keyFrame, step.keyFrame) << where;
-            const auto nals = nalUnits(unit.bytes);
-            ASSERT_FALSE(nals.empty()) << where;
-            std::vector<int> types;
-            for (const auto nal : nals) {
-                types.push_back(nal.empty() ? -1 : nal[0] & 0x1F);
-            }
-            if (step.keyFrame) {
-                ASSERT_GE(types.size(), 3U) << where;
-                EXPECT_EQ(types[0], kSps) << where;
-                EXPECT_EQ(types[1], kPps) << where;
-                EXPECT_EQ(types.back(), kIdrSlice) << where;
-                ASSERT_GE(nals[0].size(), 3U) << where;
-                EXPECT_EQ(nals[0][1], kBaselineProfile) << where;
-                EXPECT_NE(nals[0][2] & kConstraintSet1, 0) << where << ": not constrained baseline";
-            } else {
-                for (const int type : types) {
-                    EXPECT_NE(type, kSps) << where;
-                    EXPECT_NE(type, kIdrSlice) << where;
-                }
+    const auto session = openSession({kScreenWidth, kScreenHeight, 30, 1000});
+    ASSERT_NE(session, nullptr);
+    I420Picture picture;
+    picture.resize(kScreenWidth, kScreenHeight);
+    LibyuvPictureConverter().convert(Screen().image, picture);
+    std::int64_t timestampUs = 0;
+    for (const auto& step : kSteps) {
+        const std::string where = step.what;
+        if (step.retuneFirst) {
+            EXPECT_TRUE(session->retune(15, 400)) << where;
+        }
+        // The gaps vary, as they do when pictures come only on changes.
+        timestampUs += step.force ? 250'000 : 33'333;
+        auto encoded = session->encode(picture, timestampUs, step.force);
+        ASSERT_TRUE(std::holds_alternative<H264AccessUnit>(encoded))
+            << where << ": " << std::get<EncodeError>(encoded).description;
+        const auto unit = std::get<H264AccessUnit>(encoded);
+        EXPECT_EQ(unit.keyFrame, step.keyFrame) << where;
+        const auto nals = nalUnits(unit.bytes);
+        ASSERT_FALSE(nals.empty()) << where;
+        std::vector<int> types;
+        for (const auto nal : nals) {
+            types.push_back(nal.empty() ? -1 : nal[0] & 0x1F);
+        }
+        if (step.keyFrame) {
+            ASSERT_GE(types.size(), 3U) << where;
+            EXPECT_EQ(types[0], kSps) << where;
+            EXPECT_EQ(types[1], kPps) << where;
+            EXPECT_EQ(types.back(), kIdrSlice) << where;
+            ASSERT_GE(nals[0].size(), 3U) << where;
+            EXPECT_EQ(nals[0][1], kBaselineProfile) << where;
+            EXPECT_NE(nals[0][2] & kConstraintSet1, 0) << where << ": not constrained baseline";
+        } else {
+            for (const int type : types) {
+                EXPECT_NE(type, kSps) << where;
+                EXPECT_NE(type, kIdrSlice) << where;
             }
         }
     }
@@ -154,8 +118,7 @@ TEST(CodecTest, RefusesWhatDoesNotFit) {
          {H264SessionSettings{127, 96, 30, 1000}, H264SessionSettings{128, 0, 30, 1000},
           H264SessionSettings{128, 96, 0, 1000}, H264SessionSettings{128, 96, 30, -5}}) {
         EXPECT_TRUE(std::holds_alternative<EncodeError>(X264CompressionSession::open(settings)))
-            << settings.width << "x" << settings.height << " " << settings.frameRate << " fps "
-            << settings.bitRateKbps << " kbit/s";
+            << settings.width << "x" << settings.height << "@" << settings.frameRate;
     }
     I420Picture small;
     small.resize(64, 48);
@@ -165,20 +128,13 @@ TEST(CodecTest, RefusesWhatDoesNotFit) {
     hollow.height = 96;
     const auto session = openSession({128, 96, 30, 1000});
     ASSERT_NE(session, nullptr);
-    TurboJpegCompressor compressor;
     for (const auto* picture : {&small, &hollow}) {
         EXPECT_TRUE(std::holds_alternative<EncodeError>(session->encode(*picture, 0, true)))
             << picture->width << "x" << picture->height;
     }
-    I420Picture empty;
-    for (const auto* picture : {&hollow, &empty}) {
-        EXPECT_TRUE(std::holds_alternative<EncodeError>(compressor.compress(*picture, 80)))
-            << picture->width << "x" << picture->height;
-    }
     EXPECT_FALSE(session->retune(0, 1000));
     // Only the address sanitizer would see the converter write past the planes.
-    LibyuvPictureConverter converter;
-    converter.convert(Screen().image, hollow);
+    LibyuvPictureConverter().convert(Screen().image, hollow);
 }
 
 }  // namespace

@@ -1,11 +1,8 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "velmorand/platform/HttpClient.h"
@@ -22,8 +19,7 @@ inline HttpOutcome transportError(std::string description) {
 
 // Answers from scripted routes (the latest route whose method and URL prefix match wins; an
 // unrouted request fails in transport) and records every request. `send` completes on the main
-// queue. After `holdExchanges()`, blocking exchanges park until released, so that several can be
-// in flight at once.
+// queue.
 class FakeHttpClient : public HttpClient {
   public:
     explicit FakeHttpClient(MainQueue& mainQueue) : mainQueue_(mainQueue) {}
@@ -34,16 +30,9 @@ class FakeHttpClient : public HttpClient {
     }
 
     HttpOutcome exchange(const HttpRequest& request) override {
-        std::unique_lock lock(mutex_);
+        std::lock_guard lock(mutex_);
         requests_.push_back(request);
-        if (!holding_) {
-            return answerFor(request);
-        }
-        parked_.emplace_back(request, std::nullopt);
-        const auto index = parked_.size() - 1;
-        changed_.notify_all();
-        changed_.wait(lock, [&] { return parked_[index].second.has_value(); });
-        return *parked_[index].second;
+        return answerFor(request);
     }
 
     void send(HttpRequest request, Completion completion) override {
@@ -54,31 +43,6 @@ class FakeHttpClient : public HttpClient {
         mainQueue_.post([completion = std::move(completion), outcome = std::move(outcome)] {
             completion(outcome);
         });
-    }
-
-    void holdExchanges() {
-        std::lock_guard lock(mutex_);
-        holding_ = true;
-    }
-
-    // Waits until `count` exchanges have parked in total. False when they did not come.
-    bool waitForParked(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(20),
-                                 [&] { return parked_.size() >= count; });
-    }
-
-    // Lets the parked exchange whose body contains `bodyPart` return `outcome`.
-    bool release(std::string_view bodyPart, HttpOutcome outcome) {
-        std::lock_guard lock(mutex_);
-        for (auto& [request, result] : parked_) {
-            if (!result && request.body && request.body->find(bodyPart) != std::string::npos) {
-                result = std::move(outcome);
-                changed_.notify_all();
-                return true;
-            }
-        }
-        return false;
     }
 
     // Every request so far, or those of `method` whose URL starts with `urlPrefix`.
@@ -113,11 +77,8 @@ class FakeHttpClient : public HttpClient {
 
     MainQueue& mainQueue_;
     mutable std::mutex mutex_;
-    std::condition_variable changed_;
     std::vector<Route> routes_;
     std::vector<HttpRequest> requests_;
-    std::vector<std::pair<HttpRequest, std::optional<HttpOutcome>>> parked_;
-    bool holding_ = false;
 };
 
 }  // namespace velmorand::testing

@@ -41,7 +41,6 @@ struct PairingHarness : InMemoryConfig {
     RecordingLog log;
     WebRtcCapability webRtc{classes, config, log};
     RecordingPasteboard pasteboard;
-    std::optional<std::string> extensionID;
     std::shared_ptr<PairingModel> model = PairingModel::create(PairingServices{
         .config = config,
         .http = http,
@@ -49,7 +48,7 @@ struct PairingHarness : InMemoryConfig {
         .webRtc = webRtc,
         .pasteboard = pasteboard,
         .bundle = bundle,
-        .broadcastExtensionLookup = [this] { return extensionID; },
+        .broadcastExtensionLookup = [] { return std::nullopt; },
         .appURL = kDefaultAppURL,
     });
 
@@ -59,27 +58,6 @@ struct PairingHarness : InMemoryConfig {
         change(values);
         config.persist(values);
     }
-
-    void storePairing(const std::string& accessKey, const std::string& deviceName) {
-        config.save(accessKey, kDefaultAppURL,
-                    HandshakeResult{"token-" + accessKey, "wss://relay.test", "id", deviceName});
-    }
 };
-
-// What observers saw: each announced field with the model's state just before the change.
-struct Announcement {
-    PairingModel::Field field;
-    bool paired;
-    std::string status;
-    bool busy;
-};
-
-inline std::shared_ptr<std::vector<Announcement>> recordAnnouncements(PairingModel& model) {
-    auto seen = std::make_shared<std::vector<Announcement>>();
-    model.addObserver([&model, seen](PairingModel::Field field) {
-        seen->push_back({field, model.paired(), model.status(), model.busy()});
-    });
-    return seen;
-}
 
 }  // namespace velmorand::testing

@@ -45,14 +45,5 @@ TEST(WebRtcCapability, ClearsAStaleMarkerOnceInTheStoreThatHoldsIt) {
     }
 }
 
-TEST(WebRtcCapability, NoMarkerMeansNoWrite) {
-    testing::PairingHarness h;
-    h.classes.classes.insert("RTCPeerConnectionFactory");
-    EXPECT_TRUE(h.webRtc.isAvailable());
-    EXPECT_FALSE(h.stores.standardStore->object(kMarker));
-    EXPECT_EQ(h.stores.standardStore->synchronizeCount, 0);
-    EXPECT_TRUE(h.log.lines().empty());
-}
-
 }  // namespace
 }  // namespace velmorand

@@ -16,7 +16,7 @@ class FakeWebSocketTask : public WebSocketTask {
   public:
     explicit FakeWebSocketTask(WebSocketRequest request) : request(std::move(request)) {}
 
-    void resume() override { ++resumeCount; }
+    void resume() override {}
     void cancel() override { cancelled = true; }
     void send(WebSocketMessage message, SendCompletion completion) override {
         sent.push_back(message.payload);
@@ -42,7 +42,6 @@ class FakeWebSocketTask : public WebSocketTask {
     bool fail(std::string description) { return deliver(WebSocketError{std::move(description)}); }
 
     WebSocketRequest request;
-    int resumeCount = 0;
     bool cancelled = false;
     std::vector<std::string> sent;
     std::vector<SendCompletion> sendCompletions;

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cfloat>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -29,10 +27,7 @@ struct Harness {
                                    {queue, log, sockets.factory(), [this] { return random; }});
         client->setReconnectPolicy({1, 8, 0.5});
         auto& c = *client;
-        c.onControl = [this](const Control& control) {
-            controls.push_back(control);
-            add("control", control.name());
-        };
+        c.onControl = [this](const Control& control) { add("control", control.name()); };
         c.onOpen = [this] { add("open"); };
         c.onNeedStream = [this](auto prefer) { add("needStream", show(prefer)); };
         c.onRequestIdr = [this] { add("requestIdr"); };
@@ -88,7 +83,6 @@ struct Harness {
     double random = 0.4;
     std::shared_ptr<RelayClient> client;
     Lines events;
-    std::vector<Control> controls;
 };
 
 struct Row {
@@ -123,27 +117,22 @@ TEST_F(Dispatch, RoutesEachFrameToItsReplyOrCallback) {
          {R"({"type":"latency_pong","t":42,"viewerId":"viewer\/a"})"}},
         {R"({"type":"need_stream"})", {"needStream -"}},
         {R"({"type":"need_stream","prefer":"webrtc"})", {"needStream webrtc"}},
-        {R"({"type":"request_idr","x":1})", {"requestIdr"}},
         {R"({"type":"stream_control"})", {"streamControl on"}},
         {R"({"type":"stream_control","streaming":false})", {"streamControl off"}},
         // Frame rates round half away from zero.
         {R"({"type":"encode_settings","fps":29.5,"quality":0.4})", {"encodeSettings 30 0.4 - -"}},
         {R"({"type":"encode_settings","fps":-2.5,"scale":0.5,"codec":"h264"})",
          {"encodeSettings -3 - 0.5 h264"}},
-        {R"({"type":"encode_settings","fps":-9223372036854775808})",
-         {"encodeSettings -9223372036854775808 - - -"}},
         // A missing tier is "auto" for quality but absent for qos; an empty one differs too.
         {R"({"type":"stream_quality"})", {"streamQuality 'auto'"}},
         {R"({"type":"stream_quality","tier":""})", {"streamQuality ''"}},
         {R"({"type":"qos","tier":""})", {"qos 0 0 - 0 0"}},
         {R"({"type":"qos","rttMs":120,"lossPct":1.5,"tier":"low","decodeQueue":3,"jitterMs":7})",
          {"qos 120 1.5 low 3 7"}},
-        {R"({"type":"relay_qos"})", {"relayQos 0"}},
         {R"({"type":"relay_qos","congestion":0.75})", {"relayQos 0.75"}},
+        {R"({"type":"request_idr","x":1})", {"requestIdr"}},
         {R"({"type":"tap","x":1,"y":2})", {"control tap"}},
-        // Notices, commandless and undecodable frames are dropped silently.
-        {R"({"type":"error","message":"x"})", {}},
-        {R"({"type":"frames_dropped","count":3})", {}},
+        // Types match case and all; other frames, and what does not decode, are dropped silently.
         {R"({"type":"Ping"})", {}},
         {"garbage", {}},
         // Any frame holding the substring is signalling, once it parses as an object.
@@ -152,57 +141,16 @@ TEST_F(Dispatch, RoutesEachFrameToItsReplyOrCallback) {
         {R"({"type":"ping","inner":{"type":"webrtc_x"}})",
          {R"(webrtc {"inner":{"type":"webrtc_x"},"type":"ping"})"}},
         {R"({"type" : "webrtc_offer"})", {}},
-        {R"({"type":"webrtc_offer",)", {}},
         {R"([{"type":"webrtc_offer"}])", {}},
     });
-    EXPECT_EQ(h.controls, (std::vector{Control{Control::Tap{1, 2}}}));
-}
-
-TEST_F(Dispatch, UnsetCallbacksDropTheirFrames) {
-    h.client->onWebRtcSignal = nullptr;
-    h.client->onControl = nullptr;
-    h.client->onEncodeSettings = nullptr;
-    expectRows({
-        // Without signalling, a known type under the substring is handled by its own row.
-        {R"({"type":"ping","inner":{"type":"webrtc_x"}})", {}, {R"({"type":"pong"})"}},
-        {R"({"type":"need_stream","note":{"type":"webrtc_"}})", {"needStream -"}},
-        {R"({"type":"webrtc_offer","sdp":"v=0"})", {}},
-        {R"({"type":"tap","x":1,"y":2})", {}},
-        // The frame rate is only converted for a listener.
-        {R"({"type":"encode_settings","fps":1e300})", {}},
-    });
-}
-
-TEST(Connection, OpensBasePlusDeviceWithTheTokenHeader) {
-    for (const auto& [base, url] : {std::pair{"wss://relay.example", "wss://relay.example/device"},
-                                    std::pair{"ws://10.0.0.2:8/r/", "ws://10.0.0.2:8/r//device"}}) {
-        Harness h(base);
-        h.client->connect();
-        ASSERT_EQ(h.sockets.tasks.size(), 1u);
-        const auto& task = h.task();
-        EXPECT_EQ(task.request.url, url);
-        EXPECT_EQ(task.request.headers,
-                  (decltype(task.request.headers){{"x-device-token", "token-1"}}));
-        EXPECT_EQ(task.request.timeout, 60s);
-        EXPECT_EQ(task.resumeCount, 1);
-        EXPECT_EQ(task.receives.size(), 1u);
-    }
 }
 
 TEST(Connection, BadUrlSchedulesAReconnect) {
-    char everyDigit[400];  // bounds so large that the delay needs every digit of a double
-    std::snprintf(everyDigit, sizeof everyDigit, "reconnecting in %.1fs", DBL_MAX);
-    const std::tuple<const char*, double, std::string> cases[] = {
-        {"relay.example", 1, "reconnecting in 1.2s"},
-        {"", 1, "reconnecting in 1.2s"},
-        {"", DBL_MAX, everyDigit},
-    };
-    for (const auto& [base, bound, line] : cases) {
+    for (const char* base : {"relay.example", ""}) {
         Harness h(base);
-        h.client->setReconnectPolicy({bound, bound, 0.5});
         h.client->connect();
         EXPECT_TRUE(h.sockets.tasks.empty()) << base;
-        EXPECT_EQ(h.logged(), (Lines{"bad relay url", line})) << base;
+        EXPECT_EQ(h.logged(), (Lines{"bad relay url", "reconnecting in 1.2s"})) << base;
     }
 }
 
@@ -238,21 +186,6 @@ TEST(Connection, OnlyTheServerProvesALinkAndResetsTheBackOff) {
     }
 }
 
-TEST(Connection, OpensOnceAndReadsBinaryFramesAsText) {
-    Harness h;
-    h.client->connect();
-    h.queue.advance(0.34s);
-    EXPECT_TRUE(h.events.empty());
-    h.sockets.open(h.sockets.tasks.back());
-    h.receive(R"({"type":"ping"})", WebSocketMessage::Kind::binary);
-    h.receive("\xff{}", WebSocketMessage::Kind::binary);
-    h.receive(R"({"type":"request_idr"})");
-    h.queue.advance(1s);
-    EXPECT_EQ(h.events, (Lines{"open", "requestIdr"}));
-    EXPECT_EQ(h.task().sent, Lines{R"({"type":"pong"})"});
-    EXPECT_EQ(h.task().receives.size(), 1u) << "the loop re-arms after each frame";
-}
-
 TEST(Connection, ConnectAbandonsOldTasksAndAPendingReconnect) {
     Harness h;
     h.client->connect();
@@ -278,7 +211,6 @@ TEST(Connection, ConnectAbandonsOldTasksAndAPendingReconnect) {
 TEST(Connection, CloseIsLoggedAndRejectedTokenStillReconnects) {
     const std::tuple<int, std::optional<std::string>, std::string, Lines> cases[] = {
         {4401, "token rejected", "closed code=4401 token rejected", {"authRejected"}},
-        {1000, std::nullopt, "closed code=1000 ", {}},
         {1011, "\xff\xfe", "closed code=1011 ", {}},
     };
     for (const auto& [code, reason, line, events] : cases) {
@@ -292,32 +224,9 @@ TEST(Connection, CloseIsLoggedAndRejectedTokenStillReconnects) {
     }
 }
 
-TEST(Connection, RepliesWithoutALiveSocketAreDroppedSilently) {
-    Harness h;
-    h.client->handleText(R"({"type":"ping"})");
-    h.client->connect();
-    h.task().fail("gone");
-    h.queue.runReady();
-    h.client->handleText(R"({"type":"latency_ping","t":1})");
-    EXPECT_TRUE(h.task().sent.empty());
-    EXPECT_EQ(h.logged(), (Lines{"recv error: gone — reconnecting", "reconnecting in 1.2s"}));
-}
-
-TEST(Connection, SendErrorIsLoggedOnly) {
-    Harness h;
-    h.client->connect();
-    h.receive(R"({"type":"ping"})");
-    ASSERT_EQ(h.task().sendCompletions.size(), 1u);
-    h.task().sendCompletions[0](WebSocketError{"broken pipe"});
-    h.task().sendCompletions[0](std::nullopt);
-    h.queue.advance(60s);
-    EXPECT_EQ(h.logged(), Lines{"send error: broken pipe"});
-    EXPECT_EQ(h.sockets.tasks.size(), 1u);
-}
-
-// Frames: header and payload in one binary message, numbered per connection, their bytes held
-// until the socket has written them.
-TEST(Connection, FramesAreNumberedPerConnectionAndHeldAgainstTheBudgetUntilWritten) {
+// Frames: header and payload in one binary message, numbered, their bytes held until the socket
+// has written them.
+TEST(Connection, FramesAreNumberedAndHeldAgainstTheBudgetUntilWritten) {
     Harness h;
     const std::vector<std::uint8_t> payload{0xFF, 0xD8, 0xFF, 0xD9};
     const auto sendFrame = [&](std::int64_t budget) {
@@ -343,26 +252,6 @@ TEST(Connection, FramesAreNumberedPerConnectionAndHeldAgainstTheBudgetUntilWritt
     h.task().sendCompletions[1](WebSocketError{"reset"});
     EXPECT_EQ(h.client->frameBytesInFlight(), 0);
     EXPECT_EQ(h.logged(), Lines{"send error: reset"});
-
-    h.task().fail("gone");
-    h.queue.advance(2s);
-    EXPECT_EQ(sendFrame(64), Outcome::sent);
-    const auto& fresh = h.sockets.tasks.back()->sent.at(0);
-    EXPECT_EQ(FrameHeader::read({reinterpret_cast<const std::uint8_t*>(fresh.data()), fresh.size()})
-                  ->sequence,
-              0u);
-}
-
-TEST(Connection, PendingWorkDoesNotKeepTheClientAlive) {
-    Harness h;
-    h.client->connect();
-    h.task().fail("boom");
-    h.queue.runReady();
-    std::weak_ptr<RelayClient> weak = h.client;
-    h.client.reset();
-    EXPECT_TRUE(weak.expired());
-    h.queue.advance(60s);
-    EXPECT_EQ(h.sockets.tasks.size(), 1u);
 }
 
 }  // namespace

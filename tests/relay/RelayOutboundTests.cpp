@@ -26,18 +26,6 @@ struct Recorder {
     }
 };
 
-TEST(RelayOutbound, SendsOnlyWhileASocketIsSet) {
-    auto outbound = Outbound::make();
-    Recorder r;
-    outbound->send("dropped", std::nullopt, r.transmit());
-    outbound->replace("a");
-    outbound->send("one", std::nullopt, r.transmit());
-    outbound->send(std::nullopt, Bytes{1, 2}, r.transmit());
-    outbound->replace(std::nullopt);
-    outbound->send("dropped too", std::nullopt, r.transmit());
-    EXPECT_EQ(r.sent, (std::vector<std::string>{"a:one", "a:<binary>"}));
-}
-
 // Frames: reserved until released, numbered per socket, refused past the budget.
 TEST(RelayOutbound, ReservationsCountAgainstTheBudgetUntilReleased) {
     auto outbound = Outbound::make();

@@ -1,6 +1,5 @@
 #include "ScriptedRelay.h"
 
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <QCryptographicHash>
@@ -93,24 +92,6 @@ void RelayPeer::reset() {
     socket_->close();
 }
 
-void RelayPeer::stopReading() {
-    QObject::disconnect(socket_, &QTcpSocket::readyRead, socket_, nullptr);
-    // Qt stops taking bytes from the kernel once its own buffer is full.
-    socket_->setReadBufferSize(1);
-}
-
-int RelayPeer::unreadBytes() const {
-    int bytes = 0;
-    ::ioctl(static_cast<int>(socket_->socketDescriptor()), FIONREAD, &bytes);
-    return bytes;
-}
-
-void RelayPeer::resumeReading() {
-    socket_->setReadBufferSize(0);
-    QObject::connect(socket_, &QTcpSocket::readyRead, socket_, [this] { readFrames(); });
-    readFrames();
-}
-
 // Client frames are masked; continuation frames are joined; a close is answered and ends it.
 void RelayPeer::readFrames() {
     buffer_.append(socket_->readAll());
@@ -147,7 +128,6 @@ void RelayPeer::readFrames() {
             hangUp();
             return;
         }
-        binaryFrames_ += opcode == 0x2 ? 1 : 0;
         if (opcode == 0x1 || opcode == 0x0) {
             fragments_.append(payload);
             if ((byte0 & 0x80) != 0) {
@@ -163,7 +143,6 @@ ScriptedRelay::ScriptedRelay() {
     if (!server_.listen(QHostAddress::LocalHost)) {
         throw std::runtime_error("cannot listen on loopback");
     }
-    port_ = server_.serverPort();
     beHealthy();
     QObject::connect(&server_, &QTcpServer::newConnection, &server_, [this] {
         while (QTcpSocket* socket = server_.nextPendingConnection()) {
@@ -172,22 +151,8 @@ ScriptedRelay::ScriptedRelay() {
     });
 }
 
-ScriptedRelay::~ScriptedRelay() {
-    peers_.clear();
-}
-
 std::string ScriptedRelay::base() const {
-    return "ws://127.0.0.1:" + std::to_string(port_);
-}
-
-void ScriptedRelay::stopListening() {
-    server_.close();
-}
-
-void ScriptedRelay::listenAgain() {
-    if (!server_.listen(QHostAddress::LocalHost, port_)) {
-        throw std::runtime_error("cannot listen again on port " + std::to_string(port_));
-    }
+    return "ws://127.0.0.1:" + std::to_string(server_.serverPort());
 }
 
 void ScriptedRelay::beHealthy() {

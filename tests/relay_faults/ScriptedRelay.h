@@ -26,18 +26,11 @@ class RelayPeer {
     void hangUp();
     // Goes away with a TCP reset, dropping what was not yet sent.
     void reset();
-    // Leaves everything the device sends in the kernel's buffers from now on.
-    void stopReading();
-    void resumeReading();
-    // Bytes the kernel holds for this side, unread.
-    int unreadBytes() const;
 
     // Text frames the device sent, in order.
     const std::vector<std::string>& received() const { return received_; }
     // Answers to the healthy script's probe among them.
     int probesAnswered() const { return probesAnswered_; }
-    // Binary messages (frames of the screen stream) the device sent.
-    int binaryFrames() const { return binaryFrames_; }
 
   private:
     void readFrames();
@@ -47,7 +40,6 @@ class RelayPeer {
     QByteArray fragments_;
     std::vector<std::string> received_;
     int probesAnswered_ = 0;
-    int binaryFrames_ = 0;
 };
 
 // A loopback WebSocket relay, scripted by the test: every new connection's upgrade is answered
@@ -56,13 +48,9 @@ class RelayPeer {
 class ScriptedRelay {
   public:
     ScriptedRelay();
-    ~ScriptedRelay();
 
     // "ws://127.0.0.1:<port>", the relay base the device appends "/device" to.
     std::string base() const;
-    // Connections are refused until listening again on the same port.
-    void stopListening();
-    void listenAgain();
 
     // Healthy behaviour from the next connection on.
     void beHealthy();
@@ -83,7 +71,6 @@ class ScriptedRelay {
     void accept(QTcpSocket* socket);
 
     QTcpServer server_;
-    quint16 port_ = 0;
     std::vector<std::chrono::steady_clock::time_point> accepted_;
     std::vector<QByteArray> requests_;
     std::vector<std::unique_ptr<RelayPeer>> peers_;

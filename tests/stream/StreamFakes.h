@@ -17,29 +17,14 @@ namespace velmorand::testing {
 class FakeScreen {
   public:
     void change(std::uint8_t shade) {
-        {
-            std::lock_guard lock(mutex_);
-            shade_ = shade;
-            changed_ = true;
-        }
-        changedOrWoken_.notify_all();
+        update([&] { shade_ = shade; });
     }
     void resize(ScreenSize size) {
-        {
-            std::lock_guard lock(mutex_);
-            size_ = size;
-            changed_ = true;
-        }
-        changedOrWoken_.notify_all();
+        update([&] { size_ = size; });
     }
     // The size changes between the stream's look at it and its next grab.
     void resizeAtNextGrab(ScreenSize size) {
-        {
-            std::lock_guard lock(mutex_);
-            resizeAtGrab_ = size;
-            changed_ = true;
-        }
-        changedOrWoken_.notify_all();
+        update([&] { resizeAtGrab_ = size; });
     }
     void failGrabs(std::string why) {
         std::lock_guard lock(mutex_);
@@ -54,6 +39,16 @@ class FakeScreen {
     std::unique_ptr<ScreenCapture> capture() { return std::make_unique<Capture>(*this); }
 
   private:
+    template <typename Change>
+    void update(Change change) {
+        {
+            std::lock_guard lock(mutex_);
+            change();
+            changed_ = true;
+        }
+        changedOrWoken_.notify_all();
+    }
+
     struct Capture : ScreenCapture {
         explicit Capture(FakeScreen& screen) : screen(screen) {}
         bool waitForChange(Clock::time_point deadline) override {
@@ -184,9 +179,8 @@ class FakeSink : public FrameSink {
     };
 
     Result send(const FrameHeader& header, std::span<const std::uint8_t> payload,
-                std::int64_t budget) override {
+                std::int64_t) override {
         std::lock_guard lock(mutex_);
-        lastBudget = budget;
         const Result answer = result;
         if (answer == Result::sent) {
             frames_.push_back({header, {payload.begin(), payload.end()}});
@@ -214,7 +208,6 @@ class FakeSink : public FrameSink {
     }
 
     std::atomic<std::int64_t> inFlight{0};
-    std::int64_t lastBudget = 0;
 
   private:
     std::mutex mutex_;

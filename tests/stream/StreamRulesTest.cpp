@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <limits>
 
 #include "StreamFakes.h"
@@ -15,7 +16,6 @@ namespace velmorand {
 namespace {
 
 using namespace std::chrono_literals;
-using Bytes8 = std::vector<std::uint8_t>;
 
 TEST(FrameBudget, HalfASecondOfTheStreamButNeverUnder256KiB) {
     struct Row {
@@ -29,13 +29,8 @@ TEST(FrameBudget, HalfASecondOfTheStreamButNeverUnder256KiB) {
     const Row rows[] = {
         {20, {}, {}, 256 * 1024, 0, 0},
         {20, {100'000}, {}, 1'000'000, 100'000, 100'000},
-        {60, {100'000}, {}, 3'000'000, 100'000, 100'000},
-        {30, {1000}, {}, 256 * 1024, 1000, 1000},
         // Key frames neither set the rate nor the delta estimate, once there are other frames.
         {20, {100'000}, {900'000}, 1'000'000, 100'000, 900'000},
-        {20, {}, {300'000}, 3'000'000, 0, 300'000},
-        // A key frame larger than the whole budget.
-        {20, {10'000}, {900'000}, 256 * 1024, 10'000, 900'000},
         // One frame in eight moves the average.
         {20, {100'000, 180'000}, {}, 1'100'000, 110'000, 110'000},
     };
@@ -71,12 +66,8 @@ TEST(FramePacer, CapturesOnlyForAChangeOrARequestAndAtMostAtTheFrameRate) {
     };
     const Row rows[] = {
         {20, 0ms, false, false, Kind::waitForChange, 0ms},
-        {20, 500ms, false, false, Kind::waitForChange, 0ms},
         {20, 50ms, true, false, Kind::captureNow, 0ms},
-        {20, 49ms, true, false, Kind::waitUntil, 1ms},
         {20, 10ms, false, true, Kind::waitUntil, 40ms},
-        {60, 17ms, true, false, Kind::captureNow, 0ms},
-        {1, 999ms, true, true, Kind::waitUntil, 1ms},
         // Rates outside 1 to 60 are held to those bounds.
         {0, 999ms, true, false, Kind::waitUntil, 1ms},
         {240, 16ms, true, false, Kind::waitUntil, 0ms},
@@ -112,15 +103,9 @@ TEST(LiveSettings, ViewersChangeTheRunningStreamWithinTheStoredBounds) {
         {"bounded like stored preferences",
          [nan](auto& s) { s.request(240, 0.0, nan, " H264\n"); },
          {"h264", 60, 0.1, 0.1}},
-        {"fps below one", [](auto& s) { s.request(-3, 2.0, 1.5, "vp8"); }, {"jpeg", 1, 1.0, 1.0}},
         {"prefer h264", [](auto& s) { EXPECT_TRUE(s.prefer("h264")); }, {"h264", 20, 0.4, 0.5}},
         {"prefer anything else",
-         [](auto& s) {
-             EXPECT_FALSE(s.prefer("H264"));
-             EXPECT_FALSE(s.prefer("webrtc"));
-             EXPECT_FALSE(s.prefer(std::nullopt));
-             EXPECT_FALSE(s.prefer("jpeg"));
-         },
+         [](auto& s) { EXPECT_FALSE(s.prefer("H264") || s.prefer("webrtc") || s.prefer("jpeg")); },
          {"jpeg", 20, 0.4, 0.5}},
         {"low tier keeps the codec",
          [](auto& s) {
@@ -128,8 +113,6 @@ TEST(LiveSettings, ViewersChangeTheRunningStreamWithinTheStoredBounds) {
              EXPECT_TRUE(s.selectTier("low"));
          },
          {"h264", 10, 0.3, 0.4}},
-        {"medium", [](auto& s) { s.selectTier("medium"); }, {"jpeg", 20, 0.5, 0.6}},
-        {"high", [](auto& s) { s.selectTier("high"); }, {"jpeg", 30, 0.8, 1.0}},
         {"auto returns to the start",
          [](auto& s) {
              s.request(50, 0.9, 0.9, "h264");
@@ -139,9 +122,7 @@ TEST(LiveSettings, ViewersChangeTheRunningStreamWithinTheStoredBounds) {
         {"an unknown tier changes nothing",
          [](auto& s) {
              s.request(12, std::nullopt, std::nullopt, std::nullopt);
-             EXPECT_FALSE(s.selectTier("ultra"));
-             EXPECT_FALSE(s.selectTier(""));
-             EXPECT_FALSE(s.selectTier("High"));
+             EXPECT_FALSE(s.selectTier("ultra") || s.selectTier("High"));
          },
          {"jpeg", 12, 0.4, 0.5}},
         {"fallback",
@@ -192,17 +173,30 @@ H264Encoder smallEncoder() {
     return encoder;
 }
 
+// Each unit as "key+sets [6742][68ce][6507]": its kind, then its NAL units in hex.
+std::string describe(std::span<const std::uint8_t> unit, bool key, bool sets) {
+    std::string text = std::string(key ? "key" : "delta") + (sets ? "+sets " : " ");
+    char hex[3];
+    for (std::size_t i = 0; i < unit.size(); ++i) {
+        if (i + 4 <= unit.size() && unit[i] == 0 && unit[i + 1] == 0 && unit[i + 2] == 0 &&
+            unit[i + 3] == 1) {
+            text += i == 0 ? "[" : "][";
+            i += 3;
+        } else {
+            std::snprintf(hex, sizeof hex, "%02x", unit[i]);
+            text += hex;
+        }
+    }
+    return text + "]";
+}
+
 TEST(H264Encoder, HandsOnKeyFramesWithParameterSetsAndReportsAFailureOnce) {
-    struct Delivered {
-        std::vector<std::uint8_t> unit;
-        bool key;
-        bool parameterSets;
-    };
+    // Whether the session repeats the parameter sets itself or not, every key frame carries them.
     for (const bool repeats : {true, false}) {
         testing::FakeH264Session::Script script;
         script.repeatParameterSets = repeats;
         script.failAtCall = 3;
-        std::vector<Delivered> delivered;
+        std::vector<std::string> delivered;
         std::vector<std::string> failures;
         int configurations = 0;
         H264Encoder encoder = smallEncoder();
@@ -212,7 +206,7 @@ TEST(H264Encoder, HandsOnKeyFramesWithParameterSetsAndReportsAFailureOnce) {
             EXPECT_EQ(pps, (Bytes{0x68, 0xCE}));
         };
         encoder.onAccessUnit = [&](std::span<const std::uint8_t> unit, bool key, bool sets) {
-            delivered.push_back({{unit.begin(), unit.end()}, key, sets});
+            delivered.push_back(describe(unit, key, sets));
         };
         encoder.onFatalError = [&](const std::string& why) { failures.push_back(why); };
         ASSERT_TRUE(encoder.start(testing::FakeH264Session::factory(script)));
@@ -225,19 +219,10 @@ TEST(H264Encoder, HandsOnKeyFramesWithParameterSetsAndReportsAFailureOnce) {
             }
             encoder.encode(picture, y * 1000);
         }
-        const Bytes8 sets{0, 0, 0, 1, 0x67, 0x42, 0, 0, 0, 1, 0x68, 0xCE};
-        const auto withSets = [&sets](Bytes8 tail) {
-            Bytes8 unit = sets;
-            unit.insert(unit.end(), tail.begin(), tail.end());
-            return unit;
-        };
-        ASSERT_EQ(delivered.size(), 3u) << repeats;
-        EXPECT_EQ(delivered[0].unit, withSets({0, 0, 0, 1, 0x65, 7}));
-        EXPECT_TRUE(delivered[0].key && delivered[0].parameterSets);
-        EXPECT_EQ(delivered[1].unit, (Bytes8{0, 0, 0, 1, 0x41, 8}));
-        EXPECT_FALSE(delivered[1].key || delivered[1].parameterSets);
-        EXPECT_EQ(delivered[2].unit, withSets({0, 0, 0, 1, 0x65, 9})) << repeats;
-        EXPECT_TRUE(delivered[2].key && delivered[2].parameterSets);
+        EXPECT_EQ(delivered,
+                  (std::vector<std::string>{"key+sets [6742][68ce][6507]", "delta [4108]",
+                                            "key+sets [6742][68ce][6509]"}))
+            << repeats;
         EXPECT_EQ(configurations, 1);
         EXPECT_TRUE(encoder.configurationSent);
 
@@ -271,11 +256,8 @@ TEST(H264Encoder, RetunesInPlaceWhenTheSessionCanElseStartsAgainWithAKeyFrame) {
 
 TEST(StreamBitRate, StoredPreferenceElseQualityTimesPixels) {
     EXPECT_EQ(streamBitRateKbps(960, 540, 20, 0.4, std::nullopt), 1037);
-    EXPECT_EQ(streamBitRateKbps(1920, 1080, 30, 1.0, std::nullopt), 13686);
-    EXPECT_EQ(streamBitRateKbps(160, 120, 1, 0.1, std::nullopt), 150);
     EXPECT_EQ(streamBitRateKbps(3840, 2160, 60, 1.0, std::nullopt), 20'000);
     EXPECT_EQ(streamBitRateKbps(960, 540, 20, 0.4, 2500), 2500);
-    EXPECT_EQ(streamBitRateKbps(960, 540, 20, 0.4, 0), 1037);
     EXPECT_EQ(streamBitRateKbps(960, 540, 20, 0.4, 99'999'999), 20'000);
 }
 

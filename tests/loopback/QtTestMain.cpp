@@ -2,7 +2,8 @@
 
 #include <QCoreApplication>
 
-// The sandbox and the viewer socket live on this thread's event loop.
+// The main of every suite that talks to loopback servers: the tests drive the application's event
+// loop themselves, a turn at a time, from this thread.
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);

@@ -11,8 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "velmorand/platform/HttpClient.h"
-
 namespace velmorand::testing {
 
 // Runs the main thread's events until `done` holds or `limit` has passed; says whether it held.
@@ -21,11 +19,8 @@ bool pumpUntil(const std::function<bool()>& done,
 // Runs the main thread's events for `duration`.
 void pumpFor(std::chrono::milliseconds duration);
 
-// Sends on `client` and runs the main thread until the completion has come.
-HttpOutcome sendAndWait(HttpClient& client, HttpRequest request);
-
-// A private CA and two server certificates it signed, made once per process with the openssl
-// command: `server` names localhost and 127.0.0.1, `localhostOnly` names localhost alone.
+// The private CA in pki/ and two server certificates it signed: `server` names localhost and
+// 127.0.0.1, `localhostOnly` names localhost alone.
 struct TestPki {
     std::filesystem::path caCertificate;
     std::filesystem::path serverCertificate;
@@ -51,7 +46,6 @@ class ScriptedServer {
 
     // "http(s)://127.0.0.1:<port>", no trailing slash.
     std::string baseUrl() const;
-    std::string url(const std::string& path = "/") const { return baseUrl() + path; }
     const std::vector<QByteArray>& requests() const { return requests_; }
 
   private:

@@ -11,12 +11,7 @@
 #include <QSslServer>
 #include <QTcpSocket>
 #include <QTimer>
-#include <cstdlib>
-#include <fstream>
-#include <memory>
 #include <stdexcept>
-
-#include "TempDir.h"
 
 namespace velmorand::testing {
 
@@ -42,25 +37,7 @@ void pumpFor(std::chrono::milliseconds duration) {
     pumpUntil([&] { return clock.elapsed() >= duration.count(); }, duration * 2);
 }
 
-HttpOutcome sendAndWait(HttpClient& client, HttpRequest request) {
-    std::optional<HttpOutcome> outcome;
-    client.send(std::move(request),
-                [&outcome](HttpOutcome result) { outcome = std::move(result); });
-    if (!pumpUntil([&] { return outcome.has_value(); }, std::chrono::seconds(20))) {
-        ADD_FAILURE() << "no completion";
-        return HttpTransportError{"test: no completion"};
-    }
-    return *outcome;
-}
-
 namespace {
-
-void run(const std::string& command) {
-    const int status = std::system(("(" + command + ") >/dev/null 2>&1").c_str());
-    if (status != 0) {
-        throw std::runtime_error("failed: " + command);
-    }
-}
 
 QByteArray readAll(const std::filesystem::path& path) {
     QFile file(QString::fromStdString(path.string()));
@@ -82,23 +59,6 @@ bool complete(const QByteArray& buffer) {
     return headerEnd >= 0 && buffer.size() >= headerEnd + 4 + length;
 }
 
-void writeFile(const std::filesystem::path& path, const std::string& text) {
-    std::ofstream(path) << text;
-}
-
-// Issues a certificate for `names` (a subjectAltName value) signed by the CA in `dir`.
-void issue(const std::filesystem::path& dir, const std::string& stem, const std::string& names) {
-    const auto base = (dir / stem).string();
-    const auto ca = (dir / "ca").string();
-    writeFile(base + ".ext", "subjectAltName=" + names +
-                                 "\nbasicConstraints=CA:FALSE\nkeyUsage=digitalSignature"
-                                 "\nextendedKeyUsage=serverAuth\n");
-    run("openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout " + base +
-        ".key -out " + base + ".csr -subj /CN=localhost");
-    run("openssl x509 -req -in " + base + ".csr -CA " + ca + ".pem -CAkey " + ca +
-        ".key -CAcreateserial -days 2 -out " + base + ".pem -extfile " + base + ".ext");
-}
-
 // What a loopback server presents: one of the test certificates with its key.
 QSslConfiguration serverTls(const std::filesystem::path& certificate,
                             const std::filesystem::path& key) {
@@ -111,20 +71,9 @@ QSslConfiguration serverTls(const std::filesystem::path& certificate,
 }  // namespace
 
 const TestPki& testPki() {
-    static const auto dir = std::make_unique<TempDir>();
-    static const TestPki pki = [] {
-        const auto& path = dir->path();
-        const auto ca = (path / "ca").string();
-        run("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout " +
-            ca + ".key -out " + ca +
-            ".pem -days 2 -subj /CN=Velmorand-Test-CA"
-            " -addext basicConstraints=critical,CA:TRUE"
-            " -addext keyUsage=critical,keyCertSign,cRLSign");
-        issue(path, "server", "DNS:localhost,IP:127.0.0.1");
-        issue(path, "localhost-only", "DNS:localhost");
-        return TestPki{path / "ca.pem", path / "server.pem", path / "server.key",
-                       path / "localhost-only.pem", path / "localhost-only.key"};
-    }();
+    static const std::filesystem::path dir = VELMORAND_TEST_PKI_DIR;
+    static const TestPki pki{dir / "ca.pem", dir / "server.pem", dir / "server.key",
+                             dir / "localhost-only.pem", dir / "localhost-only.key"};
     return pki;
 }
 
@@ -188,30 +137,8 @@ std::string ScriptedServer::baseUrl() const {
 }
 
 ScriptedServer::Tls expiredCertificate() {
-    static const ScriptedServer::Tls expired = [] {
-        const auto& pki = testPki();
-        const auto dir = pki.caCertificate.parent_path() / "expired";
-        const auto base = (dir / "cert").string();
-        std::filesystem::create_directories(dir);
-        std::ofstream(dir / "index");
-        std::ofstream(dir / "serial") << "01\n";
-        std::ofstream(base + ".ext") << "subjectAltName=DNS:localhost,IP:127.0.0.1\n"
-                                        "basicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n";
-        std::ofstream(base + ".cnf")
-            << "[ca]\ndefault_ca=t\n[t]\ndatabase=" << (dir / "index").string()
-            << "\nnew_certs_dir=" << dir.string() << "\nserial=" << (dir / "serial").string()
-            << "\ndefault_md=sha256\npolicy=p\nunique_subject=no\n"
-               "[p]\ncommonName=supplied\n";
-        // `openssl ca` is the one command that takes explicit dates; these are long past.
-        run("openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout " +
-            base + ".key -out " + base + ".csr -subj /CN=localhost && openssl ca -batch -notext " +
-            "-config " + base + ".cnf -cert " + pki.caCertificate.string() + " -keyfile " +
-            (pki.caCertificate.parent_path() / "ca.key").string() + " -in " + base + ".csr -out " +
-            base + ".pem -extfile " + base + ".ext -startdate 20200101000000Z -enddate " +
-            "20200102000000Z");
-        return ScriptedServer::Tls{base + ".pem", base + ".key"};
-    }();
-    return expired;
+    const std::filesystem::path dir = VELMORAND_TEST_PKI_DIR;
+    return {dir / "expired.pem", dir / "expired.key"};
 }
 
 }  // namespace velmorand::testing
