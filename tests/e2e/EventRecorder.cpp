@@ -186,7 +186,6 @@ class Recorder {
                 const auto& mapping = reinterpret_cast<const xcb_mapping_notify_event_t&>(event);
                 if (mapping.request == XCB_MAPPING_KEYBOARD) {
                     readKeyboardMapping();
-                } else if (mapping.request == XCB_MAPPING_MODIFIER) {
                 }
                 break;
             }
