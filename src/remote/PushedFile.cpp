@@ -52,9 +52,8 @@ std::string PushedFile::safeName(std::string_view name) {
             c = '_';
         }
     }
-    if (!isValidUtf8(base)) {
-        base = "file";
-    }
+    base = isValidUtf8(base) ? withoutFormatCharacters(base) : "file";
+    base.erase(0, base.find_first_not_of('.'));
     if (base.size() > kMaxNameBytes) {
         const auto dot = base.rfind('.');
         const std::string extension =
@@ -108,19 +107,31 @@ std::optional<std::string> PushedFile::decodeBase64(std::string_view text, std::
 }
 
 std::variant<std::filesystem::path, std::string> PushedFile::save(
-    const std::filesystem::path& directory, const std::string& name, std::string_view bytes) {
+    const std::filesystem::path& directory, const std::string& name, std::string_view bytes,
+    std::uintmax_t keepFree) {
     std::error_code error;
     std::filesystem::create_directories(directory, error);
     if (error) {
         return "cannot make " + directory.string() + ": " + error.message();
     }
+    const auto space = std::filesystem::space(directory, error);
+    if (error) {
+        return "cannot tell the free space of " + directory.string() + ": " + error.message();
+    }
+    if (space.available < keepFree || space.available - keepFree < bytes.size()) {
+        return "it would leave less than " + std::to_string(keepFree / (1024 * 1024)) +
+               " MiB free on the disk of " + directory.string();
+    }
     const std::filesystem::path plain(name);
     const std::string stem = plain.stem().string();
     const std::string extension = plain.extension().string();
     for (int suffix = 1; suffix <= kMaxSuffix; ++suffix) {
+        const std::string tail = " (" + std::to_string(suffix) + ")" + extension;
         const auto path =
             directory /
-            (suffix == 1 ? name : stem + " (" + std::to_string(suffix) + ")" + extension);
+            (suffix == 1
+                 ? name
+                 : cutUtf8(stem, kMaxNameBytes - std::min(kMaxNameBytes, tail.size())) + tail);
         // "x": created here or not at all, so a file that appears meanwhile is never overwritten.
         std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wbx"),
                                                              &std::fclose);

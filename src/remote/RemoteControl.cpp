@@ -25,34 +25,14 @@ Outcome refused(std::string why) {
     return {std::move(why), {}};
 }
 
-// What a waiting command holds in memory, near enough.
-std::size_t payloadBytes(const Control& control) {
-    return std::visit(
-        [](const auto& command) -> std::size_t {
-            using C = std::decay_t<decltype(command)>;
-            if constexpr (std::is_same_v<C, Control::PushMedia>) {
-                return command.fileName.size() + command.mime.size() + command.dataB64.size();
-            } else if constexpr (std::is_same_v<C, Control::Text> ||
-                                 std::is_same_v<C, Control::SetClipboard>) {
-                return command.text.size();
-            } else if constexpr (std::is_same_v<C, Control::Key>) {
-                return command.key.size();
-            } else if constexpr (std::is_same_v<C, Control::Button>) {
-                return command.button.size();
-            } else if constexpr (std::is_same_v<C, Control::OpenURL>) {
-                return command.url.size();
-            } else if constexpr (std::is_same_v<C, Control::LaunchApp> ||
-                                 std::is_same_v<C, Control::KillApp>) {
-                return command.bundleId.size();
-            } else {
-                return 0;
-            }
-        },
-        control.command);
-}
-
 milliseconds bounded(std::int64_t ms) {
     return milliseconds(std::clamp<std::int64_t>(ms, 0, RemoteControl::kLongestGesture.count()));
+}
+
+// "3 s", or "20 ms" for what is not whole seconds.
+std::string durationText(milliseconds duration) {
+    return duration.count() % 1000 == 0 ? std::to_string(duration.count() / 1000) + " s"
+                                        : std::to_string(duration.count()) + " ms";
 }
 
 // A desktop entry id as the desktop looks it up: "org.example.App.desktop".
@@ -66,9 +46,11 @@ std::optional<std::string> desktopId(const std::string& id) {
 
 }  // namespace
 
-RemoteControl::RemoteControl(Services services, Report report,
-                             std::chrono::milliseconds longestTouch)
-    : services_(services), report_(std::move(report)), longestTouch_(longestTouch) {
+RemoteControl::RemoteControl(Services services, Report report)
+    : RemoteControl(services, std::move(report), Limits{}) {}
+
+RemoteControl::RemoteControl(Services services, Report report, Limits limits)
+    : services_(services), report_(std::move(report)), limits_(limits) {
     thread_ = std::thread([this] { run(); });
 }
 
@@ -81,27 +63,86 @@ RemoteControl::~RemoteControl() {
     thread_.join();
 }
 
+// What a waiting command holds in memory (near enough), the time its gesture takes, and the text
+// it types.
+RemoteControl::Weight RemoteControl::weigh(const Control& control) {
+    return std::visit(
+        [](const auto& command) -> Weight {
+            using C = std::decay_t<decltype(command)>;
+            if constexpr (std::is_same_v<C, Control::PushMedia>) {
+                return {command.fileName.size() + command.mime.size() + command.dataB64.size()};
+            } else if constexpr (std::is_same_v<C, Control::Text>) {
+                return {command.text.size(), {}, command.text.size()};
+            } else if constexpr (std::is_same_v<C, Control::Key>) {
+                return {command.key.size(), {}, command.key.size()};
+            } else if constexpr (std::is_same_v<C, Control::SetClipboard>) {
+                return {command.text.size()};
+            } else if constexpr (std::is_same_v<C, Control::Button>) {
+                return {command.button.size()};
+            } else if constexpr (std::is_same_v<C, Control::OpenURL>) {
+                return {command.url.size()};
+            } else if constexpr (std::is_same_v<C, Control::LaunchApp> ||
+                                 std::is_same_v<C, Control::KillApp>) {
+                return {command.bundleId.size()};
+            } else if constexpr (std::is_same_v<C, Control::LongPress> ||
+                                 std::is_same_v<C, Control::Swipe>) {
+                return {0, bounded(command.ms)};
+            } else if constexpr (std::is_same_v<C, Control::DoubleTap>) {
+                return {0, kDoubleClickGap};
+            } else {
+                return {};
+            }
+        },
+        control.command);
+}
+
 void RemoteControl::execute(Control control) {
-    const std::size_t bytes = payloadBytes(control);
+    const Weight weight = weigh(control);
+    std::optional<std::string> refusal;
     {
         std::lock_guard lock(mutex_);
-        if (waiting_.size() < kMaxWaiting && waitingBytes_ + bytes <= kMaxWaitingBytes) {
-            waitingBytes_ += bytes;
-            waiting_.push_back(std::move(control));
+        if (waiting_.size() >= kMaxWaiting ||
+            waitingWeight_.bytes + weight.bytes > kMaxWaitingBytes) {
+            refusal = "too many commands are waiting";
+        } else if (waitingWeight_.gesture + weight.gesture > kMaxWaitingGestureTime) {
+            refusal =
+                "more than " + durationText(kMaxWaitingGestureTime) + " of gestures are waiting";
+        } else if (waitingWeight_.text + weight.text > kMaxWaitingTextBytes) {
+            refusal = "more than 64 KiB of text is waiting";
+        } else {
+            waitingWeight_.bytes += weight.bytes;
+            waitingWeight_.gesture += weight.gesture;
+            waitingWeight_.text += weight.text;
+            waiting_.push_back({std::move(control), weight, Clock::now()});
             changed_.notify_all();
             return;
         }
     }
-    report_(control, refused("too many commands are waiting"));
+    report_(control, refused(*refusal));
+}
+
+std::size_t RemoteControl::cancel() {
+    std::size_t dropped = 0;
+    {
+        std::lock_guard lock(mutex_);
+        dropped = waiting_.size();
+        waiting_.clear();
+        waitingWeight_ = {};
+        ++cancels_;
+    }
+    changed_.notify_all();
+    return dropped;
 }
 
 void RemoteControl::run() {
     std::unique_lock lock(mutex_);
-    const auto ready = [this] { return stopping_ || !waiting_.empty(); };
+    const auto ready = [this] {
+        return stopping_ || !waiting_.empty() || cancels_ != cancelsSeen_;
+    };
     for (;;) {
         if (!buttonHeld_) {
             changed_.wait(lock, ready);
-        } else if (!changed_.wait_for(lock, longestTouch_, ready)) {
+        } else if (!changed_.wait_for(lock, limits_.longestTouch, ready)) {
             lock.unlock();
             releaseHeld();
             report_(Control{Control::TouchUp{static_cast<double>(lastPoint_.x),
@@ -113,15 +154,32 @@ void RemoteControl::run() {
         if (stopping_) {
             break;
         }
-        Control control = std::move(waiting_.front());
+        if (cancels_ != cancelsSeen_) {
+            cancelsSeen_ = cancels_;
+            lock.unlock();
+            releaseHeld();
+            lock.lock();
+            continue;
+        }
+        Waiting next = std::move(waiting_.front());
         waiting_.pop_front();
-        waitingBytes_ -= payloadBytes(control);
+        take(next.weight);
         lock.unlock();
-        report_(control, carryOut(control));
+        if (Clock::now() - next.since > limits_.longestWait) {
+            report_(next.control, refused("waited more than " + durationText(limits_.longestWait)));
+        } else {
+            report_(next.control, carryOut(next.control));
+        }
         lock.lock();
     }
     lock.unlock();
     releaseHeld();
+}
+
+void RemoteControl::take(const Weight& weight) {
+    waitingWeight_.bytes -= weight.bytes;
+    waitingWeight_.gesture -= weight.gesture;
+    waitingWeight_.text -= weight.text;
 }
 
 Outcome RemoteControl::carryOut(const Control& control) {
@@ -176,7 +234,13 @@ RemoteControl::Point RemoteControl::onScreen(double x, double y) {
 
 bool RemoteControl::pause(milliseconds duration) {
     std::unique_lock lock(mutex_);
-    return !changed_.wait_for(lock, duration, [this] { return stopping_; });
+    return !changed_.wait_for(lock, duration,
+                              [this] { return stopping_ || cancels_ != cancelsSeen_; });
+}
+
+bool RemoteControl::interrupted() {
+    std::lock_guard lock(mutex_);
+    return stopping_ || cancels_ != cancelsSeen_;
 }
 
 void RemoteControl::releaseHeld() {
@@ -208,9 +272,9 @@ Outcome RemoteControl::press(const Point& at, milliseconds hold) {
     input.setLeftButton(true);
     input.flush();
     buttonHeld_ = true;
-    pause(hold);
+    const bool held = pause(hold);
     releaseHeld();
-    return done("held " + std::to_string(hold.count()) + " ms");
+    return done(held ? "held " + std::to_string(hold.count()) + " ms" : std::string("cut short"));
 }
 
 Outcome RemoteControl::swipe(const Control::Swipe& swipe) {
@@ -224,8 +288,9 @@ Outcome RemoteControl::swipe(const Control::Swipe& swipe) {
     input.setLeftButton(true);
     input.flush();
     buttonHeld_ = true;
-    for (std::int64_t step = 1; step <= steps; ++step) {
-        if (!pause(duration / steps)) {
+    bool whole = true;
+    for (std::int64_t step = 1; step <= steps && whole; ++step) {
+        if (!(whole = pause(duration / steps))) {
             break;
         }
         const double along = static_cast<double>(step) / static_cast<double>(steps);
@@ -235,7 +300,7 @@ Outcome RemoteControl::swipe(const Control::Swipe& swipe) {
     }
     input.movePointer(to.x, to.y);
     releaseHeld();
-    return done();
+    return whole ? done() : done("cut short");
 }
 
 Outcome RemoteControl::touch(const Point& at, std::optional<bool> press) {
@@ -262,7 +327,19 @@ Outcome RemoteControl::type(const std::string& text) {
     }
     auto& input = services_.input;
     std::size_t untypable = 0;
+    std::size_t typed = 0;
+    std::string stopped;
+    const auto deadline = Clock::now() + limits_.longestTyping;
     for (const char32_t point : *points) {
+        if (interrupted()) {
+            stopped = "cut short";
+            break;
+        }
+        if (Clock::now() > deadline) {
+            stopped = "stopped after " + durationText(limits_.longestTyping);
+            break;
+        }
+        ++typed;
         if (point == U'\n' || point == U'\t') {
             const NamedKey named = point == U'\n' ? NamedKey::enter : NamedKey::tab;
             input.setKey(named, true);
@@ -272,7 +349,12 @@ Outcome RemoteControl::type(const std::string& text) {
         }
     }
     input.flush();
-    return done(untypable > 0 ? std::to_string(untypable) + " with no key" : std::string());
+    std::string detail = untypable > 0 ? std::to_string(untypable) + " with no key" : "";
+    if (!stopped.empty()) {
+        detail += (detail.empty() ? "" : ", ") + stopped + ": " + std::to_string(typed) + " of " +
+                  std::to_string(points->size()) + " typed";
+    }
+    return done(std::move(detail));
 }
 
 Outcome RemoteControl::key(const std::string& name) {
@@ -358,15 +440,24 @@ Outcome RemoteControl::setClipboard(const std::string& text) {
 }
 
 Outcome RemoteControl::pushMedia(const Control::PushMedia& media) {
+    if (pushedFiles_ >= kMaxPushedFiles) {
+        return refused("this broadcast has saved its quota of 100 files already");
+    }
     const auto bytes = PushedFile::decodeBase64(media.dataB64);
     if (!bytes) {
         return refused("the data is not base64, or is larger than 64 MiB");
     }
-    const auto saved = PushedFile::save(services_.shell.downloadsDirectory(),
-                                        PushedFile::safeName(media.fileName), *bytes);
+    if (pushedBytes_ + bytes->size() > kMaxPushedBytes) {
+        return refused("it would take this broadcast past its quota of 512 MiB of files");
+    }
+    const auto saved =
+        PushedFile::save(services_.shell.downloadsDirectory(), PushedFile::safeName(media.fileName),
+                         *bytes, kMinFreeBytes);
     if (const auto* error = std::get_if<std::string>(&saved)) {
         return refused(*error);
     }
+    ++pushedFiles_;
+    pushedBytes_ += bytes->size();
     return done("saved as " + std::get<std::filesystem::path>(saved).string() + " (" +
                 std::to_string(bytes->size()) + " bytes)");
 }

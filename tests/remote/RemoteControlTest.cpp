@@ -6,6 +6,7 @@
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 #include "TempDir.h"
 #include "velmorand/remote/KeyCombination.h"
@@ -49,6 +50,9 @@ TEST(PushedFile, NamesAreBaseNamesWithoutLeadingDotsAndNothingIsOverwritten) {
         {"line\nbreak\x7f.txt", "line_break_.txt"},
         {std::string(300, 'n') + ".jpeg", std::string(250, 'n') + ".jpeg"},
         {"caf\xc3\xa9.txt", "caf\xc3\xa9.txt"},
+        // U+202E turns "gpj.exe" around on screen; U+200B and U+FEFF are invisible.
+        {"invoice\xe2\x80\xaegpj.exe", "invoicegpj.exe"},
+        {"\xe2\x80\x8b.\xef\xbb\xbfprofile", "profile"},
         {"bad\xff.txt", "file"},
     };
     for (const auto& [given, safe] : names) {
@@ -67,6 +71,22 @@ TEST(PushedFile, NamesAreBaseNamesWithoutLeadingDotsAndNothingIsOverwritten) {
     std::ostringstream first;
     first << std::ifstream(downloads / "notes.txt").rdbuf();
     EXPECT_EQ(first.str(), "one");
+
+    // A name at the length limit makes room for its number.
+    const std::string longest = std::string(251, 'l') + ".txt";
+    for (const auto* expected : {"", " (2)"}) {
+        const auto saved = PushedFile::save(downloads, longest, "x");
+        ASSERT_TRUE(std::holds_alternative<std::filesystem::path>(saved))
+            << std::get<std::string>(saved);
+        const auto name = std::get<std::filesystem::path>(saved).filename().string();
+        EXPECT_LE(name.size(), 255u);
+        EXPECT_TRUE(name.ends_with(std::string(expected) + ".txt")) << name;
+    }
+
+    const auto full = PushedFile::save(downloads, "big.bin", "x", UINTMAX_MAX / 2);
+    ASSERT_TRUE(std::holds_alternative<std::string>(full));
+    EXPECT_TRUE(std::get<std::string>(full).starts_with("it would leave less than "))
+        << std::get<std::string>(full);
 }
 
 TEST(PushedFile, Base64IsStrictAndBounded) {
@@ -97,6 +117,7 @@ struct RecordingDesktop : InputInjector, Pasteboard, DesktopShell, WindowCloser 
         note("key " + std::to_string(static_cast<int>(key)) + (pressed ? " down" : " up"));
     }
     bool typeCharacter(char32_t c) override {
+        std::this_thread::sleep_for(typingTime);
         note("type " + std::to_string(static_cast<std::uint32_t>(c)));
         return c != U'\U0001F600';
     }
@@ -139,6 +160,7 @@ struct RecordingDesktop : InputInjector, Pasteboard, DesktopShell, WindowCloser 
     std::mutex mutex;
     Lines calls;
     std::filesystem::path downloads;
+    std::chrono::milliseconds typingTime{0};
 };
 
 class RemoteControlTest : public ::testing::Test {
@@ -153,15 +175,27 @@ class RemoteControlTest : public ::testing::Test {
         }
         const auto before = outcomes();
         control_.execute(Control{command});
-        std::unique_lock lock(mutex_);
-        reported_.wait_for(lock, std::chrono::seconds(5),
-                           [&] { return outcomes_.size() > before; });
+        waitForOutcomes(before + 1);
+        std::lock_guard lock(mutex_);
         std::lock_guard calls(desktop_.mutex);
         return {desktop_.calls, outcomes_.back()};
     }
     std::size_t outcomes() {
         std::lock_guard lock(mutex_);
         return outcomes_.size();
+    }
+    bool waitForOutcomes(std::size_t count) {
+        std::unique_lock lock(mutex_);
+        return reported_.wait_for(lock, std::chrono::seconds(5),
+                                  [&] { return outcomes_.size() >= count; });
+    }
+    void waitForCalls(std::size_t count) {
+        while (true) {
+            std::lock_guard lock(desktop_.mutex);
+            if (desktop_.calls.size() >= count) {
+                return;
+            }
+        }
     }
 
     testing::TempDir dir_;
@@ -247,35 +281,83 @@ TEST_F(RemoteControlTest, KeysTextAndDesktopActionsAreCarriedOutOrRefusedWithARe
 
 TEST_F(RemoteControlTest, ATouchNeverLetGoIsReleasedAfterTheLongestGesture) {
     RemoteControl quick({desktop_, desktop_, desktop_, desktop_}, recorder(),
-                        std::chrono::milliseconds(20));
+                        {.longestTouch = std::chrono::milliseconds(20)});
     quick.execute(Control{Control::TouchDown{3, 4}});
-    std::unique_lock lock(mutex_);
-    ASSERT_TRUE(
-        reported_.wait_for(lock, std::chrono::seconds(5), [&] { return outcomes_.size() == 2; }));
+    ASSERT_TRUE(waitForOutcomes(2));
     EXPECT_EQ(outcomes_[1],
               (RemoteControl::Outcome{std::nullopt, "no touch_up came within 10 s: let go"}));
     std::lock_guard calls(desktop_.mutex);
     EXPECT_EQ(desktop_.calls, (Lines{"move 3,4", "press", "release"}));
 }
 
-TEST_F(RemoteControlTest, CommandsBeyondWhatMayWaitAreRefusedAtOnceAndGesturesEndWithIt) {
-    // A long press holds the control's thread while the queue fills.
-    control_.execute(Control{Control::LongPress{1, 1, 60'000}});
-    while (true) {
-        std::lock_guard lock(desktop_.mutex);
-        if (desktop_.calls.size() == 2) {
-            break;
-        }
-    }
-    for (std::size_t i = 0; i < RemoteControl::kMaxWaiting; ++i) {
-        control_.execute(Control{Control::TouchMove{1, 1}});
-    }
-    control_.execute(Control{Control::Tap{1, 1}});
-    {
+// A viewer can queue work faster than the desktop does it: what may wait is bounded by count, by
+// gesture time and by text, and once the viewers are gone nothing of it goes on.
+TEST_F(RemoteControlTest, WhatWaitsIsBoundedAndEndsWithTheViewers) {
+    using C = Control;
+    // Holds the control's thread while the rest waits.
+    control_.execute(Control{C::LongPress{1, 1, 60'000}});
+    waitForCalls(2);
+    const auto refusal = [this](const C::Command& command) {
+        const auto before = outcomes();
+        control_.execute(Control{command});
         std::lock_guard lock(mutex_);
-        ASSERT_EQ(outcomes_.size(), 1u);
-        EXPECT_EQ(outcomes_[0].refusal, "too many commands are waiting");
+        return outcomes_.size() > before ? outcomes_.back().refusal : std::nullopt;
+    };
+    const std::vector<std::tuple<C::Command, std::optional<std::string>>> rows = {
+        {C::LongPress{1, 1, 9'990}, std::nullopt},
+        {C::DoubleTap{1, 1}, "more than 10 s of gestures are waiting"},
+        {C::Swipe{{0, 0}, {1, 1}, 10}, std::nullopt},
+        {C::Swipe{{0, 0}, {1, 1}, 1}, "more than 10 s of gestures are waiting"},
+        {C::Text{std::string(60 * 1024, 'a')}, std::nullopt},
+        {C::Key{std::string(4 * 1024, 'k')}, std::nullopt},
+        {C::Text{"x"}, "more than 64 KiB of text is waiting"},
+        {C::Tap{1, 1}, std::nullopt},
+    };
+    for (const auto& [command, expected] : rows) {
+        EXPECT_EQ(refusal(command), expected) << Control{command}.name();
     }
+    for (std::size_t i = 4; i < RemoteControl::kMaxWaiting; ++i) {
+        control_.execute(Control{C::TouchMove{1, 1}});
+    }
+    EXPECT_EQ(refusal(C::Tap{1, 1}), "too many commands are waiting");
+
+    const auto before = outcomes();
+    EXPECT_EQ(control_.cancel(), RemoteControl::kMaxWaiting);
+    ASSERT_TRUE(waitForOutcomes(before + 1));
+    EXPECT_EQ(outcomes_.back(), (RemoteControl::Outcome{std::nullopt, "cut short"}));
+    // Nothing that waited was carried out, and the button was let go of.
+    control_.execute(Control{C::Tap{7, 7}});
+    ASSERT_TRUE(waitForOutcomes(before + 2));
+    std::lock_guard calls(desktop_.mutex);
+    EXPECT_EQ(desktop_.calls,
+              (Lines{"move 1,1", "press", "release", "move 7,7", "press", "release"}));
+}
+
+TEST_F(RemoteControlTest, StaleCommandsAreRefusedAndLongTypingStops) {
+    desktop_.typingTime = std::chrono::milliseconds(2);
+    RemoteControl quick({desktop_, desktop_, desktop_, desktop_}, recorder(),
+                        {.longestWait = std::chrono::milliseconds(20),
+                         .longestTyping = std::chrono::milliseconds(30)});
+    quick.execute(Control{Control::LongPress{1, 1, 200}});
+    quick.execute(Control{Control::Tap{5, 5}});
+    quick.execute(Control{Control::Text{std::string(1000, 't')}});
+    ASSERT_TRUE(waitForOutcomes(3));
+    EXPECT_EQ(outcomes_[1].refusal, "waited more than 20 ms");
+    EXPECT_EQ(outcomes_[2].refusal, "waited more than 20 ms");
+
+    quick.execute(Control{Control::Text{std::string(1000, 't')}});
+    ASSERT_TRUE(waitForOutcomes(4));
+    EXPECT_TRUE(outcomes_[3].detail.starts_with("stopped after 30 ms: ")) << outcomes_[3].detail;
+    EXPECT_TRUE(outcomes_[3].detail.ends_with(" of 1000 typed")) << outcomes_[3].detail;
+}
+
+TEST_F(RemoteControlTest, PushedFilesHaveAQuotaPerBroadcast) {
+    for (std::size_t i = 0; i < RemoteControl::kMaxPushedFiles; ++i) {
+        ASSERT_EQ(run(Control::PushMedia{"f.txt", "text/plain", "eA=="}).second.refusal,
+                  std::nullopt);
+    }
+    EXPECT_EQ(run(Control::PushMedia{"f.txt", "text/plain", "eA=="}).second.refusal,
+              "this broadcast has saved its quota of 100 files already");
 }
 
 }  // namespace

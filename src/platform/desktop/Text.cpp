@@ -66,6 +66,26 @@ std::string trimmed(std::string_view text) {
         text.substr(static_cast<std::size_t>(begin), static_cast<std::size_t>(end - begin)));
 }
 
+std::string withoutFormatCharacters(std::string_view text) {
+    if (!fitsIcu(text)) {
+        return std::string(text);
+    }
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+    const auto length = static_cast<std::int32_t>(text.size());
+    std::string kept;
+    kept.reserve(text.size());
+    for (std::int32_t index = 0; index < length;) {
+        const std::int32_t start = index;
+        UChar32 c = 0;
+        U8_NEXT(bytes, index, length, c);
+        if (c < 0 || u_charType(c) != U_FORMAT_CHAR) {
+            kept.append(text.substr(static_cast<std::size_t>(start),
+                                    static_cast<std::size_t>(index - start)));
+        }
+    }
+    return kept;
+}
+
 std::optional<std::u32string> codePoints(std::string_view text, std::size_t limit) {
     // No code point takes more than 4 bytes: a longer text has too many, or is not UTF-8.
     if (text.size() > 4 * limit) {

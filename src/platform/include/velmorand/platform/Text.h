@@ -13,6 +13,11 @@ std::string trimmed(std::string_view text);
 
 bool isValidUtf8(std::string_view bytes);
 
+// UTF-8 `text` without its invisible format characters (Unicode category Cf: bidirectional
+// overrides and isolates, zero-width spaces and joiners, soft hyphens), which can make a name
+// read as something it is not. Bytes that are not UTF-8 are kept as they are.
+std::string withoutFormatCharacters(std::string_view text);
+
 // The code points of UTF-8 `text`; absent when it is not UTF-8 or has more than `limit` of them.
 // `limit` is at most 2^28.
 std::optional<std::u32string> codePoints(std::string_view text, std::size_t limit);
