@@ -27,16 +27,17 @@ std::function<double()> systemRandom() {
     };
 }
 
-// Runs on the session's thread: logs a failed send if the client still exists, without owning it,
-// after running `done`.
+// Runs on the session's thread: logs the first failed send of a link if the client still exists,
+// without owning it, after running `done`.
 WebSocketTask::SendCompletion sendCompletion(std::weak_ptr<RelayClient> client, Log& log,
+                                             std::shared_ptr<std::atomic<bool>> linkFailed,
                                              std::function<void()> done) {
-    return [client = std::move(client), &log,
+    return [client = std::move(client), &log, linkFailed = std::move(linkFailed),
             done = std::move(done)](std::optional<WebSocketError> error) {
         if (done) {
             done();
         }
-        if (error && !client.expired()) {
+        if (error && !client.expired() && !linkFailed->exchange(true)) {
             log.write("[relay-client] send error: " + error->description);
         }
     };
@@ -94,7 +95,7 @@ RelayClient::RelayClient(std::string relayBase, std::string deviceToken, Service
       log_(services.log),
       makeSession_(std::move(services.makeSession)),
       random_(services.random ? std::move(services.random) : systemRandom()),
-      outbound_(RelayOutbound<Socket>::make()),
+      outbound_(RelayOutbound<Link>::make()),
       reconnectDelay_(policy_.minDelay) {}
 
 RelayClient::~RelayClient() = default;
@@ -134,7 +135,7 @@ void RelayClient::connect() {
     // The previous task is let go, not cancelled: its late events are ignored by identity.
     Socket task = session().makeTask(request);
     task_ = task;
-    outbound_->replace(task);
+    outbound_->replace(Link{task, std::make_shared<std::atomic<bool>>(false)});
     task->resume();
     armReceive(task);
 
@@ -225,6 +226,7 @@ void RelayClient::scheduleReconnect() {
     if (pendingReconnect_) {
         return;
     }
+    const bool hadTask = task_ != nullptr;
     if (task_) {
         task_->cancel();
         task_.reset();
@@ -246,14 +248,17 @@ void RelayClient::scheduleReconnect() {
                 self->connect();
             }
         });
+    if (hadTask && onLinkLost) {
+        onLinkLost();
+    }
 }
 
 void RelayClient::transmit(std::optional<std::string> text, std::optional<Bytes> binary) {
     outbound_->send(
         text, binary,
         [client = weak_from_this(), &log = log_](
-            const Socket& socket, const std::optional<std::string>& text,
-            const std::optional<Bytes>& binary, const RelayOutbound<Socket>::Release& release) {
+            const Link& link, const std::optional<std::string>& text,
+            const std::optional<Bytes>& binary, const RelayOutbound<Link>::Release& release) {
             WebSocketMessage message;
             if (text) {
                 message = {WebSocketMessage::Kind::text, *text};
@@ -263,7 +268,7 @@ void RelayClient::transmit(std::optional<std::string> text, std::optional<Bytes>
                     message.payload.assign(binary->begin(), binary->end());
                 }
             }
-            socket->send(std::move(message), sendCompletion(client, log, {}));
+            link.task->send(std::move(message), sendCompletion(client, log, link.sendFailed, {}));
             // Replies are tiny and never held back: released as soon as the send has started.
             release();
         });
@@ -275,7 +280,7 @@ RelayClient::FrameOutcome RelayClient::sendFrame(FrameHeader header,
     const auto size = static_cast<std::int64_t>(FrameHeader::kSize + payload.size());
     return outbound_->sendWithin(
         budget, size,
-        [&](const Socket& socket, std::uint32_t sequence, RelayOutbound<Socket>::Release release) {
+        [&](const Link& link, std::uint32_t sequence, RelayOutbound<Link>::Release release) {
             header.sequence = sequence;
             WebSocketMessage message{WebSocketMessage::Kind::binary,
                                      std::string(static_cast<std::size_t>(size), '\0')};
@@ -284,8 +289,9 @@ RelayClient::FrameOutcome RelayClient::sendFrame(FrameHeader header,
             std::copy(payload.begin(), payload.end(), bytes + FrameHeader::kSize);
             // The bytes stay reserved until the socket has written them (or failed to), so
             // that a relay reading slowly holds back new frames instead of queueing them.
-            socket->send(std::move(message),
-                         sendCompletion(weak_from_this(), log_, std::move(release)));
+            link.task->send(
+                std::move(message),
+                sendCompletion(weak_from_this(), log_, link.sendFailed, std::move(release)));
         });
 }
 

@@ -10,6 +10,46 @@ namespace velmorand {
 namespace {
 
 constexpr double kTwoTo63 = 9223372036854775808.0;
+// Signalling (an offer's SDP, a candidate) is small; anything larger is no signal and is not
+// built into a tree, and nothing nested deeper than this is handed on, so that what the owner
+// does with it (print it, copy it) never recurses without bound.
+constexpr std::size_t kMaxSignalBytes = 256 * 1024;
+constexpr std::size_t kMaxSignalDepth = 32;
+// A viewer's id comes back in the answer to its latency probe; an id longer than any relay hands
+// out (128 bytes, as escaped in the answer) would make the answer a vehicle for the viewer, and
+// gets none.
+constexpr std::size_t kMaxEchoedViewerIdBytes = 128;
+constexpr std::string_view kViewerIdMember = R"(,"viewerId":"")";
+
+// Reads a document without keeping any of it, and gives up past the depth limit.
+class DepthCheck {
+  public:
+    using Json = nlohmann::json;
+
+    bool null() { return true; }
+    bool boolean(bool) { return true; }
+    bool number_integer(Json::number_integer_t) { return true; }
+    bool number_unsigned(Json::number_unsigned_t) { return true; }
+    bool number_float(Json::number_float_t, const Json::string_t&) { return true; }
+    bool string(Json::string_t&) { return true; }
+    bool binary(Json::binary_t&) { return true; }
+    bool key(Json::string_t&) { return true; }
+    bool start_object(std::size_t) { return ++depth_ <= kMaxSignalDepth; }
+    bool start_array(std::size_t) { return ++depth_ <= kMaxSignalDepth; }
+    bool end_object() { return leave(); }
+    bool end_array() { return leave(); }
+    bool parse_error(std::size_t, const std::string&, const nlohmann::json::exception&) {
+        return false;
+    }
+
+  private:
+    bool leave() {
+        --depth_;
+        return true;
+    }
+
+    std::size_t depth_ = 0;
+};
 
 // A frame rate that cannot become an integer is a bug upstream, not a viewer's mistake.
 std::int64_t roundedFrameRate(double fps) {
@@ -29,7 +69,11 @@ bool looksLikeWebRtc(std::string_view text) {
 
 // Signalling skips the typed decoding: it goes to its owner whole, whatever its keys.
 bool RelayClient::takeWebRtcSignal(std::string_view text) {
-    if (!onWebRtcSignal || !looksLikeWebRtc(text)) {
+    if (!onWebRtcSignal || !looksLikeWebRtc(text) || text.size() > kMaxSignalBytes) {
+        return false;
+    }
+    DepthCheck depth;
+    if (!nlohmann::json::sax_parse(text, &depth)) {
         return false;
     }
     const auto document = nlohmann::json::parse(text, nullptr, false);
@@ -54,7 +98,13 @@ void RelayClient::handleText(std::string_view text) {
     if (type == "ping") {
         sendJSON(PongMessage{});
     } else if (type == "latency_ping") {
-        sendJSON(LatencyPongMessage{m.t.value_or(0), std::move(m.viewerId)});
+        const std::int64_t t = m.t.value_or(0);
+        const auto reply = LatencyPongMessage{t, std::move(m.viewerId)}.encode();
+        const auto bare = LatencyPongMessage{t, std::nullopt}.encode();
+        if (reply && bare &&
+            reply->size() <= bare->size() + kViewerIdMember.size() + kMaxEchoedViewerIdBytes) {
+            transmit(*reply, std::nullopt);
+        }
     } else if (type == "need_stream") {
         if (onNeedStream) {
             onNeedStream(std::move(m.prefer));

@@ -86,7 +86,7 @@ struct Harness {
 };
 
 struct Row {
-    const char* frame;
+    std::string frame;
     Lines events;
     Lines sent = {};
 };
@@ -142,6 +142,18 @@ TEST_F(Dispatch, RoutesEachFrameToItsReplyOrCallback) {
          {R"(webrtc {"inner":{"type":"webrtc_x"},"type":"ping"})"}},
         {R"({"type" : "webrtc_offer"})", {}},
         {R"([{"type":"webrtc_offer"}])", {}},
+        // Signalling is small and shallow: the rest is not built into a tree, nor handed on.
+        {R"({"type":"webrtc_offer","sdp":")" + std::string(256 * 1024, 'v') + R"("})", {}},
+        {R"({"type":"webrtc_x","a":)" + std::string(32, '[') + std::string(32, ']') + "}", {}},
+        {R"({"type":"webrtc_x","a":)" + std::string(31, '[') + std::string(31, ']') + "}",
+         {R"(webrtc {"a":)" + std::string(31, '[') + std::string(31, ']') +
+          R"(,"type":"webrtc_x"})"}},
+        // The answer to a probe carries the viewer's id only as long as a relay's could be.
+        {R"({"type":"latency_ping","t":1,"viewerId":")" + std::string(128, 'v') + R"("})",
+         {},
+         {R"({"type":"latency_pong","t":1,"viewerId":")" + std::string(128, 'v') + R"("})"}},
+        {R"({"type":"latency_ping","t":1,"viewerId":")" + std::string(129, 'v') + R"("})", {}},
+        {R"({"type":"latency_ping","t":1,"viewerId":")" + std::string(100, '/') + R"("})", {}},
     });
 }
 

@@ -195,6 +195,26 @@ const BrokenLink kBrokenLinks[] = {
      [](RelayPeer& peer) { peer.sendClose(4401, "token rejected"); },
      {logged("closed code=4401 token rejected"), reconnecting("0.1")},
      1},
+    // More messages at once than can wait to be handled.
+    {"Flood",
+     [](RelayPeer& peer) {
+         QByteArray flood;
+         for (std::size_t i = 0; i <= 5 * WebSocketLimits::kMaxWaitingMessages; ++i) {
+             flood += frame(0x1, R"({"type":"device_online"})");
+         }
+         peer.sendRaw(flood);
+     },
+     {recvError("The peer sends faster than its messages can be handled"), reconnecting("0.1")}},
+    // Refused by its header: nothing of its half gigabyte is read or kept.
+    {"MessageOverTheLimit",
+     [](RelayPeer& peer) {
+         QByteArray header("\x81\x7f", 2);
+         for (int shift = 56; shift >= 0; shift -= 8) {
+             header.append(static_cast<char>(((512ULL << 20) >> shift) & 0xFF));
+         }
+         peer.sendRaw(header + QByteArray(64 * 1024, 'x'));
+     },
+     {logged("closed code=1009 Maximum framesize exceeded."), reconnecting("0.1")}},
 };
 
 INSTANTIATE_TEST_SUITE_P(, RelayBrokenLinkTest,
@@ -234,6 +254,35 @@ TEST_P(RelayFaultsTest, HarmlessFramesKeepTheLinkAndTheNextProbeIsAnswered) {
     EXPECT_EQ(relay_.connections(), 1);
     EXPECT_THAT(newLines(), ::testing::IsEmpty());
     EXPECT_EQ(opens_, 1);
+}
+
+// A relay that stops reading: what the device sends may pile up only so far, and a link that has
+// written nothing for the longest stall is given up like a broken one.
+TEST_P(RelayFaultsTest, ALinkThatStopsDrainingIsGivenUp) {
+    startHealthy();
+    relay_.latest()->stopReading();
+    const std::string stalled = recvError("The peer has stopped reading what is sent to it");
+    const auto given = [&] {
+        const auto lines = newLines();
+        return std::find(lines.begin(), lines.end(), stalled) != lines.end();
+    };
+    // Past the bound at once; slowly, through the stall (the extension's own choice of thread).
+    const bool slowly = GetParam() == SocketThread::caller;
+    const auto started = std::chrono::steady_clock::now();
+    while (!given()) {
+        ASSERT_LT(std::chrono::steady_clock::now() - started, 30s) << "never given up";
+        client_->transmit(std::string(slowly ? 64 * 1024 : 1024 * 1024, 'x'), std::nullopt);
+        pumpFor(slowly ? 50ms : 1ms);
+    }
+    ASSERT_TRUE(waitForReconnects(1));
+    expectRecovery();
+    // The sends the link took with it are one story, told once.
+    EXPECT_THAT(newLines(),
+                ElementsAreArray({logged("send error: The peer has stopped reading what "
+                                         "is sent to it"),
+                                  stalled, reconnecting("0.1")}));
+    EXPECT_EQ(std::chrono::steady_clock::now() - started >= WebSocketLimits::kLongestWriteStall,
+              slowly);
 }
 
 INSTANTIATE_TEST_SUITE_P(, RelayFaultsTest, kThreads,

@@ -69,6 +69,13 @@ void RelayPeer::sendText(const std::string& text) {
 }
 
 void RelayPeer::sendRaw(const QByteArray& bytes) {
+    if (!reading_) {
+        // Past Qt, which may hold writes back on a socket whose reading it has paused; what the
+        // device's side has no room for is lost, as a relay's probes may be.
+        ::send(static_cast<int>(socket_->socketDescriptor()), bytes.constData(),
+               static_cast<std::size_t>(bytes.size()), MSG_DONTWAIT | MSG_NOSIGNAL);
+        return;
+    }
     socket_->write(bytes);
 }
 
@@ -90,6 +97,14 @@ void RelayPeer::reset() {
     ::setsockopt(static_cast<int>(socket_->socketDescriptor()), SOL_SOCKET, SO_LINGER, &abortive,
                  sizeof abortive);
     socket_->close();
+}
+
+void RelayPeer::stopReading() {
+    socket_->flush();
+    reading_ = false;
+    QObject::disconnect(socket_, &QTcpSocket::readyRead, socket_, nullptr);
+    // Qt would otherwise go on taking everything into a buffer of its own.
+    socket_->setReadBufferSize(1);
 }
 
 // Client frames are masked; continuation frames are joined; a close is answered and ends it.

@@ -26,6 +26,9 @@ class RelayPeer {
     void hangUp();
     // Goes away with a TCP reset, dropping what was not yet sent.
     void reset();
+    // Reads nothing more: what the device sends piles up on its side once the system's buffers
+    // are full.
+    void stopReading();
 
     // Text frames the device sent, in order.
     const std::vector<std::string>& received() const { return received_; }
@@ -36,6 +39,7 @@ class RelayPeer {
     void readFrames();
 
     QTcpSocket* socket_;
+    bool reading_ = true;
     QByteArray buffer_;
     QByteArray fragments_;
     std::vector<std::string> received_;

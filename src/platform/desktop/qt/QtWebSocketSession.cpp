@@ -9,9 +9,9 @@
 #include <QWebSocket>
 #include <algorithm>
 #include <cassert>
+#include <chrono>
 #include <cstdlib>
 #include <deque>
-#include <limits>
 #include <mutex>
 #include <string_view>
 #include <unordered_set>
@@ -31,6 +31,10 @@ namespace {
 constexpr const char* kCancelled = "Cancelled";
 constexpr const char* kTimedOut = "The request timed out";
 constexpr const char* kNotConnected = "Socket is not connected";
+constexpr const char* kNotReading = "The peer has stopped reading what is sent to it";
+constexpr const char* kFlooded = "The peer sends faster than its messages can be handled";
+
+using Clock = std::chrono::steady_clock;
 
 class QtWebSocketTask;
 
@@ -124,8 +128,9 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
             context = shared_->context;
         }
         socket_ = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, context);
-        socket_->setMaxAllowedIncomingMessageSize(std::numeric_limits<quint64>::max());
-        socket_->setMaxAllowedIncomingFrameSize(std::numeric_limits<quint64>::max());
+        // Qt refuses a frame by its header, before reading its payload, and closes with 1009.
+        socket_->setMaxAllowedIncomingMessageSize(WebSocketLimits::kMaxIncomingMessageBytes);
+        socket_->setMaxAllowedIncomingFrameSize(WebSocketLimits::kMaxIncomingMessageBytes);
         if (url.scheme() == QLatin1String("wss")) {
             socket_->setSslConfiguration(qtdetail::clientTlsConfiguration());
         }
@@ -150,6 +155,8 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         QObject::connect(socket_, &QWebSocket::disconnected, socket_, [this] { onDisconnected(); });
         QObject::connect(socket_, &QWebSocket::bytesWritten, socket_,
                          [this] { completeWritten(); });
+        stallTimer_ = new QTimer(socket_);
+        QObject::connect(stallTimer_, &QTimer::timeout, socket_, [this] { checkStall(); });
 
         const auto timeout =
             request_.timeout.count() > 0 ? request_.timeout : std::chrono::milliseconds{60'000};
@@ -175,6 +182,8 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         }
         opened_ = true;
         handshakeTimer_->stop();
+        lastWrite_ = Clock::now();
+        stallTimer_->start(std::chrono::seconds(1));
         if (!shared_->stopped) {
             shared_->delegate->opened(shared_from_this());
         }
@@ -234,6 +243,14 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         shared_->live.erase(self);
     }
 
+    // Abandons a link that would otherwise make this side hold more and more: what it delivered
+    // and was not yet taken goes with it.
+    void giveUp(const char* reason) {
+        inbox_.clear();
+        inboxBytes_ = 0;
+        end(reason, false);
+    }
+
     // Lets go of the socket; `politely` says goodbye with a close frame first, and the socket
     // lingers until the peer has answered it (or the session ends).
     void dropSocket(bool politely) {
@@ -242,6 +259,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         }
         QWebSocket* socket = std::exchange(socket_, nullptr);
         handshakeTimer_ = nullptr;
+        stallTimer_ = nullptr;
         QObject::disconnect(socket, nullptr, socket, nullptr);
         if (politely && socket->state() == QAbstractSocket::ConnectedState) {
             QObject::connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
@@ -262,7 +280,12 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
             completion(std::move(message));
             return;
         }
+        inboxBytes_ += message.payload.size();
         inbox_.push_back(std::move(message));
+        if (inbox_.size() > WebSocketLimits::kMaxWaitingMessages ||
+            inboxBytes_ > WebSocketLimits::kMaxIncomingMessageBytes) {
+            giveUp(kFlooded);
+        }
     }
 
     void queueReceive(ReceiveCompletion completion) {
@@ -272,6 +295,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         if (!inbox_.empty()) {
             auto message = std::move(inbox_.front());
             inbox_.pop_front();
+            inboxBytes_ -= message.payload.size();
             completion(std::move(message));
         } else if (ended_) {
             completion(WebSocketError{endReason_});
@@ -299,6 +323,13 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
     // stays in one unit). Other writes (automatic pongs) only make the count cautious.
     void transmit(const WebSocketMessage& message, SendCompletion completion) {
         const qint64 before = socket_->bytesToWrite();
+        if (static_cast<std::uint64_t>(before) + message.payload.size() >
+            WebSocketLimits::kMaxUnwrittenBytes) {
+            completion(WebSocketError{kNotReading});
+            giveUp(kNotReading);
+            return;
+        }
+
         const qint64 sent =
             message.kind == WebSocketMessage::Kind::text
                 ? socket_->sendTextMessage(QString::fromStdString(message.payload))
@@ -311,6 +342,24 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
             static_cast<std::uint64_t>(std::max<qint64>(0, socket_->bytesToWrite() - before));
         unwritten_.emplace_back(queuedBytes_, std::move(completion));
         completeWritten();
+    }
+
+    // Bytes that wait and do not move: the peer stopped reading, and would make them pile up.
+    // (Qt's bytesWritten says only that a frame went into the socket's buffer, not that the
+    // system took it, so progress is read off the buffer's size.)
+    void checkStall() {
+        if (socket_ == nullptr) {
+            return;
+        }
+        const auto pending =
+            static_cast<std::uint64_t>(std::max<qint64>(0, socket_->bytesToWrite()));
+        const std::uint64_t written = queuedBytes_ > pending ? queuedBytes_ - pending : 0;
+        if (pending == 0 || written > writtenAtCheck_) {
+            writtenAtCheck_ = written;
+            lastWrite_ = Clock::now();
+        } else if (Clock::now() - lastWrite_ >= WebSocketLimits::kLongestWriteStall) {
+            giveUp(kNotReading);
+        }
     }
 
     void completeWritten() {
@@ -333,6 +382,10 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
     // Everything below is touched on the sockets' thread only.
     QWebSocket* socket_ = nullptr;
     QTimer* handshakeTimer_ = nullptr;
+    QTimer* stallTimer_ = nullptr;
+    // When the count of bytes written last grew (or nothing was waiting), and that count.
+    Clock::time_point lastWrite_;
+    std::uint64_t writtenAtCheck_ = 0;
     bool started_ = false;
     bool opened_ = false;
     bool ended_ = false;
@@ -340,6 +393,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
     std::string endReason_;
     std::optional<std::string> lastError_;
     std::deque<WebSocketMessage> inbox_;
+    std::uint64_t inboxBytes_ = 0;
     std::deque<ReceiveCompletion> receives_;
     std::deque<std::pair<WebSocketMessage, SendCompletion>> sends_;
     // Sends handed to the socket and not yet written out, by where their last byte ends.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -65,9 +66,24 @@ class WebSocketSessionDelegate {
                         const std::optional<std::string>& reason) = 0;
 };
 
-// Makes WebSocket tasks that all report to one delegate. Implementations set no limit on message
-// size and send no WebSocket-level pings: liveness is the peer's business. Destroying the session
-// cancels its tasks and delivers no further events.
+// What a peer can make a connection hold, in every implementation. Past either bound the
+// connection ends with an error (the peer is sent close code 1009 for an oversized message), which
+// pending and later receives report, as for any lost link.
+struct WebSocketLimits {
+    // The largest message received: a 64 MiB file in base64, with room for the JSON around it.
+    static constexpr std::uint64_t kMaxIncomingMessageBytes = 96ULL * 1024 * 1024;
+    // Messages received and not yet taken by a receive, by count (and by bytes, the largest
+    // message's).
+    static constexpr std::size_t kMaxWaitingMessages = 10'000;
+    // Bytes handed to the connection and not yet written.
+    static constexpr std::uint64_t kMaxUnwrittenBytes = 32ULL * 1024 * 1024;
+    // A connection with bytes waiting that has written none of them for this long is stuck.
+    static constexpr std::chrono::seconds kLongestWriteStall{10};
+};
+
+// Makes WebSocket tasks that all report to one delegate. Implementations send no WebSocket-level
+// pings: liveness is the peer's business. Destroying the session cancels its tasks and delivers
+// no further events.
 class WebSocketSession {
   public:
     virtual ~WebSocketSession() = default;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -76,7 +77,13 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
     // Any thread.
     void transmit(std::optional<std::string> text, std::optional<Bytes> binary);
 
-    using FrameOutcome = RelayOutbound<std::shared_ptr<WebSocketTask>>::Outcome;
+    // What sends go out on: the connection, and whether a send on it has failed already (only the
+    // first failure of a link is logged: the rest tell the same story, as often as sends come).
+    struct Link {
+        Socket task;
+        std::shared_ptr<std::atomic<bool>> sendFailed;
+    };
+    using FrameOutcome = RelayOutbound<Link>::Outcome;
     // Any thread. Sends one frame as a binary message: `header`, numbered here in the order of
     // the connection's frames, then `payload`. Its bytes count against `budget` until the socket
     // has written them; a frame that would take the count past the budget is not sent.
@@ -95,6 +102,9 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
         onQos;
     std::function<void(double congestion)> onRelayQos;
     std::function<void()> onAuthRejected;
+    // The link (or the attempt at one) has ended, by an error or a close, and a reconnect is
+    // scheduled: whatever viewers asked for through it has lost its viewers.
+    std::function<void()> onLinkLost;
     // The whole signalling message, always a JSON object.
     std::function<void(const nlohmann::json& message)> onWebRtcSignal;
     std::function<void(std::optional<std::int64_t> fps, std::optional<double> quality,
@@ -123,7 +133,7 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
     Log& log_;
     WebSocketSessionFactory makeSession_;
     std::function<double()> random_;
-    std::shared_ptr<RelayOutbound<Socket>> outbound_;
+    std::shared_ptr<RelayOutbound<Link>> outbound_;
     Socket task_;
     std::unique_ptr<WebSocketSession> session_;
     ReconnectPolicy policy_;
