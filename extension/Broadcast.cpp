@@ -13,6 +13,7 @@ Broadcast::Broadcast(Services services, std::function<void(int exitStatus)> stop
     : client_(services.client),
       log_(services.log),
       mainQueue_(services.mainQueue),
+      notices_(log_, mainQueue_),
       openStream_(std::move(services.openStream)),
       openRemoteControl_(std::move(services.openRemoteControl)),
       clock_(services.clock ? std::move(services.clock) : [] { return Clock::now(); }),
@@ -47,7 +48,7 @@ void Broadcast::begin(const RelayBase& base, const StreamConfig& start) {
 }
 
 void Broadcast::needStream(const std::optional<std::string>& prefer) {
-    log_.write(EventLines::needStream(prefer));
+    notices_.write("need_stream", EventLines::needStream(prefer));
     if (cannotStream_) {
         return;
     }
@@ -76,7 +77,17 @@ void Broadcast::applySettings() {
     if (stream_) {
         stream_->configure(config);
     }
-    log_.write(EventLines::streamSettings(config.encode));
+    notices_.write("stream settings", EventLines::streamSettings(config.encode));
+}
+
+void Broadcast::endCommands(std::string_view why) {
+    if (!remoteControl_) {
+        return;
+    }
+    const std::size_t dropped = remoteControl_->cancel();
+    if (dropped > 0) {
+        log_.write(EventLines::commandsDropped(dropped, why));
+    }
 }
 
 // These run on the stream's thread: the log is thread-safe, and anything touching the settings
@@ -108,6 +119,7 @@ ScreenStream::Events Broadcast::streamEvents() {
 
 void Broadcast::attach() {
     client_.onOpen = [this] { log_.write("relay: link open"); };
+    client_.onLinkLost = [this] { endCommands("the relay link was lost"); };
     client_.onControl = [this](const Control& control) {
         if (remoteControl_) {
             remoteControl_->execute(control);
@@ -119,36 +131,38 @@ void Broadcast::attach() {
     client_.onEncodeSettings = [this](std::optional<std::int64_t> fps,
                                       std::optional<double> quality, std::optional<double> scale,
                                       std::optional<std::string> codec) {
-        log_.write(EventLines::encodeSettings(fps, quality, scale, codec));
+        notices_.write("encode_settings", EventLines::encodeSettings(fps, quality, scale, codec));
         settings_->request(fps, quality, scale, codec);
         applySettings();
     };
     client_.onStreamControl = [this](bool streaming) {
-        log_.write(EventLines::streamControl(streaming));
+        notices_.write("stream_control", EventLines::streamControl(streaming));
         if (stream_) {
             stream_->setStreaming(streaming);
         }
+        if (!streaming) {
+            endCommands("the last viewer left");
+        }
     };
     client_.onRequestIdr = [this] {
-        log_.write(EventLines::requestIdr());
+        notices_.write("request_idr", EventLines::requestIdr());
         if (stream_) {
             stream_->requestKeyFrame();
         }
     };
     client_.onStreamQuality = [this](std::string tier) {
-        log_.write(EventLines::streamQuality(tier));
+        notices_.write("stream_quality", EventLines::streamQuality(tier));
         if (settings_->selectTier(tier)) {
             applySettings();
         } else {
-            log_.write(EventLines::unknownTier(tier));
+            notices_.write("stream_quality", EventLines::unknownTier(tier));
         }
     };
     client_.onQos = [this](std::int64_t rttMs, double lossPct, std::optional<std::string> tier,
                            std::int64_t decodeQueue, std::int64_t jitterMs) {
         ++qosReports_;
-        if (qosReports_ % kQosEvery == 1 || kQosEvery == 1) {
-            log_.write(EventLines::qos(rttMs, lossPct, tier, decodeQueue, jitterMs, qosReports_));
-        }
+        notices_.write("qos",
+                       EventLines::qos(rttMs, lossPct, tier, decodeQueue, jitterMs, qosReports_));
         const auto before = settings_->config().encode.fps;
         switch (settings_->report(decodeQueue, lossPct, clock_())) {
             case LiveSettings::Qos::slowedDown:
@@ -166,10 +180,10 @@ void Broadcast::attach() {
         }
     };
     client_.onRelayQos = [this](double congestion) {
-        log_.write(EventLines::relayQos(congestion));
+        notices_.write("relay_qos", EventLines::relayQos(congestion));
     };
     client_.onWebRtcSignal = [this](const nlohmann::json& message) {
-        log_.write(EventLines::webRtcSignal(message));
+        notices_.write("webrtc", EventLines::webRtcSignal(message));
     };
     // The client would retry the same token forever; only a new pairing can help. Stopping
     // waits for the client to finish handling the close.

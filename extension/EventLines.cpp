@@ -8,7 +8,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include "velmorand/platform/UrlComponents.h"
 #include "velmorand/relay/Control.h"
+#include "velmorand/remote/KeyCombination.h"
 
 namespace velmorand::extension {
 namespace {
@@ -35,6 +37,27 @@ std::size_t characterCount(std::string_view text) {
     }));
 }
 
+std::string characters(std::string_view text) {
+    const auto count = characterCount(text);
+    return std::to_string(count) + (count == 1 ? " character" : " characters");
+}
+
+// A key by its name; a character by its count, as typed text is, unless ctrl, alt or super make
+// it a shortcut rather than typing.
+std::string keyPayload(const std::string& name) {
+    const auto combination = KeyCombination::parse(name);
+    if (!combination) {
+        return characters(name);
+    }
+    const bool shortcut =
+        std::any_of(combination->modifiers.begin(), combination->modifiers.end(),
+                    [](NamedKey modifier) { return modifier != NamedKey::shift; });
+    if (std::holds_alternative<NamedKey>(combination->key) || shortcut) {
+        return EventLines::quoted(name);
+    }
+    return "1 character";
+}
+
 std::string point(double x, double y) {
     return "x=" + EventLines::number(x) + " y=" + EventLines::number(y);
 }
@@ -55,14 +78,13 @@ std::string payload(const Control::Command& command) {
                        std::to_string(c.dataB64.size()) + " bytes";
             } else if constexpr (std::is_same_v<C, Control::Text> ||
                                  std::is_same_v<C, Control::SetClipboard>) {
-                const auto count = characterCount(c.text);
-                return std::to_string(count) + (count == 1 ? " character" : " characters");
+                return characters(c.text);
             } else if constexpr (std::is_same_v<C, Control::Key>) {
-                return EventLines::quoted(c.key);
+                return keyPayload(c.key);
             } else if constexpr (std::is_same_v<C, Control::Button>) {
                 return EventLines::quoted(c.button);
             } else if constexpr (std::is_same_v<C, Control::OpenURL>) {
-                return EventLines::quoted(c.url);
+                return EventLines::quoted(urlWithoutSecrets(c.url));
             } else if constexpr (std::is_same_v<C, Control::LaunchApp> ||
                                  std::is_same_v<C, Control::KillApp>) {
                 return EventLines::quoted(c.bundleId);
@@ -94,7 +116,12 @@ std::string EventLines::encode(const SharedConfig::EncodeValues& values) {
 }
 
 std::string EventLines::relay(const std::string& url, bool customUrl) {
-    return "relay: " + url + "/device" + (customUrl ? " (custom URL)" : " (from pairing)");
+    return "relay: " + urlWithoutSecrets(url + "/device") +
+           (customUrl ? " (custom URL)" : " (from pairing)");
+}
+
+std::string EventLines::relayRefused(const std::string& url, const std::string& why) {
+    return "relay: refused " + urlWithoutSecrets(url) + " — " + why;
 }
 
 std::string EventLines::alreadyRunning(std::optional<long> pid) {
@@ -112,6 +139,12 @@ std::string EventLines::control(const Control& control, const RemoteControl::Out
 
 std::string EventLines::notCarriedOut(const Control& command) {
     return control(command, {}) + " — not carried out (view-only)";
+}
+
+std::string EventLines::commandsDropped(std::size_t count, std::string_view why) {
+    return "remote control: " + std::to_string(count) +
+           (count == 1 ? " waiting command" : " waiting commands") +
+           " dropped, everything let go — " + std::string(why);
 }
 
 std::string EventLines::remoteControlUnavailable(const std::string& reason) {

@@ -215,6 +215,23 @@ void ExtensionLogWriter::ensureOpen() {
     descriptor_ = ::open(file_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
 }
 
+// Replaced in one step, so that a reader sees either the old file or the new one.
+bool ExtensionLogWriter::replaceFile(const std::filesystem::path& path, std::string_view content) {
+    auto temporary = path;
+    temporary += ".tmp";
+    const int fresh = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fresh < 0) {
+        return false;
+    }
+    const bool written = writeAll(fresh, content);
+    ::close(fresh);
+    if (!written || ::rename(temporary.c_str(), path.c_str()) != 0) {
+        ::unlink(temporary.c_str());
+        return false;
+    }
+    return true;
+}
+
 void ExtensionLogWriter::rotate(std::size_t incoming) {
     struct stat status {};
     if (::fstat(descriptor_, &status) != 0 ||
@@ -230,17 +247,12 @@ void ExtensionLogWriter::rotate(std::size_t incoming) {
     }
     const std::string_view kept = std::string_view(content).substr(start);
 
-    // Replaced in one step, so that a reader sees either the old file or the new one.
-    auto temporary = file_;
-    temporary += ".tmp";
-    const int fresh = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fresh < 0) {
-        return;
-    }
-    const bool written = writeAll(fresh, kept);
-    ::close(fresh);
-    if (!written || ::rename(temporary.c_str(), file_.c_str()) != 0) {
-        ::unlink(temporary.c_str());
+    // The whole file is kept as the previous one, so that nothing is lost at once, however many
+    // lines come in a burst.
+    auto previous = file_;
+    previous += ".1";
+    replaceFile(previous, content);
+    if (!replaceFile(file_, kept)) {
         // Better an emptied log than one past its bound.
         [[maybe_unused]] const int ignored = ::ftruncate(descriptor_, 0);
         return;

@@ -25,10 +25,12 @@
 #include "velmorand/extension/InstanceLock.h"
 #include "velmorand/extension/RelayBase.h"
 #include "velmorand/extension/RelayFrameSink.h"
+#include "velmorand/extension/Supervisor.h"
 #include "velmorand/qt/QtMainQueue.h"
 #include "velmorand/qt/QtWebSocketSession.h"
 #include "velmorand/qt/StopSignals.h"
 #include "velmorand/relay/RelayClient.h"
+#include "velmorand/relay/RelayUrlPolicy.h"
 
 namespace {
 
@@ -42,7 +44,39 @@ std::filesystem::path bundleAroundProgram() {
     return error ? std::filesystem::path(".") : program.parent_path().parent_path().parent_path();
 }
 
-int runBroadcast(int argc, char** argv, const ExtensionOptions& options) {
+// One broadcast, until it is stopped or the relay refuses its token; in the supervisor's child.
+int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& log,
+                 const SharedConfig::Values& values, const RelayBase& base) {
+    QCoreApplication application(argc, argv);
+    QtMainQueue mainQueue;
+    auto client =
+        RelayClient::make(base.url, *values.deviceToken,
+                          RelayClient::Services{.mainQueue = mainQueue,
+                                                .log = log,
+                                                .makeSession = QtWebSocketSession::factory(),
+                                                .random = {}});
+    client->setReconnectPolicy(options.reconnect);
+    RelayFrameSink frames(*client);
+    Broadcast broadcast({.client = *client,
+                         .log = log,
+                         .mainQueue = mainQueue,
+                         .openStream = desktopStreamOpener(frames),
+                         .openRemoteControl = options.viewOnly ? Broadcast::RemoteControlOpener()
+                                                               : desktopRemoteControlOpener(),
+                         .clock = {}},
+                        [](int status) { QCoreApplication::exit(status); });
+    bool stopped = false;
+    StopSignals stopSignals([&log, &stopped](int signal) {
+        if (!std::exchange(stopped, true)) {
+            log.write(signal == SIGTERM ? "stopped (SIGTERM)" : "stopped (SIGINT)");
+            QCoreApplication::exit(0);
+        }
+    });
+    broadcast.begin(base, StreamConfig{SharedConfig::resolvedEncode(values), values.bitrate});
+    return QCoreApplication::exec();
+}
+
+int runExtension(int argc, char** argv, const ExtensionOptions& options) {
     DesktopEnvironment environment(DesktopLocations{
         .dataDir = options.dataDir,
         .bundleDir = DesktopBundle::resolveDirectory(options.bundleDir, bundleAroundProgram()),
@@ -76,34 +110,12 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options) {
         log.write(EventLines::kNotPaired);
         return 1;
     }
-
-    QCoreApplication application(argc, argv);
-    QtMainQueue mainQueue;
-    auto client =
-        RelayClient::make(base->url, *values.deviceToken,
-                          RelayClient::Services{.mainQueue = mainQueue,
-                                                .log = log,
-                                                .makeSession = QtWebSocketSession::factory(),
-                                                .random = {}});
-    client->setReconnectPolicy(options.reconnect);
-    RelayFrameSink frames(*client);
-    Broadcast broadcast({.client = *client,
-                         .log = log,
-                         .mainQueue = mainQueue,
-                         .openStream = desktopStreamOpener(frames),
-                         .openRemoteControl = options.viewOnly ? Broadcast::RemoteControlOpener()
-                                                               : desktopRemoteControlOpener(),
-                         .clock = {}},
-                        [](int status) { QCoreApplication::exit(status); });
-    bool stopped = false;
-    StopSignals stopSignals([&log, &stopped](int signal) {
-        if (!std::exchange(stopped, true)) {
-            log.write(signal == SIGTERM ? "stopped (SIGTERM)" : "stopped (SIGINT)");
-            QCoreApplication::exit(0);
-        }
-    });
-    broadcast.begin(*base, StreamConfig{SharedConfig::resolvedEncode(values), values.bitrate});
-    return QCoreApplication::exec();
+    if (const auto refusal = RelayUrlPolicy::refusal(base->url)) {
+        log.write(EventLines::relayRefused(base->url, *refusal));
+        return 1;
+    }
+    return Supervisor().run(log,
+                            [&] { return runBroadcast(argc, argv, options, log, values, *base); });
 }
 
 }  // namespace
@@ -118,5 +130,5 @@ int main(int argc, char** argv) {
         (exit->status == 0 ? std::cout : std::cerr) << exit->text << std::flush;
         return exit->status;
     }
-    return runBroadcast(argc, argv, std::get<ExtensionOptions>(parsed));
+    return runExtension(argc, argv, std::get<ExtensionOptions>(parsed));
 }

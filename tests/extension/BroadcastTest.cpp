@@ -76,6 +76,19 @@ TEST_F(BroadcastTest, EachViewerEventIsLoggedAndStreamRequestsApplyToTheLiveSett
         // The browser tests see the pointer's and the text's lines; these only the relay sends.
         {R"({"type":"push_media","fileName":"a.png","mime":"image/png","dataB64":"QUJD"})",
          {R"(control: pushMedia fileName="a.png" mime="image/png" base64 4 bytes — not carried out (view-only))"}},
+        // What a viewer types is logged by its length, a key combination by name; URLs lose
+        // what may be secret.
+        {R"({"type":"key","key":"a"})", {"control: key 1 character — not carried out (view-only)"}},
+        {R"({"type":"key","key":"shift+é"})",
+         {"control: key 1 character — not carried out (view-only)"}},
+        {R"({"type":"key","key":"hunter2"})",
+         {"control: key 7 characters — not carried out (view-only)"}},
+        {R"({"type":"key","key":"ctrl+c"})",
+         {R"(control: key "ctrl+c" — not carried out (view-only))"}},
+        {R"({"type":"key","key":"Enter"})",
+         {R"(control: key "Enter" — not carried out (view-only))"}},
+        {R"({"type":"open_url","url":"https://me:pw@bank.example/login?session=s3cret#x"})",
+         {R"(control: openURL "https://bank.example/login" — not carried out (view-only))"}},
         {R"({"type":"encode_settings","fps":29.5,"quality":0.4})",
          {"encode_settings: fps=30 quality=0.4 scale=(none) codec=(none)",
           "stream: h264, 30 fps, quality 40%, scale 50%"}},
@@ -105,7 +118,8 @@ TEST_F(BroadcastTest, EachViewerEventIsLoggedAndStreamRequestsApplyToTheLiveSett
     EXPECT_EQ(task_->sent.back(), R"({"type":"pong"})");
 }
 
-TEST_F(BroadcastTest, ProbesAreAnsweredWithoutLoggingAndQualityReportsAreSampled) {
+// A viewer can send notices as fast as the link carries them; the commands must stay in the log.
+TEST_F(BroadcastTest, ProbesAreAnsweredWithoutLoggingAndFloodsOfNoticesAreCounted) {
     deliver();
     EXPECT_TRUE(deliver({R"({"type":"ping"})", R"({"type":"latency_ping","t":12,"viewerId":"v1"})",
                          R"({"type":"device_online"})"})
@@ -114,16 +128,28 @@ TEST_F(BroadcastTest, ProbesAreAnsweredWithoutLoggingAndQualityReportsAreSampled
     EXPECT_EQ(task_->sent[0], R"({"type":"pong"})");
     EXPECT_NE(task_->sent[1].find("latency_pong"), std::string::npos);
 
-    const auto reports = 2 * Broadcast::kQosEvery + 1;
-    for (std::uint64_t i = 0; i < reports; ++i) {
-        task_->deliverText(R"({"type":"qos","rttMs":80,"lossPct":1.5,"tier":"high"})");
-        queue_.runReady();
+    for (int i = 0; i < 1000; ++i) {
+        for (const auto* frame : {R"({"type":"request_idr"})",
+                                  R"({"type":"qos","rttMs":80,"lossPct":1.5,"tier":"high"})",
+                                  i == 500 ? R"({"type":"open_url","url":"https://x.org/?q"})"
+                                           : R"({"type":"ping"})"}) {
+            ASSERT_TRUE(task_->deliverText(frame));
+            queue_.runReady();
+        }
     }
+    queue_.advance(NoticeThrottle::kInterval);
     const auto lines = deliver();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0], R"(qos #1: rtt=80ms loss=1.5% tier="high" decodeQueue=0 jitter=0ms)");
-    EXPECT_EQ(lines[1].rfind("qos #" + std::to_string(Broadcast::kQosEvery + 1) + ":", 0), 0u);
-    EXPECT_EQ(lines[2].rfind("qos #" + std::to_string(reports) + ":", 0), 0u);
+    const auto count = [&lines](const std::string& prefix) {
+        return std::count_if(lines.begin(), lines.end(),
+                             [&](const std::string& line) { return line.starts_with(prefix); });
+    };
+    EXPECT_EQ(count("request_idr: key frame requested"), 5);
+    EXPECT_EQ(count(R"(qos #1: rtt=80ms loss=1.5% tier="high" decodeQueue=0 jitter=0ms)"), 1);
+    EXPECT_EQ(count("qos #"), 5);
+    EXPECT_EQ(count(R"(control: openURL "https://x.org/" — not carried out (view-only))"), 1);
+    EXPECT_EQ(count("request_idr: 995 more in the last 10 s, not logged one by one"), 1);
+    EXPECT_EQ(count("qos: 995 more in the last 10 s, not logged one by one"), 1);
+    EXPECT_EQ(lines.size(), 13u);
 }
 
 }  // namespace

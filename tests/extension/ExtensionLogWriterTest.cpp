@@ -110,6 +110,23 @@ TEST_F(ExtensionLogWriterTest, RotationKeepsTheNewestWholeLinesUnderTheBound) {
     }
     EXPECT_EQ(expected, 400);
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "extension.log.tmp"));
+
+    // What the last rotation pushed out is in the previous file, up to the current one's start.
+    std::ifstream previous(dir.path() / "extension.log.1");
+    std::vector<std::string> older;
+    for (std::string line; std::getline(previous, line);) {
+        older.push_back(line.substr(std::string_view(kStamp).size()));
+    }
+    ASSERT_FALSE(older.empty());
+    const int first = 400 - static_cast<int>(kept.size());
+    const auto joined = std::find_if(older.begin(), older.end(), [&](const std::string& line) {
+        return line.rfind("event " + std::to_string(first) + " ", 0) == 0;
+    });
+    ASSERT_NE(joined, older.end());
+    int next = first - static_cast<int>(joined - older.begin());
+    for (const auto& line : older) {
+        EXPECT_EQ(line.rfind("event " + std::to_string(next++) + " ", 0), 0u) << line;
+    }
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "velmorand/extension/ExtensionOptions.h"
+#include "velmorand/extension/Supervisor.h"
 
 #include <gtest/gtest.h>
 
@@ -31,6 +32,21 @@ TEST(ExtensionOptionsTest, DelaysMustBePositiveFiniteAndOrderedAndHelpAndVersion
     const auto version = std::get<ExtensionOptions::Exit>(parse({"--version"}));
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.text, "velmorand-broadcast 1.2.3\n");
+}
+
+// Crashes in a row wait longer and longer; a minute of good running starts the count again.
+TEST(SupervisorTest, RestartsBackOffFromOneToThirtySecondsAndResetAfterAGoodMinute) {
+    using std::chrono::seconds;
+    Supervisor supervisor;
+    const std::pair<seconds, seconds> runs[] = {
+        {seconds(0), seconds(1)},   {seconds(2), seconds(2)},  {seconds(59), seconds(4)},
+        {seconds(1), seconds(8)},   {seconds(1), seconds(16)}, {seconds(1), seconds(30)},
+        {seconds(1), seconds(30)},  {seconds(60), seconds(1)}, {seconds(3), seconds(2)},
+        {seconds(600), seconds(1)},
+    };
+    for (const auto& [ran, delay] : runs) {
+        EXPECT_EQ(supervisor.delayAfter(ran), delay) << ran.count();
+    }
 }
 
 }  // namespace

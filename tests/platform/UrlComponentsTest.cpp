@@ -15,6 +15,24 @@ Items itemsOf(const UrlComponents& components) {
     return items;
 }
 
+TEST(UrlComponentsTest, UrlsAreShownWithoutWhatMayBeSecret) {
+    const std::pair<std::string, std::string> rows[] = {
+        {"https://user:pw@example.org:8443/a/b?token=x#frag", "https://example.org:8443/a/b"},
+        {"wss://[::1]:9000/relay", "wss://[::1]:9000/relay"},
+        {"mailto:someone@example.org?subject=x", "mailto:someone@example.org"},
+        {"HTTP://Example.org", "HTTP://Example.org"},
+        {"no scheme at all", "(not a URL)"},
+        {"/relative/path?q", "(not a URL)"},
+    };
+    for (const auto& [url, shown] : rows) {
+        EXPECT_EQ(urlWithoutSecrets(url), shown) << url;
+    }
+    const auto parts = UrlComponents::parse("ws://me:secret@localhost:81/x");
+    ASSERT_TRUE(parts);
+    EXPECT_EQ(parts->userInfo, "me:secret");
+    EXPECT_EQ(parts->port, "81");
+}
+
 TEST(UrlComponentsTest, AppendingQueryItemEncodesForAQueryComponent) {
     const std::pair<std::string, std::string> cases[] = {
         {"https://h/api", "https://h/api?k=a%2Bb%20c%26d%3De~_.-"},

@@ -1,4 +1,5 @@
 #include "velmorand/relay/Control.h"
+#include "velmorand/relay/RelayUrlPolicy.h"
 
 #include <gtest/gtest.h>
 
@@ -46,6 +47,29 @@ TEST(ControlFrom, BuildsEachCommandWithItsDefaults) {
         const auto message = IncomingMessage::decode(json);
         ASSERT_TRUE(message.has_value()) << json;
         EXPECT_EQ(C::from(*message), expected) << json;
+    }
+}
+
+TEST(RelayUrlPolicy, PlaintextOnlyOnThisComputerAndNoCredentials) {
+    const std::pair<const char*, bool> rows[] = {
+        {"wss://relay.example.org/r", true},
+        {"ws://127.0.0.1:8080/relay", true},
+        {"ws://127.200.3.4/relay", true},
+        {"WS://LocalHost:81", true},
+        {"ws://[::1]:9000", true},
+        {"ws://relay.example.org/r", false},
+        {"ws://128.0.0.1/r", false},
+        {"ws://127.0.0.1.example.org/r", false},
+        {"ws://127.0.0.256/r", false},
+        {"ws://localhost.example.org/r", false},
+        {"wss://user@relay.example.org", false},
+        {"ws://user:pw@127.0.0.1", false},
+        // For the link itself to judge: it logs "bad relay url" or fails to connect.
+        {"not a url", true},
+        {"https://relay.example.org", true},
+    };
+    for (const auto& [url, allowed] : rows) {
+        EXPECT_EQ(!RelayUrlPolicy::refusal(url).has_value(), allowed) << url;
     }
 }
 

@@ -147,7 +147,11 @@ std::optional<UrlComponents> UrlComponents::parse(std::string_view text) {
         const auto layout = layoutOf(text, uri, base);
         UrlComponents components;
         components.scheme = rangeText(uri.scheme);
+        if (uri.userInfo.first != nullptr) {
+            components.userInfo = rangeText(uri.userInfo);
+        }
         components.host = rangeText(uri.hostText);
+        components.port = rangeText(uri.portText);
         components.path =
             std::string(text.substr(layout.pathBegin, layout.pathEnd - layout.pathBegin));
         if (layout.queryBegin != std::string_view::npos) {
@@ -158,6 +162,22 @@ std::optional<UrlComponents> UrlComponents::parse(std::string_view text) {
         result = std::move(components);
     });
     return result;
+}
+
+std::string urlWithoutSecrets(std::string_view url) {
+    const auto parts = UrlComponents::parse(url);
+    if (!parts || parts->scheme.empty()) {
+        return "(not a URL)";
+    }
+    std::string shown = parts->scheme + ":";
+    if (!parts->host.empty() || url.substr(parts->scheme.size() + 1).starts_with("//")) {
+        const bool literal = parts->host.find(':') != std::string::npos;
+        shown += "//" + (literal ? "[" + parts->host + "]" : parts->host);
+        if (!parts->port.empty()) {
+            shown += ":" + parts->port;
+        }
+    }
+    return shown + parts->path;
 }
 
 std::optional<std::string> appendingQueryItem(std::string_view url, std::string_view name,

@@ -8,6 +8,7 @@
 #include <string>
 #include <variant>
 
+#include "velmorand/extension/NoticeThrottle.h"
 #include "velmorand/extension/RelayBase.h"
 #include "velmorand/remote/RemoteControl.h"
 #include "velmorand/stream/LiveSettings.h"
@@ -26,9 +27,6 @@ namespace velmorand::extension {
 // relay refuses the device token. Lives on the main queue.
 class Broadcast {
   public:
-    // Quality reports come several times a second; the first and then every Nth are logged.
-    static constexpr std::uint64_t kQosEvery = 50;
-
     // Opens the screen stream at the first request, or says why this device cannot stream.
     using StreamOpener = std::function<std::variant<std::unique_ptr<ScreenStream>, std::string>(
         const StreamConfig& config, ScreenStream::Events events)>;
@@ -65,11 +63,14 @@ class Broadcast {
     void needStream(const std::optional<std::string>& prefer);
     // Hands the live settings to the stream, if there is one, and logs them.
     void applySettings();
+    // The viewers are gone: what they asked for and has not been done yet is dropped.
+    void endCommands(std::string_view why);
     ScreenStream::Events streamEvents();
 
     RelayClient& client_;
     Log& log_;
     MainQueue& mainQueue_;
+    NoticeThrottle notices_;
     StreamOpener openStream_;
     RemoteControlOpener openRemoteControl_;
     std::shared_ptr<RemoteControl> remoteControl_;

@@ -32,6 +32,8 @@ class EventLines {
     // "encode: jpeg, 20 fps, quality 40%, scale 50%".
     static std::string encode(const SharedConfig::EncodeValues& values);
     static std::string relay(const std::string& url, bool customUrl);
+    // "relay: refused ws://example.org/relay — <why>".
+    static std::string relayRefused(const std::string& url, const std::string& why);
     static std::string alreadyRunning(std::optional<long> pid);
 
     // What became of a viewer's command: "control: tap x=10 y=20", "control: text 2 characters",
@@ -39,6 +41,8 @@ class EventLines {
     // their length only.
     static std::string control(const Control& control, const RemoteControl::Outcome& outcome);
     static std::string notCarriedOut(const Control& command);
+    // "remote control: 3 waiting commands dropped, everything let go — the last viewer left".
+    static std::string commandsDropped(std::size_t count, std::string_view why);
     static std::string remoteControlUnavailable(const std::string& reason);
     static constexpr std::string_view kViewOnly =
         "view-only: viewers' commands are logged, not carried out";

@@ -15,7 +15,8 @@ namespace velmorand::extension {
 
 // The broadcast's diagnostics log: one line per event, each prefixed with its UTC time, appended
 // to a file that the application shows. The file never grows past `maxBytes`: when a line would
-// take it there, only its newest lines (about half the bound) are kept. Every line is valid UTF-8
+// take it there, the whole file becomes the previous log (`<file>.1`, replacing the one before)
+// and only its newest lines (about half the bound) stay in the file. Every line is valid UTF-8
 // on one line, and registered secrets never reach it. Thread-safe; failures to write are ignored.
 class ExtensionLogWriter : public Log {
   public:
@@ -56,6 +57,7 @@ class ExtensionLogWriter : public Log {
   private:
     void ensureOpen();
     void rotate(std::size_t incoming);
+    static bool replaceFile(const std::filesystem::path& path, std::string_view content);
     std::string masked(std::string_view line) const;
 
     const std::filesystem::path file_;

@@ -17,7 +17,12 @@ struct QueryItem {
 // percent-decoded; "+" stays "+".
 struct UrlComponents {
     std::string scheme;
+    // Absent when the authority has no "@".
+    std::optional<std::string> userInfo;
+    // Without the brackets of an IP literal ("::1").
     std::string host;
+    // Digits as written; empty when there is none.
+    std::string port;
     std::string path;
     std::optional<std::string> query;
     std::vector<QueryItem> queryItems;
@@ -26,6 +31,11 @@ struct UrlComponents {
     // reference yields absent.
     static std::optional<UrlComponents> parse(std::string_view text);
 };
+
+// `url` as it may be shown or logged: scheme, host, port and path, without the user name,
+// password, query and fragment that may carry secrets. Text that is not a URL with a scheme shows
+// as "(not a URL)".
+std::string urlWithoutSecrets(std::string_view url);
 
 // `url` with `?name=value` (or `&name=value`) appended, both percent-encoded as a query
 // component needs; absent when `url` is not a URL.
