@@ -63,13 +63,16 @@ QJsonDocument errorDocument(const QString& message) {
     return QJsonDocument(QJsonObject{{QStringLiteral("error"), message}});
 }
 
-// The viewer page's files, compiled in from viewer/.
-QHttpServerResponse viewerFile(const QString& name, const QByteArray& mimeType) {
+// The viewer page's files, compiled in from viewer/; the page carries the run's viewer token.
+QHttpServerResponse viewerFile(const QString& name, const QByteArray& mimeType,
+                               const std::string& viewerToken = {}) {
     QFile file(QStringLiteral(":/velmorand/sandbox/viewer/") + name);
     if (!file.open(QIODevice::ReadOnly)) {
         return errorResponse(QStringLiteral("Missing ") + name, Status::InternalServerError);
     }
-    QHttpServerResponse response(mimeType, file.readAll());
+    QHttpServerResponse response(mimeType,
+                                 file.readAll().replace(QByteArrayLiteral("{{VIEWER_TOKEN}}"),
+                                                        QByteArray::fromStdString(viewerToken)));
     // Everything the page needs is served here; nothing may come from elsewhere.
     response.setHeader(QByteArrayLiteral("Content-Security-Policy"),
                        QByteArrayLiteral("default-src 'self'"));
@@ -111,8 +114,9 @@ class Sandbox::Impl {
   public:
     explicit Impl(SandboxOptions options)
         : options_(std::move(options)),
+          viewerToken_(randomToken().toStdString()),
           relay_([this](std::string_view token) { return tokens_.find(token) != tokens_.end(); },
-                 options_.relayPingInterval) {
+                 {viewerToken_, options_.host}, options_.relayPingInterval) {
         if (options_.accessKeys.empty()) {
             options_.accessKeys.emplace_back(SandboxOptions::kDemoKey);
         }
@@ -189,6 +193,7 @@ class Sandbox::Impl {
     std::string relayWsUrl() const { return origin(tls_ ? "wss" : "ws", port_) + "/relay"; }
 
     SandboxOptions options_;
+    const std::string viewerToken_;
     std::uint16_t port_ = 0;
     std::uint16_t wdaPort_ = 0;
     bool tls_ = false;
@@ -274,9 +279,15 @@ class Sandbox::Impl {
         }
         service_.route(QStringLiteral("/admin/relay"), Method::Get,
                        [this] { return QHttpServerResponse(relayState()); });
-        service_.route(QStringLiteral("/"), Method::Get, [] {
+        service_.route(QStringLiteral("/"), Method::Get, [this](const QHttpServerRequest& request) {
+            // A page of another name that resolves here (DNS rebinding) must not read the token.
+            if (!relay_.isOwnHost(request.value(QByteArrayLiteral("host")))) {
+                return errorResponse(
+                    QStringLiteral("Open the viewer by this sandbox's own address"),
+                    Status::Forbidden);
+            }
             return viewerFile(QStringLiteral("index.html"),
-                              QByteArrayLiteral("text/html; charset=utf-8"));
+                              QByteArrayLiteral("text/html; charset=utf-8"), viewerToken_);
         });
         service_.route(QStringLiteral("/viewer.js"), Method::Get, [] {
             return viewerFile(QStringLiteral("viewer.js"),
@@ -500,6 +511,10 @@ WdaMode Sandbox::wdaMode() const {
 
 void Sandbox::setWdaMode(WdaMode mode) {
     impl_->mode_ = mode;
+}
+
+const std::string& Sandbox::viewerToken() const {
+    return impl_->viewerToken_;
 }
 
 std::string Sandbox::relayWsUrl() const {

@@ -1,7 +1,10 @@
 #include "SandboxRelay.h"
 
+#include <QHostAddress>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QUrl>
+#include <QUrlQuery>
 #include <QWebSocket>
 #include <algorithm>
 #include <cstdint>
@@ -58,8 +61,9 @@ void send(QWebSocket* socket, const QByteArray& payload, bool binary) {
 
 }  // namespace
 
-SandboxRelay::SandboxRelay(TokenCheck isIssuedToken, std::chrono::milliseconds pingInterval)
-    : isIssuedToken_(std::move(isIssuedToken)) {
+SandboxRelay::SandboxRelay(TokenCheck isIssuedToken, ViewerAccess viewers,
+                           std::chrono::milliseconds pingInterval)
+    : isIssuedToken_(std::move(isIssuedToken)), viewerAccess_(std::move(viewers)) {
     if (pingInterval.count() > 0) {
         QObject::connect(&pingTimer_, &QTimer::timeout, &context_, [this] {
             if (device_ != nullptr) {
@@ -149,7 +153,44 @@ void SandboxRelay::acceptDevice(QWebSocket* socket) {
     }
 }
 
+bool SandboxRelay::isOwnHost(QByteArrayView host) const {
+    const QUrl url(QStringLiteral("http://") + QString::fromUtf8(host.data(), host.size()));
+    const QString name = url.host().toLower();
+    if (!url.isValid() || name.isEmpty() || url.userInfo() != QString() ||
+        url.path() != QString()) {
+        return false;
+    }
+    const QHostAddress address(name);
+    return name == QLatin1String("localhost") || address.isLoopback() ||
+           name == QString::fromStdString(viewerAccess_.host).toLower();
+}
+
+std::optional<std::pair<int, QString>> SandboxRelay::viewerRefusal(const QWebSocket& socket) const {
+    const QUrlQuery query(socket.requestUrl());
+    if (query.queryItemValue(QStringLiteral("token")) !=
+        QString::fromStdString(viewerAccess_.token)) {
+        return std::pair{kViewerTokenRefused,
+                         QStringLiteral("a viewer needs this sandbox's viewer token")};
+    }
+    // A browser names the page that opens a socket; any page but ours is refused, token or not.
+    // Ours was served from the very address the socket asks for (its port tells the scheme).
+    const QString origin = socket.origin();
+    if (!origin.isEmpty()) {
+        const QByteArray host = socket.request().rawHeader("host");
+        const QUrl asked(QStringLiteral("http://") + QString::fromUtf8(host));
+        if (QUrl(origin).authority() != asked.authority() || !isOwnHost(host)) {
+            return std::pair{kForeignPageRefused,
+                             QStringLiteral("only this sandbox's own page may be a viewer")};
+        }
+    }
+    return std::nullopt;
+}
+
 void SandboxRelay::acceptViewer(QWebSocket* socket) {
+    if (const auto refusal = viewerRefusal(*socket)) {
+        socket->close(closeCode(refusal->first), refusal->second);
+        return;
+    }
     if (viewers_.size() >= kMaxViewers) {
         socket->close(closeCode(kTooManyViewers), QStringLiteral("too many viewers"));
         return;

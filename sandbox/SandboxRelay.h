@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayView>
 #include <QObject>
 #include <QString>
 #include <QTimer>
@@ -12,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "velmorand/stream/FrameBudget.h"
@@ -43,8 +45,19 @@ class SandboxRelay {
         std::uint64_t missed = 0;
     };
 
+    // Who may join as a viewer: a connection that brings `token` (as the "token" query item) and
+    // comes from no web page or from the sandbox's own page, at the address it listens on
+    // (`host`) or by a loopback name.
+    struct ViewerAccess {
+        std::string token;
+        std::string host;
+    };
+    static constexpr int kViewerTokenRefused = 4401;
+    static constexpr int kForeignPageRefused = 4403;
+
     // A zero `pingInterval` sends no pings.
-    SandboxRelay(TokenCheck isIssuedToken, std::chrono::milliseconds pingInterval);
+    SandboxRelay(TokenCheck isIssuedToken, ViewerAccess viewers,
+                 std::chrono::milliseconds pingInterval);
     ~SandboxRelay();
     SandboxRelay(const SandboxRelay&) = delete;
     SandboxRelay& operator=(const SandboxRelay&) = delete;
@@ -56,6 +69,9 @@ class SandboxRelay {
     void dropAll();
 
     bool closeDevice(int code, const QString& reason);
+    // Whether a request's Host header names this sandbox: its listening address or a loopback
+    // name, with any port.
+    bool isOwnHost(QByteArrayView host) const;
     bool sendToDevice(const QByteArray& payload, bool binary);
 
     bool deviceConnected() const { return device_ != nullptr; }
@@ -78,6 +94,8 @@ class SandboxRelay {
 
     void acceptDevice(QWebSocket* socket);
     void acceptViewer(QWebSocket* socket);
+    // Why a viewer's upgrade is refused, with its close code; absent when it may join.
+    std::optional<std::pair<int, QString>> viewerRefusal(const QWebSocket& socket) const;
     void fromViewer(const QByteArray& payload, bool binary);
     void fromDevice(const QByteArray& payload, bool binary);
     void frameFromDevice(const QByteArray& frame);
@@ -86,6 +104,7 @@ class SandboxRelay {
     void forget(QWebSocket* socket);
 
     TokenCheck isIssuedToken_;
+    const ViewerAccess viewerAccess_;
     // Parent of every socket; the sockets' handlers run in its context.
     QObject context_;
     QTimer pingTimer_;

@@ -1,5 +1,6 @@
-// velmorand-sandbox: runs the sandbox service until killed. Prints the base URL, then one access
-// key a line, on stdout.
+// velmorand-sandbox: runs the sandbox service until killed. Prints on stdout the base URL, the
+// first access key, the viewer token (which scripts joining the relay as viewers must bring), then
+// any further access keys, one a line.
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <cstdlib>
@@ -99,9 +100,12 @@ int main(int argc, char** argv) {
         std::cerr << "velmorand-sandbox: " << error << '\n';
         return 1;
     }
-    std::cout << sandbox.baseUrl() << '\n';
-    for (const auto& key : sandbox.accessKeys()) {
-        std::cout << key << '\n';
+    // The URL, the first access key and the viewer token come first, in that order, whatever
+    // else follows: scripts read them by line.
+    const auto& keys = sandbox.accessKeys();
+    std::cout << sandbox.baseUrl() << '\n' << keys.front() << '\n' << sandbox.viewerToken() << '\n';
+    for (std::size_t i = 1; i < keys.size(); ++i) {
+        std::cout << keys[i] << '\n';
     }
     std::cout.flush();
     std::cerr << "automation server: " << sandbox.wdaBaseUrl() << '\n'

@@ -130,10 +130,23 @@
     link.textContent = text;
   }
 
+  // The relay takes viewers that bring the token the sandbox built into this page.
   function relayUrl() {
     const scheme = location.protocol === "https:" ? "wss:" : "ws:";
     return scheme + "//" + location.host + "/relay/viewer";
   }
+
+  function viewerToken() {
+    const meta = document.querySelector('meta[name="velmorand-viewer-token"]');
+    return meta ? meta.content : "";
+  }
+
+  // What the relay's refusals mean, for the person looking at the page.
+  const kRefusals = {
+    4401: "the sandbox did not recognise this page's viewer token: reload the page from the " +
+      "URL the sandbox printed (it changes with each run of the sandbox)",
+    4403: "the sandbox takes viewers only from its own page: open the URL it printed",
+  };
 
   function connect() {
     clearTimeout(retryTimer);
@@ -145,7 +158,7 @@
     resetStream();
     const url = relayUrl();
     setLink("connecting", "Connecting to " + url + "…");
-    const ws = new WebSocket(url);
+    const ws = new WebSocket(url + "?token=" + encodeURIComponent(viewerToken()));
     ws.binaryType = "arraybuffer";
     ws.onopen = () => {
       setLink("open", "Connected to " + url);
@@ -154,6 +167,12 @@
     };
     ws.onmessage = (event) => received(event.data);
     ws.onclose = (event) => {
+      const refusal = kRefusals[event.code];
+      if (refusal) {
+        setLink("closed", "Refused (" + event.code + "): " + refusal);
+        note("relay link refused with " + event.code + ": " + refusal, "note");
+        return;
+      }
       setLink("closed", "Closed (" + event.code + "); retrying…");
       note("relay link closed with " + event.code, "note");
       retryTimer = setTimeout(connect, kRetryMs);

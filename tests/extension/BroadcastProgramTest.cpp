@@ -6,6 +6,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QProcess>
+#include <QWebSocket>
 #include <chrono>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -191,6 +192,38 @@ TEST_F(BroadcastProgramTest, RelaysThatWouldExposeTheTokenAreRefused) {
     }
     EXPECT_FALSE(logHas("secret"));
     EXPECT_EQ(sandbox_->deviceConnections(), 0u);
+}
+
+// A page of any origin could otherwise operate the desktop through the developer's own browser.
+TEST_F(BroadcastProgramTest, ViewersNeedTheTokenAndComeFromNoPageOrTheSandboxsOwn) {
+    const QString own = QString::fromStdString(sandbox_->baseUrl());
+    const QString token = QString::fromStdString(sandbox_->viewerToken());
+    struct Row {
+        QString query;
+        QString origin;
+        int closeCode;  // 0: it stays open
+    };
+    const Row rows[] = {
+        {"", "", 4401},
+        {"?token=wrong", "", 4401},
+        {"?token=" + token, "https://evil.example", 4403},
+        {"?token=" + token, "http://localhost.evil.example:" + own.section(':', -1), 4403},
+        {"?token=" + token, "", 0},
+        {"?token=" + token, own, 0},
+    };
+    for (const auto& row : rows) {
+        QWebSocket viewer(row.origin);
+        int closed = 0;
+        QObject::connect(&viewer, &QWebSocket::disconnected,
+                         [&] { closed = static_cast<int>(viewer.closeCode()); });
+        viewer.open(QUrl(QString::fromStdString(sandbox_->relayWsUrl()) + "/viewer" + row.query));
+        const bool settled = pumpUntil([&] { return closed != 0 || sandbox_->viewerCount() == 1; });
+        EXPECT_TRUE(settled) << row.query.toStdString() << " " << row.origin.toStdString();
+        EXPECT_EQ(closed, row.closeCode)
+            << row.query.toStdString() << " " << row.origin.toStdString();
+        viewer.abort();
+        pumpUntil([&] { return sandbox_->viewerCount() == 0; });
+    }
 }
 
 }  // namespace

@@ -50,14 +50,15 @@ struct SandboxOptions {
 // ("<ws|wss>://host:port/relay") needs no second port and speaks TLS exactly when the service
 // does, with the same certificate. Devices connect to relayWsUrl + "/device" with an
 // issued token in "x-device-token" (any other is closed with 4401 "unauthorized"); viewers to
-// relayWsUrl + "/viewer", unauthenticated. Viewer messages go to the device unchanged, and device
-// text to every viewer; the device's {"type":"pong"} answers end at the relay, except those
-// answering viewers' pings. The device's binary messages are frames (velmorand/relay/
-// FrameHeader.h): one without a valid header, or over 16 MiB, is dropped; the others go to each
-// viewer that has had a key frame since it joined or last fell behind, and has room under the
-// byte budget (velmorand/stream/FrameBudget.h). The relay tells the device {"type":"need_stream"}
-// when the first viewer joins (or the device connects to waiting viewers), {"type":"request_idr"}
-// when another joins or one falls behind (at most once a second), and
+// relayWsUrl + "/viewer?token=" + viewerToken(), from no web page or from the sandbox's own (a
+// missing or wrong token is closed with 4401, another page's socket with 4403). Viewer messages go
+// to the device unchanged, and device text to every viewer; the device's {"type":"pong"} answers
+// end at the relay, except those answering viewers' pings. The device's binary messages are frames
+// (velmorand/relay/ FrameHeader.h): one without a valid header, or over 16 MiB, is dropped; the
+// others go to each viewer that has had a key frame since it joined or last fell behind, and has
+// room under the byte budget (velmorand/stream/FrameBudget.h). The relay tells the device
+// {"type":"need_stream"} when the first viewer joins (or the device connects to waiting viewers),
+// {"type":"request_idr"} when another joins or one falls behind (at most once a second), and
 // {"type":"stream_control","streaming":false} when the last viewer leaves.
 //
 // "/" serves a viewer page (plain HTML and JavaScript) that drives the relay as a dashboard
@@ -81,6 +82,8 @@ class Sandbox {
     std::uint16_t wdaPort() const;
 
     const std::vector<std::string>& accessKeys() const;
+    // This run's viewer token: viewers join the relay with it as the "token" query item.
+    const std::string& viewerToken() const;
     // Whether a handshake handed out `token`.
     bool isIssuedToken(std::string_view token) const;
     // The raw body of the last handshake request received, well-formed or not.
