@@ -54,7 +54,11 @@ class Link {
         client_->setReconnectPolicy(kPolicy);
         client_->setRequestTimeout(kRequestTimeout);
         client_->onOpen = [this] { ++opens_; };
-        client_->onAuthRejected = [this] { ++authRejections_; };
+        client_->onAuthRejected = [this] {
+            ++authRejections_;
+            controlsBeforeRejection_ = controls_;
+        };
+        client_->onControl = [this](const Control&) { ++controls_; };
         client_->connect();
     }
 
@@ -104,6 +108,8 @@ class Link {
     ScriptedRelay relay_;
     int opens_ = 0;
     int authRejections_ = 0;
+    int controls_ = 0;
+    int controlsBeforeRejection_ = -1;
     std::size_t mark_ = 0;
     // Last, so that it goes first: its session before the queue and the relay.
     std::shared_ptr<RelayClient> client_;
@@ -254,6 +260,25 @@ TEST_P(RelayFaultsTest, HarmlessFramesKeepTheLinkAndTheNextProbeIsAnswered) {
     EXPECT_EQ(relay_.connections(), 1);
     EXPECT_THAT(newLines(), ::testing::IsEmpty());
     EXPECT_EQ(opens_, 1);
+}
+
+// The relay's last words, written together with its close: each is handed on before the close.
+TEST_P(RelayFaultsTest, FramesWrittenWithTheCloseComeBeforeIt) {
+    startHealthy();
+    QByteArray lastWords;
+    for (int i = 0; i < 5; ++i) {
+        lastWords += frame(0x1, R"({"type":"tap","x":1,"y":2})");
+    }
+    lastWords += frame(0x1, R"({"type":"ping"})");
+    lastWords += frame(0x8, QByteArray("\x11\x31", 2) + "rejected");
+    relay_.latest()->sendRaw(lastWords);
+    ASSERT_TRUE(waitForReconnects(1));
+    EXPECT_EQ(controlsBeforeRejection_, 5);
+    // The ping was handled too, though its answer may find the socket gone.
+    auto lines = newLines();
+    std::erase(lines, logged("send error: Socket is not connected"));
+    EXPECT_THAT(lines,
+                ElementsAreArray({logged("closed code=4401 rejected"), reconnecting("0.1")}));
 }
 
 // A relay that stops reading: what the device sends may pile up only so far, and a link that has

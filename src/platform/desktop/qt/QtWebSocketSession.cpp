@@ -198,20 +198,36 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         if (ended_) {
             return;
         }
+        Closing closing;
         // A link lost without a close frame is an error, not a close with a made-up code. Over
         // TLS the peer's hang-up may be reported as an error before its close frame is read, so a
         // close frame counts even after an error.
         if (opened_ && (peerClosed_ || !lastError_) && !shared_->stopped) {
             const QByteArray reason = socket_->closeReason().toUtf8();
-            shared_->delegate->closed(
-                shared_from_this(), static_cast<int>(socket_->closeCode()),
-                reason.isEmpty() ? std::nullopt : std::optional<std::string>(reason.toStdString()));
+            closing.code = static_cast<int>(socket_->closeCode());
+            closing.reason =
+                reason.isEmpty() ? std::nullopt : std::optional<std::string>(reason.toStdString());
         }
         // A refused connection can report its cause after the disconnect; the socket knows it.
         if (!lastError_ && socket_->error() != QAbstractSocket::UnknownSocketError) {
             lastError_ = socket_->errorString().toStdString();
         }
-        end(lastError_.value_or(kNotConnected), false);
+        closing.endReason = lastError_.value_or(kNotConnected);
+        closing_ = std::move(closing);
+        // The messages that came before the close are handed on before it.
+        dropSocket(false);
+        if (inbox_.empty()) {
+            finishClosing();
+        }
+    }
+
+    void finishClosing() {
+        Closing closing = std::move(*closing_);
+        closing_.reset();
+        if (closing.code && !shared_->stopped) {
+            shared_->delegate->closed(shared_from_this(), *closing.code, closing.reason);
+        }
+        end(std::move(closing.endReason), false);
     }
 
     // Ends the task: pending and later receives and sends fail with `reason`.
@@ -297,6 +313,9 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
             inbox_.pop_front();
             inboxBytes_ -= message.payload.size();
             completion(std::move(message));
+            if (inbox_.empty() && closing_ && !ended_) {
+                finishClosing();
+            }
         } else if (ended_) {
             completion(WebSocketError{endReason_});
         } else {
@@ -394,6 +413,14 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
     std::optional<std::string> lastError_;
     std::deque<WebSocketMessage> inbox_;
     std::uint64_t inboxBytes_ = 0;
+    // The peer has gone while messages still waited in the inbox: how it went, told once they
+    // have been handed on. `code` is set for a close frame.
+    struct Closing {
+        std::optional<int> code;
+        std::optional<std::string> reason;
+        std::string endReason;
+    };
+    std::optional<Closing> closing_;
     std::deque<ReceiveCompletion> receives_;
     std::deque<std::pair<WebSocketMessage, SendCompletion>> sends_;
     // Sends handed to the socket and not yet written out, by where their last byte ends.
