@@ -23,9 +23,20 @@ std::string displayValue(const nlohmann::json& value) {
     return value.is_string() ? displayText(value.get<std::string>()) : value.dump();
 }
 
-int showConfig(SharedConfig& config, bool asJson) {
+// What is shown in place of a secret: that there is one, not what it is (a terminal's scroll-back,
+// a screen share or a pasted bug report would keep it).
+constexpr std::string_view kHidden = "(hidden; --show-secrets shows it)";
+
+int showConfig(SharedConfig& config, bool asJson, bool showSecrets) {
     const auto values = config.load();
-    const auto present = SharedConfig::dict(values);
+    auto present = SharedConfig::dict(values);
+    if (!showSecrets) {
+        for (const auto key : {"accessKey", "deviceToken"}) {
+            if (const auto it = present.find(key); it != present.end()) {
+                *it = kHidden;
+            }
+        }
+    }
     const auto encode = SharedConfig::resolvedEncode(values);
 
     if (asJson) {
@@ -65,9 +76,14 @@ void addConfigCommands(CLI::App& app, CliContext& context, Action& action) {
     auto* show = config->add_subcommand(
         "show", "Print the configuration as the app and the upload extension read it");
     auto asJson = std::make_shared<bool>(false);
+    auto showSecrets = std::make_shared<bool>(false);
     show->add_flag("--json", *asJson, "Print one JSON object instead of lines");
-    show->callback([&context, &action, asJson] {
-        action = [&context, asJson] { return showConfig(context.config(), *asJson); };
+    show->add_flag("--show-secrets", *showSecrets,
+                   "Show the access key and the device token instead of hiding them");
+    show->callback([&context, &action, asJson, showSecrets] {
+        action = [&context, asJson, showSecrets] {
+            return showConfig(context.config(), *asJson, *showSecrets);
+        };
     });
 
     auto* clear = config->add_subcommand(

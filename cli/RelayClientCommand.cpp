@@ -15,9 +15,11 @@
 #include "RelayEventPrinter.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/platform/Text.h"
+#include "velmorand/platform/UrlComponents.h"
 #include "velmorand/qt/QtWebSocketSession.h"
 #include "velmorand/qt/StopSignals.h"
 #include "velmorand/relay/RelayClient.h"
+#include "velmorand/relay/RelayUrlPolicy.h"
 
 namespace velmorand::cli {
 namespace {
@@ -136,6 +138,11 @@ int runRelayClient(const Options& options, CliContext& context) {
         return kExitUsage;
     }
     const auto& link = std::get<Link>(resolved);
+    if (const auto refusal = RelayUrlPolicy::refusal(link.base)) {
+        std::cerr << kPrefix << "refused " << urlWithoutSecrets(link.base) << " — " << *refusal
+                  << '\n';
+        return kExitFailure;
+    }
 
     MainQueue& mainQueue = context.mainQueue();
     // Running until stopped is this command's purpose: stopping is a success.
@@ -144,6 +151,15 @@ int runRelayClient(const Options& options, CliContext& context) {
                                     {mainQueue, context.log(), QtWebSocketSession::factory(), {}});
     client->setReconnectPolicy(options.policy);
     RelayEventPrinter::attach(*client, printLine);
+    // The client would go on offering the refused token; only a new pairing can help, and the
+    // command owns the client.
+    client->onAuthRejected = [printed = client->onAuthRejected, &context] {
+        printed();
+        std::cerr << kPrefix
+                  << "the relay rejected the device token (close code 4401): pair this device "
+                     "again (velmorand pair KEY), or check the token passed with --token-file\n";
+        context.quit(kExitFailure);
+    };
     client->connect();
     const int status = context.runEventLoop();
     // The client and its session go before the event loop's objects.
@@ -159,6 +175,15 @@ void addRelayClientCommand(CLI::App& app, CliContext& context, Action& action) {
         "relay-client",
         "Keep this device's relay link up, answer the relay's probes and print each viewer "
         "message as one JSON line (until interrupted)");
+    command->footer(
+        "Each line is one JSON object whose \"event\" is one of: open, control (with \"control\" "
+        "naming the command: tap, doubleTap, longPress, swipe, touchDown, touchMove, touchUp, "
+        "text, key, button, openURL, launchApp, killApp, setClipboard, pushMedia), need_stream, "
+        "encode_settings, stream_control, request_idr, stream_quality, qos, relay_qos, "
+        "webrtc_signal and auth_rejected. After auth_rejected the command ends with status 1.\n\n"
+        "Each line is printed in full, as the viewer sent it: what viewers type, paste and push "
+        "appears in the output (and in anything it is piped or logged to), unlike in "
+        "extension.log.");
     command
         ->add_option("--base", options->base,
                      "Relay base URL, without /device (default: the stored custom relay, else "

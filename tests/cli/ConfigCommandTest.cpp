@@ -31,7 +31,7 @@ TEST_F(ConfigCommandTest, ShowsPresentFieldsInFieldOrderAndClearErasesThem) {
         "K1", {}, "tok", "wss://relay.example/r", {}, "", " H264 ", {}, 240, 0.25, {}, {}, {}, {}};
     store(values);
 
-    const auto text = velmorand({"config", "show"});
+    const auto text = velmorand({"config", "show", "--show-secrets"});
     EXPECT_EQ(text.exitCode, 0) << text.err;
     EXPECT_EQ(text.out,
               "accessKey: K1\n"
@@ -44,7 +44,13 @@ TEST_F(ConfigCommandTest, ShowsPresentFieldsInFieldOrderAndClearErasesThem) {
               "isPaired: true\n"
               "encode: h264, 60 fps, quality 0.25, scale 0.5\n");
 
+    // Unless asked for, the secrets are shown only to be there.
+    const auto shown = velmorand({"config", "show"}).out;
+    EXPECT_EQ(shown.substr(0, shown.find("relayWsUrl")),
+              "accessKey: (hidden; --show-secrets shows it)\n"
+              "deviceToken: (hidden; --show-secrets shows it)\n");
     const auto json = nlohmann::json::parse(velmorand({"config", "show", "--json"}).out);
+    EXPECT_EQ(json["deviceToken"], "(hidden; --show-secrets shows it)");
     EXPECT_TRUE(json["fps"].is_number_integer());
     EXPECT_EQ(json["deviceName"], "");
     EXPECT_FALSE(json.contains("appURL"));

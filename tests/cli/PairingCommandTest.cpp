@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <QTimer>
 #include <nlohmann/json.hpp>
 
 #include "CommandRunner.h"
@@ -33,7 +34,7 @@ class PairingCommandTest : public ::testing::Test {
     }
 
     nlohmann::json storedConfig() {
-        return nlohmann::json::parse(velmorand({"config", "show", "--json"}).out);
+        return nlohmann::json::parse(velmorand({"config", "show", "--json", "--show-secrets"}).out);
     }
 
     testing::TempDir data_;
@@ -134,6 +135,40 @@ TEST_F(PairingCommandTest, TouchControlStartsAndIsConfirmedByTheLocalServer) {
     EXPECT_EQ(status["deviceName"], "Sandbox iPhone");
     EXPECT_EQ(status["wdaStatus"], "Touch control: active");
     EXPECT_EQ(status["appURL"], serviceUrl_);
+}
+
+// What a viewer sends is printed line by line, however it is nested, until the relay refuses the
+// token: the command then ends, saying what to do.
+TEST_F(PairingCommandTest, RelayClientPrintsWhatViewersSendAndEndsWhenTheTokenIsRefused) {
+    ASSERT_EQ(velmorand({"pair", kDemoKey}).exitCode, 0);
+    const std::string nested = std::string(100'000, '[') + std::string(100'000, ']');
+    const std::vector<std::string> script = {
+        R"({"type":"webrtc_offer","sdp":"v=0"})",
+        R"({"type":"webrtc_x","a":)" + nested + "}",
+        R"({"type":"tap","x":1,"y":2})",
+    };
+    QTimer relay;
+    QObject::connect(&relay, &QTimer::timeout, [&] {
+        if (!sandbox_.deviceConnected()) {
+            return;
+        }
+        relay.stop();
+        for (const auto& message : script) {
+            sandbox_.sendToDevice(message);
+        }
+        sandbox_.closeDevice(4401, "unauthorized");
+    });
+    relay.start(10);
+    const auto run = velmorand({"relay-client"});
+    EXPECT_EQ(run.exitCode, 1) << run.err;
+    EXPECT_EQ(run.out,
+              "{\"event\":\"open\"}\n"
+              R"({"event":"webrtc_signal","message":{"sdp":"v=0","type":"webrtc_offer"}})"
+              "\n"
+              R"({"event":"control","control":"tap","x":1.0,"y":2.0})"
+              "\n"
+              "{\"event\":\"auth_rejected\"}\n");
+    EXPECT_NE(run.err.find("pair this device again"), std::string::npos) << run.err;
 }
 
 }  // namespace
