@@ -13,8 +13,13 @@ QString qt(const std::string& text) {
 
 }  // namespace
 
-PairingModelBridge::PairingModelBridge(std::shared_ptr<PairingModel> model, QObject* parent)
-    : QObject(parent), model_(std::move(model)) {
+PairingModelBridge::PairingModelBridge(std::shared_ptr<PairingModel> model,
+                                       std::function<std::optional<std::string>()> pairedRelay,
+                                       QObject* parent)
+    : QObject(parent),
+      model_(std::move(model)),
+      loadPairedRelay_(std::move(pairedRelay)),
+      pairedRelay_(loadPairedRelay_()) {
     // The model announces a change before making it: emit once the event loop has come round,
     // when QML reads the new value.
     model_->addObserver([self = QPointer(this)](PairingModel::Field field) {
@@ -36,7 +41,9 @@ void PairingModelBridge::announce(PairingModel::Field field) {
     using Field = PairingModel::Field;
     switch (field) {
         case Field::paired:
+            pairedRelay_ = loadPairedRelay_();
             emit pairedChanged();
+            emit relayProblemChanged();
             break;
         case Field::deviceName:
             emit deviceNameChanged();
@@ -53,6 +60,7 @@ void PairingModelBridge::announce(PairingModel::Field field) {
             break;
         case Field::relayOverride:
             emit relayOverrideChanged();
+            emit relayProblemChanged();
             break;
         case Field::wdaStatus:
             emit wdaStatusChanged();
@@ -91,6 +99,10 @@ QString PairingModelBridge::relayOverride() const {
 
 void PairingModelBridge::setRelayOverride(const QString& relayOverride) {
     model_->setRelayOverride(relayOverride.toStdString());
+}
+
+QString PairingModelBridge::relayProblem() const {
+    return qt(MainScreen::relayProblem(model_->relayOverride(), pairedRelay_).value_or(""));
 }
 
 QString PairingModelBridge::wdaStatus() const {

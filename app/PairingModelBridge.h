@@ -2,7 +2,9 @@
 
 #include <QObject>
 #include <QString>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "velmorand/pairing/PairingModel.h"
@@ -21,13 +23,17 @@ class PairingModelBridge : public QObject {
     Q_PROPERTY(QString relayRegion READ relayRegion WRITE setRelayRegion NOTIFY relayRegionChanged)
     Q_PROPERTY(
         QString relayOverride READ relayOverride WRITE setRelayOverride NOTIFY relayOverrideChanged)
+    Q_PROPERTY(QString relayProblem READ relayProblem NOTIFY relayProblemChanged)
     Q_PROPERTY(QString wdaStatus READ wdaStatus NOTIFY wdaStatusChanged)
     Q_PROPERTY(bool bridgeBusy READ bridgeBusy NOTIFY bridgeBusyChanged)
     Q_PROPERTY(QString key READ key WRITE setKey NOTIFY keyChanged)
     Q_PROPERTY(bool pairEnabled READ pairEnabled NOTIFY pairEnabledChanged)
 
   public:
-    explicit PairingModelBridge(std::shared_ptr<PairingModel> model, QObject* parent = nullptr);
+    // `pairedRelay` reads the relay URL stored at pairing.
+    PairingModelBridge(std::shared_ptr<PairingModel> model,
+                       std::function<std::optional<std::string>()> pairedRelay,
+                       QObject* parent = nullptr);
 
     bool paired() const { return model_->paired(); }
     QString deviceName() const;
@@ -38,6 +44,8 @@ class PairingModelBridge : public QObject {
     void setRelayRegion(const QString& region);
     QString relayOverride() const;
     void setRelayOverride(const QString& relayOverride);
+    // Empty when the relay the broadcast would use is fine.
+    QString relayProblem() const;
     QString wdaStatus() const;
     bool bridgeBusy() const { return model_->bridgeBusy(); }
     QString key() const;
@@ -61,6 +69,7 @@ class PairingModelBridge : public QObject {
     void busyChanged();
     void relayRegionChanged();
     void relayOverrideChanged();
+    void relayProblemChanged();
     void wdaStatusChanged();
     void bridgeBusyChanged();
     void keyChanged();
@@ -71,6 +80,9 @@ class PairingModelBridge : public QObject {
     void replaceKey(std::string key);
 
     std::shared_ptr<PairingModel> model_;
+    std::function<std::optional<std::string>()> loadPairedRelay_;
+    // Read again whenever the pairing changes.
+    std::optional<std::string> pairedRelay_;
     std::string key_;
 };
 

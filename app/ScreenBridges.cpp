@@ -5,7 +5,7 @@
 namespace velmorand::app {
 
 ScreenBridges::ScreenBridges(AppServices& services, const QStringList& extensionArguments)
-    : pairing(services.model),
+    : pairing(services.model, [&config = services.config] { return config.load().relayWsUrl; }),
       encode(services.config),
       broadcast(services.model, services.environment.bundle, extensionArguments),
       extensionLog(services.appGroup, services.environment.groupContainers) {}

@@ -9,9 +9,11 @@
 #include "Cli.h"
 #include "CliContext.h"
 #include "ModelWatch.h"
+#include "velmorand/config/SharedConfig.h"
 #include "velmorand/pairing/AccessKey.h"
 #include "velmorand/platform/MainQueue.h"
 #include "velmorand/platform/Text.h"
+#include "velmorand/ui/MainScreen.h"
 
 namespace velmorand::cli {
 namespace {
@@ -135,6 +137,10 @@ int saveRelay(CliContext& context, const RelayOptions& options) {
     }
     model.saveRelay();
     printLine(std::cout, model.status());
+    // Saved as typed, as the screen saves it; but the person should know it cannot work.
+    if (const auto problem = MainScreen::relayProblem(model.relayOverride(), std::nullopt)) {
+        std::cerr << "velmorand: warning: " << *problem << "\n";
+    }
     return kExitSuccess;
 }
 
@@ -192,9 +198,12 @@ int touchStatus(CliContext& context) {
 
 int status(CliContext& context, bool asJson) {
     PairingModel& model = context.model();
+    const auto stored = context.config().load();
+    const auto relayProblem =
+        MainScreen::relayProblem(stored.relayOverride.value_or(""), stored.relayWsUrl);
     return afterStatusCheck(
         context, [&model] { model.refresh(); },
-        [&model, asJson] {
+        [&model, asJson, relayProblem] {
             nlohmann::ordered_json fields = {
                 {"paired", model.paired()},
                 {"deviceName", model.deviceName()},
@@ -207,11 +216,16 @@ int status(CliContext& context, bool asJson) {
                 {"bridgeUrl", model.bridgeUrl()},
                 {"appURL", model.appURL()},
                 {"broadcastExtensionID", model.broadcastExtensionID()},
+                {"relayProblem",
+                 relayProblem ? nlohmann::ordered_json(*relayProblem) : nlohmann::ordered_json()},
             };
             if (asJson) {
                 printLine(std::cout, fields.dump());
             } else {
                 for (const auto& [name, value] : fields.items()) {
+                    if (value.is_null()) {
+                        continue;
+                    }
                     std::cout << name << ": "
                               << (value.is_string() ? value.get<std::string>() : value.dump())
                               << '\n';

@@ -15,6 +15,7 @@
 
 #include "DesktopBroadcast.h"
 #include "velmorand/config/AppGroup.h"
+#include "velmorand/config/RelayBase.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/desktop/DesktopEnvironment.h"
 #include "velmorand/desktop/StderrLog.h"
@@ -23,7 +24,6 @@
 #include "velmorand/extension/ExtensionLogWriter.h"
 #include "velmorand/extension/ExtensionOptions.h"
 #include "velmorand/extension/InstanceLock.h"
-#include "velmorand/extension/RelayBase.h"
 #include "velmorand/extension/RelayFrameSink.h"
 #include "velmorand/extension/Supervisor.h"
 #include "velmorand/qt/QtMainQueue.h"

@@ -113,6 +113,12 @@ ApplicationWindow {
                 Footnote {
                     text: "Custom URL wins over region. Applies on next broadcast start; region is also sent as preferredRegion on pairing."
                 }
+                Footnote {
+                    objectName: "relayProblem"
+                    visible: pairing.relayProblem.length > 0
+                    text: pairing.relayProblem
+                    orange: true
+                }
             }
 
             // 3

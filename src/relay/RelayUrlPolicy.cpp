@@ -57,4 +57,16 @@ std::optional<std::string> RelayUrlPolicy::refusal(std::string_view url) {
     return std::nullopt;
 }
 
+std::optional<std::string> RelayUrlPolicy::problem(std::string_view url) {
+    const auto parts = UrlComponents::parse(url);
+    const std::string scheme = parts ? lowercase(parts->scheme) : std::string();
+    if ((scheme != "ws" && scheme != "wss") || parts->host.empty()) {
+        return "not a ws:// or wss:// URL: the broadcast cannot connect with it";
+    }
+    if (auto refused = refusal(url)) {
+        return "the broadcast will refuse it: " + *refused;
+    }
+    return std::nullopt;
+}
+
 }  // namespace velmorand

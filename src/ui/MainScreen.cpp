@@ -1,5 +1,8 @@
 #include "velmorand/ui/MainScreen.h"
 
+#include "velmorand/platform/Text.h"
+#include "velmorand/relay/RelayUrlPolicy.h"
+
 namespace velmorand {
 
 bool MainScreen::pairEnabled(std::string_view key, bool busy) {
@@ -23,6 +26,23 @@ MainScreen::BroadcastNotes MainScreen::broadcastNotes(bool paired, bool extensio
         .startHelp = paired && extensionFound,
         .missingExtension = paired && !extensionFound,
     };
+}
+
+std::optional<std::string> MainScreen::relayProblem(std::string_view typedOverride,
+                                                    const std::optional<std::string>& pairedRelay) {
+    const std::string custom = trimmed(typedOverride);
+    if (!custom.empty()) {
+        if (auto problem = RelayUrlPolicy::problem(custom)) {
+            return "Custom relay: " + *problem;
+        }
+        return std::nullopt;
+    }
+    if (pairedRelay) {
+        if (auto refused = RelayUrlPolicy::refusal(*pairedRelay)) {
+            return "The relay from pairing will be refused: " + *refused;
+        }
+    }
+    return std::nullopt;
 }
 
 std::string MainScreen::pairedLabel(std::string_view deviceName) {

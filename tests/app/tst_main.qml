@@ -100,7 +100,12 @@ TestCase {
         picker.forceActiveFocus()
         keyClick(Qt.Key_Down)
         compare(picker.currentText, "EU")
+        // The section warns, while it is typed, of a relay the broadcast would refuse.
+        typeInto("relayOverrideField", "ws://relay.example/x")
+        tryCompare(item("relayProblem"), "visible", true)
+        verify(item("relayProblem").text.indexOf("Custom relay: the broadcast will refuse it") === 0)
         typeInto("relayOverrideField", "  wss://relay.example/x  ")
+        tryCompare(item("relayProblem"), "visible", false)
 
         click("saveRelayButton")
         tryCompare(item("statusText"), "text",

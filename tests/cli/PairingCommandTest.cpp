@@ -92,11 +92,30 @@ TEST_F(PairingCommandTest, RelayPreferenceAndPairLink) {
     const auto saved =
         velmorand({"relay", "--region", "eu", "--override", " wss://r.example/x \n"});
     EXPECT_EQ(saved.out, "Relay preference saved — applies on next broadcast start.\n");
+    EXPECT_EQ(saved.err, "");
     auto stored = storedConfig();
     EXPECT_EQ(stored["relayRegion"], "eu");
     EXPECT_EQ(stored["relayOverride"], "wss://r.example/x");
     EXPECT_EQ(stored["isPaired"], true);
     EXPECT_EQ(velmorand({"relay", "--region", "mars"}).exitCode, 2);
+    // Saved as typed, as the screen saves it, with a word on why it will not work.
+    const std::pair<std::string, std::string> unusable[] = {
+        {"notaurl",
+         "Custom relay: not a ws:// or wss:// URL: the broadcast cannot connect with it"},
+        {"ws://relay.example.org/r",
+         "Custom relay: the broadcast will refuse it: ws:// would send the device token and every "
+         "command unencrypted; it is allowed only to this computer (localhost) — use a wss:// "
+         "relay URL"},
+    };
+    for (const auto& [url, problem] : unusable) {
+        const auto warned = velmorand({"relay", "--override", url});
+        EXPECT_EQ(warned.exitCode, 0);
+        EXPECT_EQ(warned.err, "velmorand: warning: " + problem + "\n");
+        EXPECT_EQ(storedConfig()["relayOverride"], url);
+        EXPECT_EQ(nlohmann::json::parse(velmorand({"status", "--json"}).out)["relayProblem"],
+                  problem);
+    }
+    ASSERT_EQ(velmorand({"relay", "--override", "wss://r.example/x"}).exitCode, 0);
     // The next pairing asks for the stored region.
     ASSERT_EQ(velmorand({"pair", kDemoKey}).exitCode, 0);
     EXPECT_EQ(nlohmann::json::parse(sandbox_.lastHandshakeBody().value_or("{}"))["preferredRegion"],

@@ -8,8 +8,8 @@
 #include <string>
 #include <variant>
 
+#include "velmorand/config/RelayBase.h"
 #include "velmorand/extension/NoticeThrottle.h"
-#include "velmorand/extension/RelayBase.h"
 #include "velmorand/remote/RemoteControl.h"
 #include "velmorand/stream/LiveSettings.h"
 #include "velmorand/stream/ScreenStream.h"

@@ -44,6 +44,11 @@ class MainScreen {
     // A status, touch-control or encode line shows only when it holds a character.
     static bool showsLine(std::string_view text) { return !text.empty(); }
 
+    // What the relay section warns of: the custom URL as typed (saved or not) when there is one,
+    // else the relay from pairing, judged as the broadcast will judge it. Absent when all is well.
+    static std::optional<std::string> relayProblem(std::string_view typedOverride,
+                                                   const std::optional<std::string>& pairedRelay);
+
     static std::string pairedLabel(std::string_view deviceName);
     static std::string logText(std::string_view log);
 };

@@ -5,7 +5,7 @@
 
 #include "velmorand/config/SharedConfig.h"
 
-namespace velmorand::extension {
+namespace velmorand {
 
 // The relay the broadcast connects to: a custom URL, when one is set, wins over the one
 // received at pairing.
@@ -21,4 +21,4 @@ struct RelayBase {
     bool operator==(const RelayBase&) const = default;
 };
 
-}  // namespace velmorand::extension
+}  // namespace velmorand

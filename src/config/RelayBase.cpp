@@ -1,8 +1,8 @@
-#include "velmorand/extension/RelayBase.h"
+#include "velmorand/config/RelayBase.h"
 
 #include "velmorand/platform/Text.h"
 
-namespace velmorand::extension {
+namespace velmorand {
 
 std::optional<RelayBase> RelayBase::choose(const SharedConfig::Values& values) {
     if (!values.isPaired()) {
@@ -17,4 +17,4 @@ std::optional<RelayBase> RelayBase::choose(const SharedConfig::Values& values) {
     return RelayBase{*values.relayWsUrl, Source::pairing};
 }
 
-}  // namespace velmorand::extension
+}  // namespace velmorand
