@@ -311,6 +311,31 @@ async function run() {
   // The form is further down the page: the picture back into view.
   await page.locator("#screen").scrollIntoViewIfNeeded();
 
+  // The deliberate stop (a frame rate no integer holds), mid-drag: the broadcast comes back by
+  // itself, and lets go of the button the dead one held and of the keycode it borrowed for é.
+  since = mark();
+  check(desktop.keycodesFor("eacute") === 1, "typing é did not borrow a keycode for it");
+  const grab = await spot(0.4, 0.4);
+  await page.mouse.move(grab.x, grab.y);
+  await page.mouse.down();
+  await page.mouse.move(grab.x + 40, grab.y + 40);
+  await waitLog(since, /^control: touchDown x=\d+ y=\d+$/);
+  await waitFor("the drag's press in the recorder's window", () => eventsSince(since, "press").length > 0);
+  await page.evaluate(async () => {
+    const token = document.querySelector('meta[name="velmorand-viewer-token"]').content;
+    const scheme = location.protocol === "https:" ? "wss:" : "ws:";
+    const viewer = new WebSocket(`${scheme}//${location.host}/relay/viewer?token=${token}`);
+    await new Promise((resolve) => (viewer.onopen = resolve));
+    viewer.send(JSON.stringify({ type: "encode_settings", fps: 1e300 }));
+  });
+  await waitLog(since, /^the broadcast died of signal 6 \(Aborted\) after [\d.]+ s — starting it again in 1 s$/);
+  await waitFor("the held button let go of in the recorder's window",
+    () => eventsSince(since, "release").length > 0, 15_000);
+  await waitLog(since, /^relay: link open$/);
+  check(desktop.keycodesFor("eacute") === 0, "the keycode borrowed for é is still bound");
+  await page.mouse.up();
+  ok("the broadcast comes back after the deliberate stop, with the button and the keycode let go");
+
   // View-only: the same commands are logged and nothing reaches the window.
   const stopped = await desktop.stopExtension();
   check(stopped.code === 0, `the extension stopped with ${JSON.stringify(stopped)}`);

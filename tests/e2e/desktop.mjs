@@ -143,6 +143,15 @@ export class Desktop {
     return result;
   }
 
+  // How many keycodes the server's keyboard mapping binds to `keysym` ("eacute").
+  keycodesFor(keysym) {
+    const result = spawnSync("xmodmap", ["-display", this.display, "-pke"], { encoding: "utf8" });
+    if (result.status !== 0) {
+      throw new Error(`xmodmap failed (${result.status ?? result.error}): ${result.stderr}`);
+    }
+    return result.stdout.split("\n").filter((line) => line.split(/\s+/).includes(keysym)).length;
+  }
+
   // The CLIPBOARD as another application on this display pastes it, in the form `target`:
   // what it got, or null when the owner refused that form.
   paste(target) {

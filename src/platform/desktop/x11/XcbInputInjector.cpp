@@ -5,8 +5,12 @@
 #include <xkbcommon/xkbcommon-keysyms.h>
 #include <xkbcommon/xkbcommon.h>
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <limits>
 #include <thread>
 #include <utility>
@@ -26,6 +30,8 @@ constexpr auto kRemapSettle = std::chrono::milliseconds(30);
 // A client changing the mapping over and over is followed, but only so many events at a time.
 constexpr int kMaxEventsRead = 256;
 constexpr std::uint8_t kLeftButton = 1;
+// CARDINAL[]: the process id of the injector, then each keycode it has borrowed.
+constexpr std::string_view kRecordName = "_VELMORAND_INPUT_INJECTOR";
 
 // The keysyms a named key may be, best first; the first is the one borrowed for when the layout
 // has none of them.
@@ -119,6 +125,7 @@ std::variant<std::unique_ptr<InputInjector>, std::string> XcbInputInjector::open
     injector->readKeyboardMapping(injector->minKeycode_,
                                   injector->maxKeycode_ - injector->minKeycode_ + 1);
     injector->readModifierMapping();
+    injector->takeOver();
     injector->screenSize();
     if (injector->lost()) {
         return std::string("the X server closed the connection");
@@ -142,9 +149,83 @@ XcbInputInjector::~XcbInputInjector() {
             setLeftButton(false);
         }
         giveBackSpareKeys();
+        xcb_delete_property(connection_, root_, recordAtom_);
         XcbDisplay::sync(connection_);
     }
     xcb_disconnect(connection_);
+}
+
+void XcbInputInjector::takeOver() {
+    recordAtom_ = XcbDisplay::internAtoms(connection_, {kRecordName}).front();
+    if (recordAtom_ == XCB_ATOM_NONE) {
+        return;
+    }
+    const XcbOwned<xcb_get_property_reply_t> reply(xcb_get_property_reply(
+        connection_,
+        xcb_get_property(connection_, 0, root_, recordAtom_, XCB_ATOM_CARDINAL, 0, 1 + 256),
+        nullptr));
+    const int values =
+        reply && reply->format == 32 ? xcb_get_property_value_length(reply.get()) / 4 : 0;
+    const auto* recorded =
+        values > 0 ? static_cast<const std::uint32_t*>(xcb_get_property_value(reply.get()))
+                   : nullptr;
+    // A live injector (another broadcast on this display) keeps what it holds, though this one's
+    // record now replaces its own.
+    const bool abandoned = recorded != nullptr &&
+                           !(::kill(static_cast<pid_t>(recorded[0]), 0) == 0 || errno == EPERM);
+    if (abandoned) {
+        // Only a keycode still bound as it was lent (one keysym wherever it is bound: the server
+        // repeats it into the other groups) is given back: one bound since is someone else's.
+        const std::vector<xcb_keysym_t> unbound(static_cast<std::size_t>(keysymsPerKeycode_),
+                                                XKB_KEY_NoSymbol);
+        for (int i = 1; i < values; ++i) {
+            const int keycode = static_cast<int>(recorded[i]);
+            if (keycode < minKeycode_ || keycode > maxKeycode_ || keysymsPerKeycode_ < 2) {
+                continue;
+            }
+            const auto* row =
+                &keysyms_[static_cast<std::size_t>(keycode - minKeycode_) * keysymsPerKeycode_];
+            const bool lent = row[0] != XKB_KEY_NoSymbol && row[1] == row[0] &&
+                              std::all_of(row + 2, row + keysymsPerKeycode_, [row](auto keysym) {
+                                  return keysym == XKB_KEY_NoSymbol || keysym == row[0];
+                              });
+            if (lent) {
+                xcb_change_keyboard_mapping(connection_, 1, static_cast<xcb_keycode_t>(keycode),
+                                            static_cast<std::uint8_t>(keysymsPerKeycode_),
+                                            unbound.data());
+            }
+        }
+        // Every key and button XTEST still holds down; what a person holds on a keyboard of the
+        // machine's own is not XTEST's to let go of.
+        const XcbOwned<xcb_query_keymap_reply_t> keymap(
+            xcb_query_keymap_reply(connection_, xcb_query_keymap(connection_), nullptr));
+        for (int keycode = minKeycode_; keymap && keycode <= maxKeycode_; ++keycode) {
+            if ((keymap->keys[keycode / 8] & (1U << (keycode % 8))) != 0) {
+                fakeKey(static_cast<std::uint8_t>(keycode), false);
+            }
+        }
+        if ((modifierState() & XCB_BUTTON_MASK_1) != 0) {
+            setLeftButton(false);
+        }
+        XcbDisplay::sync(connection_);
+        readEvents();
+        readKeyboardMapping(minKeycode_, maxKeycode_ - minKeycode_ + 1);
+    }
+    record();
+}
+
+void XcbInputInjector::record() {
+    if (recordAtom_ == XCB_ATOM_NONE) {
+        return;
+    }
+    std::vector<std::uint32_t> values{static_cast<std::uint32_t>(::getpid())};
+    for (const auto& spare : spareKeys_) {
+        if (spare.keysym != XKB_KEY_NoSymbol) {
+            values.push_back(spare.keycode);
+        }
+    }
+    xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, root_, recordAtom_, XCB_ATOM_CARDINAL,
+                        32, static_cast<std::uint32_t>(values.size()), values.data());
 }
 
 ScreenSize XcbInputInjector::screenSize() {
@@ -461,6 +542,7 @@ std::optional<std::uint8_t> XcbInputInjector::lendSpareKey(std::uint32_t keysym)
     }
     spareKeys_[chosen].keysym = keysym;
     spareKeys_[chosen].lastTyped = Clock::now();
+    record();
     if (width == keysymsPerKeycode_) {
         std::copy(row.begin(), row.end(),
                   keysyms_.begin() + static_cast<std::ptrdiff_t>(keycode - minKeycode_) * width);

@@ -16,6 +16,9 @@ namespace velmorand {
 
 // Pointer and keyboard input on an X11 display, through XTEST. Characters go to the keys the
 // server's keyboard mapping has for them; one it lacks borrows an unused keycode for a while.
+// The injector records its process and the keycodes it has borrowed on the root window, so that
+// after one that ended without cleaning up (killed, crashed) the next gives the keycodes back and
+// lets go of what it left held.
 class XcbInputInjector : public InputInjector {
   public:
     // `displayName` as X11 spells it (":0"); nullptr takes $DISPLAY.
@@ -56,6 +59,11 @@ class XcbInputInjector : public InputInjector {
 
     XcbInputInjector(xcb_connection_t* connection, std::uint32_t root);
 
+    // Undoes what an injector that is gone left behind, then records this one.
+    void takeOver();
+    // Writes this process and the borrowed keycodes to the root window.
+    void record();
+
     void readKeyboardMapping(int firstKeycode, int count);
     void readModifierMapping();
     // Follows changes to the keyboard mapping, by anyone.
@@ -88,6 +96,7 @@ class XcbInputInjector : public InputInjector {
     std::vector<SpareKey> spareKeys_;
     std::vector<HeldKey> held_;
     bool buttonHeld_ = false;
+    std::uint32_t recordAtom_ = 0;
 };
 
 }  // namespace velmorand
