@@ -1,12 +1,29 @@
 #pragma once
 
+#include <memory>
+#include <optional>
+#include <string>
+
 #include "velmorand/extension/Broadcast.h"
+#include "velmorand/extension/DesktopChoice.h"
 
 namespace velmorand::extension {
 
-// What this desktop gives a broadcast, on X11: its screen (XCB capture, libyuv scaling,
-// TurboJPEG and libx264) and its input (XTest), clipboard, windows and applications (GIO).
-Broadcast::StreamOpener desktopStreamOpener(FrameSink& sink);
-Broadcast::RemoteControlOpener desktopRemoteControlOpener();
+// What this desktop gives a broadcast: its screen (captured by the chosen backend, scaled by
+// libyuv, encoded by TurboJPEG and libx264) and its input, clipboard and windows (the backend's
+// own), applications and files (GIO). The one place that knows the backends.
+struct DesktopServices {
+    Broadcast::StreamOpener openStream;
+    Broadcast::RemoteControlOpener openRemoteControl;
+};
+
+// The backends `facts` call for, tried in order when the stream or the remote control first
+// opens; a backend's session (GNOME's) is shared by both, and opened again once the compositor
+// has closed it.
+DesktopServices desktopServices(const DesktopFacts& facts, FrameSink& sink);
+
+// The facts of this process's session: `forced` (the --desktop option) else VELMORAND_DESKTOP,
+// and the session's environment.
+DesktopFacts desktopFacts(const std::optional<std::string>& forced);
 
 }  // namespace velmorand::extension

@@ -25,8 +25,8 @@ std::variant<ExtensionOptions, ExtensionOptions::Exit> ExtensionOptions::parse(
 
     CLI::App app(
         "The screen-broadcast upload extension: connects this device to the relay, streams the "
-        "screen (X11) to the viewers that ask for it, and carries out their remote-control "
-        "commands, logging each.",
+        "screen (X11, or Wayland through GNOME's compositor) to the viewers that ask for it, and "
+        "carries out their remote-control commands, logging each.",
         "velmorand-broadcast");
     app.set_version_flag("--version", "velmorand-broadcast " + version);
     app.add_option("--data-dir", dataDir, "Where the settings, keychain and group container live");
@@ -34,6 +34,11 @@ std::variant<ExtensionOptions, ExtensionOptions::Exit> ExtensionOptions::parse(
                    "The application bundle (default: the one holding this extension)");
     app.add_flag("--view-only", options.viewOnly,
                  "Stream the screen but carry out none of the viewers' commands");
+    app.add_option("--desktop", options.desktop,
+                   "How to reach the desktop: x11, gnome (GNOME's own remote-desktop interfaces), "
+                   "portal (the desktop portals) or auto, which picks from the session "
+                   "(default: $VELMORAND_DESKTOP, else auto)")
+        ->check(CLI::IsMember({"x11", "gnome", "portal", "auto"}));
     const CLI::Validator positive(positiveSeconds, "SECONDS", "positive");
     app.add_option("--min-delay", options.reconnect.minDelay, "Shortest reconnect delay")
         ->check(positive)

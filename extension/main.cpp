@@ -57,14 +57,16 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& lo
                                                 .random = {}});
     client->setReconnectPolicy(options.reconnect);
     RelayFrameSink frames(*client);
-    Broadcast broadcast({.client = *client,
-                         .log = log,
-                         .mainQueue = mainQueue,
-                         .openStream = desktopStreamOpener(frames),
-                         .openRemoteControl = options.viewOnly ? Broadcast::RemoteControlOpener()
-                                                               : desktopRemoteControlOpener(),
-                         .clock = {}},
-                        [](int status) { QCoreApplication::exit(status); });
+    auto desktop = desktopServices(desktopFacts(options.desktop), frames);
+    Broadcast broadcast(
+        {.client = *client,
+         .log = log,
+         .mainQueue = mainQueue,
+         .openStream = std::move(desktop.openStream),
+         .openRemoteControl = options.viewOnly ? Broadcast::RemoteControlOpener()
+                                               : std::move(desktop.openRemoteControl),
+         .clock = {}},
+        [](int status) { QCoreApplication::exit(status); });
     bool stopped = false;
     StopSignals stopSignals([&log, &stopped](int signal) {
         if (!std::exchange(stopped, true)) {

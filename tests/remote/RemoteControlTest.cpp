@@ -143,7 +143,7 @@ struct RecordingDesktop : InputInjector, Pasteboard, DesktopShell, WindowCloser 
         return std::vector<std::string>{"ExampleEditor"};
     }
     std::filesystem::path downloadsDirectory() override { return downloads; }
-    std::size_t closeWindows(const std::vector<std::string>& classes) override {
+    std::optional<std::size_t> closeWindows(const std::vector<std::string>& classes) override {
         std::string joined;
         for (const auto& name : classes) {
             joined += " " + name;

@@ -17,6 +17,8 @@ struct ExtensionOptions {
     RelayClient::ReconnectPolicy reconnect;
     // Stream, but carry out no viewer's command.
     bool viewOnly = false;
+    // x11, gnome, portal or auto; absent: VELMORAND_DESKTOP, else auto.
+    std::optional<std::string> desktop;
 
     // What to print instead of running: help or version (status 0, standard output) or a usage
     // error (status 2, standard error).

@@ -100,7 +100,7 @@ XcbWindowCloser::~XcbWindowCloser() {
     xcb_disconnect(connection_);
 }
 
-std::size_t XcbWindowCloser::closeWindows(const std::vector<std::string>& classes) {
+std::optional<std::size_t> XcbWindowCloser::closeWindows(const std::vector<std::string>& classes) {
     if (classes.empty() || xcb_connection_has_error(connection_) != 0) {
         return 0;
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,8 +14,8 @@ class WindowCloser {
     virtual ~WindowCloser() = default;
 
     // Every top-level window whose class (either part of WM_CLASS) equals one of `classes`,
-    // ignoring case. Returns how many were asked.
-    virtual std::size_t closeWindows(const std::vector<std::string>& classes) = 0;
+    // ignoring case. Returns how many were asked; absent when the desktop offers no way to ask.
+    virtual std::optional<std::size_t> closeWindows(const std::vector<std::string>& classes) = 0;
 };
 
 }  // namespace velmorand

@@ -26,7 +26,7 @@ class XcbWindowCloser : public WindowCloser {
     XcbWindowCloser(const XcbWindowCloser&) = delete;
     XcbWindowCloser& operator=(const XcbWindowCloser&) = delete;
 
-    std::size_t closeWindows(const std::vector<std::string>& classes) override;
+    std::optional<std::size_t> closeWindows(const std::vector<std::string>& classes) override;
 
   private:
     struct Atoms {
