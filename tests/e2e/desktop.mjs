@@ -1,6 +1,7 @@
-// The desktop end of the end-to-end tests: a private X server, the event recorder's window over
-// its whole screen, and the upload extension paired with the sandbox and broadcasting that
-// screen, as the application starts it.
+// The desktop end of the end-to-end tests: a private X server (or the Wayland session the test
+// runs in: tests/wayland/headless-gnome), the event recorder's window over its whole screen, and
+// the upload extension paired with the sandbox and broadcasting that screen, as the application
+// starts it.
 import { spawn, spawnSync } from "node:child_process";
 import fs from "node:fs";
 import path from "node:path";
@@ -42,11 +43,13 @@ export function stopAll(children) {
 }
 
 export class Desktop {
-  // paths: cli, broadcast, bundle, recorder; work: a directory of the test's own.
-  constructor({ children, paths, work, screen }) {
+  // paths: cli, broadcast, bundle, recorder; work: a directory of the test's own; wayland: the
+  // session's own compositor rather than an X server of the test's.
+  constructor({ children, paths, work, screen, wayland = false }) {
     this.children = children;
     this.paths = paths;
     this.screen = screen;
+    this.wayland = wayland;
     this.dataDir = path.join(work, "data");
     fs.mkdirSync(this.dataDir, { recursive: true });
     this.logPath = path.join(this.dataDir, "Group Containers", kGroup, "extension.log");
@@ -54,6 +57,18 @@ export class Desktop {
     this.events = [];
     this.recorder = null;
     this.extension = null;
+  }
+
+  // The X server, or the Wayland session's display.
+  async startDesktop() {
+    if (!this.wayland) {
+      return this.startX();
+    }
+    this.display = process.env.WAYLAND_DISPLAY;
+    if (!this.display) {
+      throw new Error("no WAYLAND_DISPLAY: run the test inside tests/wayland/headless-gnome");
+    }
+    return this.display;
   }
 
   // A display nobody holds: the server picks it and says which.
@@ -77,7 +92,12 @@ export class Desktop {
 
   // The recorder ends with this process: its standard input closes.
   async startRecorder() {
-    const recorder = start(this.children, this.paths.recorder, [this.display], { stdio: ["pipe", "pipe", "pipe"] });
+    const recorder = this.wayland
+      ? start(this.children, this.paths.recorder, [], {
+        stdio: ["pipe", "pipe", "pipe"],
+        env: { ...process.env, QT_QPA_PLATFORM: "wayland" },
+      })
+      : start(this.children, this.paths.recorder, [this.display], { stdio: ["pipe", "pipe", "pipe"] });
     // Gone before its standard input closes, it must not take this process with it.
     recorder.stdin.on("error", () => {});
     let partial = "";
@@ -123,9 +143,11 @@ export class Desktop {
   // As the application does: detached, with its data and bundle directories; on this display.
   startExtension({ viewOnly = false } = {}) {
     const args = ["--data-dir", this.dataDir, "--bundle-dir", this.paths.bundle, "--min-delay", "0.2", "--max-delay", "1"];
+    // On Wayland, an X server of its own in the environment (Xwayland's place) must not lead it
+    // astray.
     const extension = start(this.children, this.paths.broadcast, viewOnly ? [...args, "--view-only"] : args, {
       detached: true,
-      env: { ...process.env, DISPLAY: this.display },
+      env: this.wayland ? process.env : { ...process.env, DISPLAY: this.display },
     });
     extension.ownGroup = true;
     this.extension = extension;
@@ -150,6 +172,19 @@ export class Desktop {
       throw new Error(`xmodmap failed (${result.status ?? result.error}): ${result.stderr}`);
     }
     return result.stdout.split("\n").filter((line) => line.split(/\s+/).includes(keysym)).length;
+  }
+
+  // The clipboard's text as a program on the desktop reads it: on Wayland the recorder's, which
+  // has the keyboard; on X11 xclip's, as UTF8_STRING. Null when it holds no text.
+  async clipboardText() {
+    if (!this.wayland) {
+      return this.paste("UTF8_STRING");
+    }
+    const since = this.events.length;
+    this.tellRecorder("clipboard");
+    const answer = await waitFor("the recorder's clipboard", () =>
+      this.events.slice(since).find((event) => event.event === "clipboard"));
+    return answer.text;
   }
 
   // The CLIPBOARD as another application on this display pastes it, in the form `target`:

@@ -41,3 +41,10 @@ export function testRun(name, wholeRunMs, cleanup) {
   };
   return results;
 }
+
+// The browser's environment: headless, it is no client of the test's desktop, and must not
+// become one (on a Wayland desktop it would open a window there and take the pointer).
+export function browserEnvironment() {
+  const { WAYLAND_DISPLAY, DISPLAY, XDG_SESSION_TYPE, ...rest } = process.env;
+  return rest;
+}

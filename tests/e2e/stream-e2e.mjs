@@ -2,11 +2,13 @@
 // relay, and the viewer page in headless Chromium must show it in both codecs and obey its own
 // stream controls.
 //
-// node stream-e2e.mjs --sandbox PATH [--device synthetic|extension] [--screenshot PNG]
+// node stream-e2e.mjs --sandbox PATH [--device synthetic|extension] [--desktop x11|wayland]
+//                     [--screenshot PNG]
 //   synthetic: a device written here, pairing as the extension does and drawing the pattern with
 //              Chromium's canvas and WebCodecs encoder.
-//   extension: the real velmorand-broadcast capturing an Xvfb screen on which the event recorder
-//              shows the pattern (needs --cli, --broadcast, --bundle, --recorder).
+//   extension: the real velmorand-broadcast capturing an Xvfb screen (or the Wayland session the
+//              test runs in) on which the event recorder shows the pattern (needs --cli,
+//              --broadcast, --bundle, --recorder).
 import crypto from "node:crypto";
 import { spawn } from "node:child_process";
 import { EventEmitter } from "node:events";
@@ -18,7 +20,7 @@ import { setTimeout as sleep } from "node:timers/promises";
 import { parseArgs } from "node:util";
 
 import { Desktop, kAccessKey, kPalette, stopAll } from "./desktop.mjs";
-import { check, testRun, waitFor } from "./harness.mjs";
+import { browserEnvironment, check, testRun, waitFor } from "./harness.mjs";
 
 const kChromium = "/usr/bin/chromium";
 // Every wait below has its own limit; this one catches anything they miss.
@@ -37,6 +39,7 @@ const { values: opts } = parseArgs({
     broadcast: { type: "string" },
     bundle: { type: "string" },
     recorder: { type: "string" },
+    desktop: { type: "string", default: "x11" },
     screenshot: { type: "string" },
   },
 });
@@ -447,9 +450,10 @@ function heardInLog(lines) {
   return heard;
 }
 
-// The real extension, paired with the CLI, capturing an Xvfb screen where the event recorder
-// shows the pattern; the recorder keeps a marker moving along the top edge, away from where the
-// pattern is looked at, since the extension sends nothing while the screen is still.
+// The real extension, paired with the CLI, capturing an Xvfb screen (with --desktop wayland, the
+// Wayland session the test runs in) where the event recorder shows the pattern; the recorder keeps
+// a marker moving along the top edge, away from where the pattern is looked at, since the
+// extension sends nothing while the screen is still.
 async function startExtensionDevice({ base }) {
   const work = fs.mkdtempSync(path.join(os.tmpdir(), "velmorand-stream-e2e-"));
   tempDirs.push(work);
@@ -458,8 +462,9 @@ async function startExtensionDevice({ base }) {
     paths: { cli: opts.cli, broadcast: opts.broadcast, bundle: opts.bundle, recorder: opts.recorder },
     work,
     screen: kDesktopScreen,
+    wayland: opts.desktop === "wayland",
   });
-  await desktop.startX();
+  await desktop.startDesktop();
   await desktop.startRecorder();
   desktop.tellRecorder("animate on");
   desktop.pair(base);
@@ -541,6 +546,7 @@ async function run() {
   const relay = async () => (await fetch(`${base}/admin/relay`)).json();
 
   browser = await chromium.launch({
+    env: browserEnvironment(),
     executablePath: kChromium,
     headless: true,
     timeout: 30_000,

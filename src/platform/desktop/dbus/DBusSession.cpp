@@ -119,9 +119,15 @@ DBusSession::Result DBusSession::call(const std::string& bus, const std::string&
 void DBusSession::send(const std::string& bus, const std::string& path,
                        const std::string& interface, const std::string& method,
                        GVariant* arguments) {
-    g_dbus_connection_call(connection_, bus.c_str(), path.c_str(), interface.c_str(),
-                           method.c_str(), arguments, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, -1,
-                           nullptr, nullptr, nullptr);
+    // A message that expects no reply is one the compositor may ignore: the reply comes, and is
+    // dropped here.
+    GDBusMessage* message = g_dbus_message_new_method_call(bus.c_str(), path.c_str(),
+                                                           interface.c_str(), method.c_str());
+    g_dbus_message_set_body(message, arguments);
+    g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+    g_dbus_connection_send_message(connection_, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
+                                   nullptr);
+    g_object_unref(message);
 }
 
 void DBusSession::sync(const std::string& bus, const std::string& path) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <thread>
 #include <utility>
 
 #include "velmorand/desktop/NamedKeysyms.h"
@@ -15,6 +16,10 @@ namespace {
 constexpr std::int32_t kLeftButton = 0x110;  // BTN_LEFT
 // How long a paste may take to reach the program that has the keyboard.
 constexpr auto kPasteTimeout = std::chrono::milliseconds(1000);
+// The compositor finds the surface under a pointer that has moved only at its next frame; a press
+// that comes before is lost (seen with mutter 43: a click right after the pointer entered a
+// window reached it as a release alone, and under load 20 ms was not always enough).
+constexpr auto kPointerSettle = std::chrono::milliseconds(60);
 
 void appendUtf8(std::string& out, char32_t c) {
     if (c < 0x80) {
@@ -66,14 +71,20 @@ void GnomeInputInjector::movePointer(int x, int y) {
     if (current_) {
         // The middle of the pixel, which the compositor rounds down to it.
         current_->movePointer(x + 0.5, y + 0.5);
+        moved_ = true;
     }
 }
 
 void GnomeInputInjector::setLeftButton(bool pressed) {
-    if (current_) {
-        current_->setButton(kLeftButton, pressed);
-        buttonHeld_ = pressed;
+    if (!current_) {
+        return;
     }
+    if (pressed && std::exchange(moved_, false)) {
+        current_->sync();
+        std::this_thread::sleep_for(kPointerSettle);
+    }
+    current_->setButton(kLeftButton, pressed);
+    buttonHeld_ = pressed;
 }
 
 bool GnomeInputInjector::layoutTypes(std::uint32_t keysym) const {

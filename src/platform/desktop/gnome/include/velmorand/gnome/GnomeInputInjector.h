@@ -48,6 +48,8 @@ class GnomeInputInjector : public InputInjector {
     std::string pending_;
     std::vector<std::uint32_t> heldKeysyms_;
     bool buttonHeld_ = false;
+    // The pointer moved since the last press.
+    bool moved_ = false;
 };
 
 }  // namespace velmorand
