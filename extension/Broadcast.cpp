@@ -49,6 +49,7 @@ void Broadcast::begin(const RelayBase& base, const StreamConfig& start) {
 
 void Broadcast::needStream(const std::optional<std::string>& prefer) {
     notices_.write("need_stream", EventLines::needStream(prefer));
+    streamWanted_ = true;
     if (cannotStream_) {
         return;
     }
@@ -62,14 +63,58 @@ void Broadcast::needStream(const std::optional<std::string>& prefer) {
         stream_->requestKeyFrame();
         return;
     }
-    auto opened = openStream_(settings_->config(), streamEvents());
-    if (auto* reason = std::get_if<std::string>(&opened)) {
+    if (reopen_) {
+        return;  // a stream that was lost is being opened again
+    }
+    if (auto reason = openStream()) {
         cannotStream_ = true;
         log_.write(EventLines::streamUnavailable(*reason));
-        return;
+    }
+}
+
+std::optional<std::string> Broadcast::openStream() {
+    auto opened = openStream_(settings_->config(), streamEvents());
+    if (auto* reason = std::get_if<std::string>(&opened)) {
+        return *reason;
     }
     stream_ = std::move(std::get<std::unique_ptr<ScreenStream>>(opened));
+    streamOpenedAt_ = clock_();
     log_.write(EventLines::streamSettings(settings_->config().encode));
+    return std::nullopt;
+}
+
+void Broadcast::streamStopped() {
+    // A stopped stream resumes only when asked; one whose capture ended (the compositor
+    // restarted, the display went) needs a capture of its own again. One that keeps stopping
+    // soon after it opened is opened less and less often.
+    stream_.reset();
+    if (clock_() - streamOpenedAt_ >= kGoodStreamRun) {
+        reopenDelay_ = kFirstReopenDelay;
+    }
+    scheduleReopen();
+}
+
+void Broadcast::scheduleReopen() {
+    if (!streamWanted_ || reopen_) {
+        return;
+    }
+    reopen_ = mainQueue_.postAfter(reopenDelay_, [self = std::weak_ptr<Broadcast*>(self_)] {
+        const auto alive = self.lock();
+        if (!alive) {
+            return;
+        }
+        Broadcast& broadcast = **alive;
+        broadcast.reopen_.reset();
+        if (broadcast.stream_ || !broadcast.streamWanted_) {
+            return;
+        }
+        const auto failed = broadcast.openStream();
+        broadcast.reopenDelay_ = std::min(kLongestReopenDelay, broadcast.reopenDelay_ * 2);
+        if (failed) {
+            broadcast.log_.write(EventLines::streamReopenFailed(*failed, broadcast.reopenDelay_));
+            broadcast.scheduleReopen();
+        }
+    });
 }
 
 void Broadcast::applySettings() {
@@ -111,8 +156,14 @@ ScreenStream::Events Broadcast::streamEvents() {
                 });
             },
         .onStopped =
-            [&log = log_](const std::string& description) {
+            [&log = log_, &mainQueue = mainQueue_,
+             self = std::weak_ptr<Broadcast*>(self_)](const std::string& description) {
                 log.write(EventLines::streamStopped(description));
+                mainQueue.post([self] {
+                    if (const auto alive = self.lock()) {
+                        (*alive)->streamStopped();
+                    }
+                });
             },
     };
 }
@@ -137,8 +188,11 @@ void Broadcast::attach() {
     };
     client_.onStreamControl = [this](bool streaming) {
         notices_.write("stream_control", EventLines::streamControl(streaming));
+        streamWanted_ = streaming;
         if (stream_) {
             stream_->setStreaming(streaming);
+        } else if (streaming) {
+            scheduleReopen();
         }
         if (!streaming) {
             endCommands("the last viewer left");

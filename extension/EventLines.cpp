@@ -220,6 +220,12 @@ std::string EventLines::streamStopped(const std::string& description) {
     return "stream: stopped — " + description;
 }
 
+std::string EventLines::streamReopenFailed(const std::string& why,
+                                           std::chrono::duration<double> next) {
+    return "stream: cannot capture the screen again (" + why + ") — trying again in " +
+           std::to_string(std::lround(next.count())) + " s";
+}
+
 std::string EventLines::slowedDown(std::int64_t decodeQueue, double lossPct, std::int64_t fromFps,
                                    std::int64_t toFps) {
     return "stream: a viewer is falling behind (decode queue " + std::to_string(decodeQueue) +

@@ -92,6 +92,7 @@ export class Desktop {
 
   // The recorder ends with this process: its standard input closes.
   async startRecorder() {
+    const since = this.events.length;
     const recorder = this.wayland
       ? start(this.children, this.paths.recorder, [], {
         stdio: ["pipe", "pipe", "pipe"],
@@ -114,12 +115,36 @@ export class Desktop {
     });
     this.recorder = recorder;
     await waitFor("the recorder's window", () => {
-      const error = this.events.find((event) => event.event === "error");
+      const error = this.events.slice(since).find((event) => event.event === "error");
       if (error || recorder.exitCode !== null) {
         throw new Error(`the recorder failed: ${error?.what ?? recorder.output}`);
       }
-      return this.events.some((event) => event.event === "ready");
+      return this.events.slice(since).some((event) => event.event === "ready");
     });
+  }
+
+  // Restarts the compositor of the Wayland session the test runs in (tests/wayland/
+  // headless-gnome), as a crash and a restart would; the recorder goes with it and starts again.
+  async restartCompositor() {
+    const session = Number(process.env.VELMORAND_HEADLESS_GNOME_PID);
+    if (!this.wayland || !session) {
+      throw new Error("only a headless GNOME session's compositor can be restarted");
+    }
+    process.kill(session, "SIGUSR1");
+    await waitFor("the recorder to go with the compositor", () => this.recorder.exitCode !== null ||
+      this.recorder.signalCode !== null);
+    // The new compositor takes a moment to listen.
+    const deadline = Date.now() + 15_000;
+    for (;;) {
+      try {
+        return await this.startRecorder();
+      } catch (error) {
+        if (Date.now() > deadline) {
+          throw error;
+        }
+        await sleep(200);
+      }
+    }
   }
 
   tellRecorder(command) {

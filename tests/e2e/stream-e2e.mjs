@@ -479,6 +479,14 @@ async function startExtensionDevice({ base }) {
     colours: patternFor,
     // The recorder turns its pattern once H.264 frames come: the screen changes, so new ones come.
     showPatternFor: (codec) => codec === "h264" && desktop.tellRecorder("turn"),
+    restartCompositor: desktop.wayland
+      ? async () => {
+        await desktop.restartCompositor();
+        desktop.tellRecorder("turn");
+        desktop.tellRecorder("animate on");
+      }
+      : null,
+    logLines: () => desktop.logLines(),
     close() {},
     report: () => desktop.report(),
   };
@@ -654,6 +662,21 @@ async function run() {
   await waitFor("frames again", async () => (await relay()).frames.received > later);
   await page.waitForFunction(() => Number(document.getElementById("stream-fps").dataset.value) > 0);
   ok("Start streaming starts them again");
+
+  if (device.restartCompositor) {
+    const logged = device.logLines().length;
+    await device.restartCompositor();
+    const since = () => device.logLines().slice(logged);
+    await waitFor("the capture's end in extension.log", () =>
+      since().some((line) => line.startsWith("stream: stopped — ")), 15_000);
+    await waitFor("a new stream in extension.log", () =>
+      since().some((line) => /^stream: new h264 stream, 960x540 from a 1920x1080 screen$/.test(line)), 20_000);
+    const received = (await relay()).frames.received;
+    await waitFor("frames from the new stream", async () => (await relay()).frames.received > received);
+    await expectPattern("h264");
+    ok(`the compositor restarts: ${since().find((line) => line.startsWith("stream: stopped — "))}, ` +
+      "and the picture comes back");
+  }
 
   if (opts.screenshot) {
     await page.screenshot({ path: opts.screenshot, fullPage: true });

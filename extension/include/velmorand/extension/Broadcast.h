@@ -14,9 +14,10 @@
 #include "velmorand/stream/LiveSettings.h"
 #include "velmorand/stream/ScreenStream.h"
 
+#include "velmorand/platform/MainQueue.h"
+
 namespace velmorand {
 class Log;
-class MainQueue;
 class RelayClient;
 }  // namespace velmorand
 
@@ -35,6 +36,11 @@ class Broadcast {
         std::function<std::variant<std::shared_ptr<RemoteControl>, std::string>(
             RemoteControl::Report report)>;
     using Clock = LiveSettings::Clock;
+    // A stream whose capture ended is opened again after this, doubling while it fails.
+    static constexpr MainQueue::Duration kFirstReopenDelay{2.0};
+    static constexpr MainQueue::Duration kLongestReopenDelay{30.0};
+    // A stream that ran this long before it stopped is opened again after the shortest delay.
+    static constexpr std::chrono::seconds kGoodStreamRun{60};
 
     struct Services {
         RelayClient& client;
@@ -61,6 +67,11 @@ class Broadcast {
   private:
     void attach();
     void needStream(const std::optional<std::string>& prefer);
+    // Why the stream could not be opened; absent when it was.
+    std::optional<std::string> openStream();
+    // On the main queue, after the stream stopped by itself.
+    void streamStopped();
+    void scheduleReopen();
     // Hands the live settings to the stream, if there is one, and logs them.
     void applySettings();
     // The viewers are gone: what they asked for and has not been done yet is dropped.
@@ -80,6 +91,11 @@ class Broadcast {
     std::unique_ptr<ScreenStream> stream_;
     // Set once opening the stream failed: the reason is logged once, and not tried again.
     bool cannotStream_ = false;
+    // Viewers want the stream: it was asked for and not stopped since.
+    bool streamWanted_ = false;
+    std::shared_ptr<WorkItem> reopen_;
+    MainQueue::Duration reopenDelay_ = kFirstReopenDelay;
+    Clock::time_point streamOpenedAt_;
     std::uint64_t qosReports_ = 0;
     bool stopping_ = false;
     // Work posted from the stream's thread runs only while the broadcast exists.

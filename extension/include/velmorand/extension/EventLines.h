@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -67,6 +68,9 @@ class EventLines {
     static std::string streamUnavailable(const std::string& reason);
     static std::string h264Failed(const std::string& description);
     static std::string streamStopped(const std::string& description);
+    // "stream: cannot open the screen again (why) — trying again in 4 s".
+    static std::string streamReopenFailed(const std::string& why,
+                                          std::chrono::duration<double> next);
     static std::string slowedDown(std::int64_t decodeQueue, double lossPct, std::int64_t fromFps,
                                   std::int64_t toFps);
     static std::string restored(std::int64_t fps);

@@ -185,8 +185,11 @@ std::variant<std::unique_ptr<ScreenCapture>, CaptureError> PipeWireScreenCapture
             spa_pod_builder builder{};
             spa_pod_builder_init(&builder, bytes, sizeof bytes);
             const spa_pod* params[] = {formats(builder)};
+            // When the compositor's node goes (it ended the cast, or died), so does the capture:
+            // linked to some other source instead, it would show something else.
             const auto flags = static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT |
-                                                            PW_STREAM_FLAG_MAP_BUFFERS);
+                                                            PW_STREAM_FLAG_MAP_BUFFERS |
+                                                            PW_STREAM_FLAG_DONT_RECONNECT);
             if (pw_stream_connect(loop.stream, PW_DIRECTION_INPUT, node, flags, params, 1) < 0) {
                 failed = CaptureError{"cannot connect to the screen cast's PipeWire node"};
             }
