@@ -1,3 +1,4 @@
+#include "velmorand/extension/DesktopChoice.h"
 #include "velmorand/extension/ExtensionOptions.h"
 #include "velmorand/extension/Supervisor.h"
 
@@ -32,6 +33,35 @@ TEST(ExtensionOptionsTest, DelaysMustBePositiveFiniteAndOrderedAndHelpAndVersion
     const auto version = std::get<ExtensionOptions::Exit>(parse({"--version"}));
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.text, "velmorand-broadcast 1.2.3\n");
+}
+
+// A Wayland session never falls back to X11: its X server is Xwayland, with a few X windows only.
+TEST(DesktopChoiceTest, TheSessionDecidesUnlessThePersonDoes) {
+    using B = DesktopBackend;
+    using Backends = std::vector<DesktopBackend>;
+    struct Row {
+        DesktopFacts facts;
+        std::variant<Backends, std::string> chosen;
+    };
+    const Row rows[] = {
+        {{std::nullopt, "x11", false, true}, Backends{B::x11}},
+        {{std::nullopt, "wayland", true, true}, Backends{B::gnome, B::portal}},
+        {{std::nullopt, "", true, true}, Backends{B::gnome, B::portal}},
+        {{std::nullopt, "wayland", false, true}, Backends{B::gnome, B::portal}},
+        {{"auto", "tty", false, true}, Backends{B::x11}},
+        {{"x11", "wayland", true, true}, Backends{B::x11}},
+        {{"portal", "x11", false, true}, Backends{B::portal}},
+        {{"gnome", "", false, false}, Backends{B::gnome}},
+        {{std::nullopt, "", false, false},
+         std::string("no desktop to capture: neither a Wayland session (XDG_SESSION_TYPE, "
+                     "WAYLAND_DISPLAY) nor an X11 display (DISPLAY)")},
+        {{"kde", "wayland", true, false},
+         std::string("unknown desktop \"kde\": choose x11, gnome, portal or auto")},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(backendsFor(row.facts), row.chosen)
+            << row.facts.forced.value_or("-") << " " << row.facts.sessionType;
+    }
 }
 
 // Crashes in a row wait longer and longer; a minute of good running starts the count again.
