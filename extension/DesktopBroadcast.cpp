@@ -10,10 +10,12 @@
 #include "velmorand/codec/X264CompressionSession.h"
 #include "velmorand/dbus/DBusSession.h"
 #include "velmorand/gio/GioDesktopShell.h"
-#include "velmorand/gnome/GnomeClipboard.h"
-#include "velmorand/gnome/GnomeInputInjector.h"
 #include "velmorand/gnome/GnomeRemoteDesktop.h"
 #include "velmorand/pipewire/PipeWireScreenCapture.h"
+#include "velmorand/platform/Log.h"
+#include "velmorand/portal/PortalRemoteDesktop.h"
+#include "velmorand/wayland/WaylandClipboard.h"
+#include "velmorand/wayland/WaylandInputInjector.h"
 #include "velmorand/wayland/WaylandKeymap.h"
 #include "velmorand/x11/XcbClipboard.h"
 #include "velmorand/x11/XcbInputInjector.h"
@@ -68,13 +70,24 @@ Remote x11Remote() {
     return services;
 }
 
-// GNOME's remote-desktop session, shared by the capture and the remote control, and opened again
-// when the compositor has closed it (it restarted, or ended the session).
-class GnomeSessions {
+template <typename Session>
+using Opened = std::variant<std::shared_ptr<Session>, std::string>;
+
+// A compositor's remote-desktop session (GNOME's own, or the portal's), shared by the capture
+// and the remote control, and opened again once the compositor has closed it (it restarted, or
+// ended the session).
+template <typename Session>
+class Sessions {
   public:
-    std::variant<std::shared_ptr<GnomeRemoteDesktop>, std::string> current() {
+    using Open = std::function<Opened<Session>(const std::shared_ptr<DBusSession>& bus,
+                                               bool forRemoteControl)>;
+
+    explicit Sessions(Open open) : open_(std::move(open)) {}
+
+    // The session in use, or a new one: for remote control, one that has the input too.
+    Opened<Session> current(bool forRemoteControl) {
         std::lock_guard lock(mutex_);
-        if (session_ && !session_->closed()) {
+        if (session_ && !session_->closed() && (!forRemoteControl || hasInput_)) {
             return session_;
         }
         session_.reset();
@@ -85,53 +98,91 @@ class GnomeSessions {
             }
             bus_ = std::get<std::shared_ptr<DBusSession>>(std::move(connected));
         }
-        auto opened = GnomeRemoteDesktop::open(bus_);
+        auto opened = open_(bus_, forRemoteControl);
         if (auto* error = std::get_if<std::string>(&opened)) {
             return *error;
         }
-        session_ = std::get<std::shared_ptr<GnomeRemoteDesktop>>(std::move(opened));
+        session_ = std::get<std::shared_ptr<Session>>(std::move(opened));
+        hasInput_ = forRemoteControl;
         return session_;
     }
 
   private:
+    Open open_;
     std::mutex mutex_;
     std::shared_ptr<DBusSession> bus_;
-    std::shared_ptr<GnomeRemoteDesktop> session_;
+    std::shared_ptr<Session> session_;
+    bool hasInput_ = false;
 };
 
-Capture gnomeCapture(GnomeSessions& sessions) {
-    auto session = sessions.current();
+template <typename Session>
+Capture waylandCapture(Sessions<Session>& sessions) {
+    auto session = sessions.current(false);
     if (auto* error = std::get_if<std::string>(&session)) {
         return *error;
     }
-    auto opened = PipeWireScreenCapture::open(
-        -1, std::get<std::shared_ptr<GnomeRemoteDesktop>>(session)->pipeWireNode());
+    auto& open = *std::get<std::shared_ptr<Session>>(session);
+    std::variant<std::unique_ptr<ScreenCapture>, CaptureError> opened =
+        CaptureError{"no PipeWire connection for the screen cast"};
+    if constexpr (std::is_same_v<Session, PortalRemoteDesktop>) {
+        if (const int remote = open.openPipeWireRemote(); remote >= 0) {
+            opened = PipeWireScreenCapture::open(remote, open.grant().node);
+        }
+    } else {
+        opened = PipeWireScreenCapture::open(-1, open.pipeWireNode());
+    }
     if (auto* error = std::get_if<CaptureError>(&opened)) {
         return error->description;
     }
     return std::move(std::get<std::unique_ptr<ScreenCapture>>(opened));
 }
 
-Remote gnomeRemote(const std::shared_ptr<GnomeSessions>& sessions) {
-    auto session = sessions->current();
+template <typename Session>
+Remote waylandRemote(const std::shared_ptr<Sessions<Session>>& sessions) {
+    auto session = sessions->current(true);
     if (auto* error = std::get_if<std::string>(&session)) {
         return *error;
     }
-    const GnomeInputInjector::Session current =
-        [sessions]() -> std::shared_ptr<GnomeRemoteDesktop> {
-        auto now = sessions->current();
-        auto* open = std::get_if<std::shared_ptr<GnomeRemoteDesktop>>(&now);
+    const WaylandInputInjector::Session current =
+        [sessions]() -> std::shared_ptr<RemoteDesktopSession> {
+        auto now = sessions->current(true);
+        auto* open = std::get_if<std::shared_ptr<Session>>(&now);
         return open != nullptr ? *open : nullptr;
     };
     // Read once the session has started: the seat has a keyboard only from then on.
     auto keymap = WaylandKeymap::read();
     auto* layout = std::get_if<WaylandKeymap>(&keymap);
     RemoteDesktop services;
-    services.input = std::make_unique<GnomeInputInjector>(
+    services.input = std::make_unique<WaylandInputInjector>(
         current, layout != nullptr ? std::optional(std::move(*layout)) : std::nullopt);
-    services.clipboard = std::make_unique<GnomeClipboard>(current);
+    services.clipboard = std::make_unique<WaylandClipboard>(current);
     services.windows = std::make_unique<NoWindowCloser>();
     return services;
+}
+
+// The portal asks the person at the device; a screen cast's grant is kept for the next time.
+Sessions<PortalRemoteDesktop>::Open portalOpener(Log& log, PortalGrantStore grants) {
+    return
+        [&log, grants = std::move(grants)](const std::shared_ptr<DBusSession>& bus,
+                                           bool forRemoteControl) -> Opened<PortalRemoteDesktop> {
+            PortalRemoteDesktop::Options options;
+            options.input = forRemoteControl;
+            options.restoreToken = forRemoteControl ? std::nullopt : grants.load();
+            log.write(forRemoteControl
+                          ? "portal: asking the person at the device to share the screen and allow "
+                            "remote control (the portal asks at every broadcast start: it does not "
+                            "keep that answer)"
+                      : options.restoreToken
+                          ? "portal: sharing the screen as the person at the device allowed before"
+                          : "portal: asking the person at the device to share the screen");
+            auto opened = PortalRemoteDesktop::open(bus, options);
+            if (auto* session = std::get_if<std::shared_ptr<PortalRemoteDesktop>>(&opened)) {
+                if (const auto& token = (*session)->grant().restoreToken) {
+                    grants.save(*token);
+                }
+            }
+            return opened;
+        };
 }
 
 // Tries each backend in turn; the first that opens wins, else one line names what each lacked.
@@ -170,7 +221,8 @@ DesktopFacts desktopFacts(const std::optional<std::string>& forced) {
     return facts;
 }
 
-DesktopServices desktopServices(const DesktopFacts& facts, FrameSink& sink) {
+DesktopServices desktopServices(const DesktopFacts& facts, FrameSink& sink, Log& log,
+                                PortalGrantStore grants) {
     auto chosen = backendsFor(facts);
     if (auto* reason = std::get_if<std::string>(&chosen)) {
         return {
@@ -181,19 +233,24 @@ DesktopServices desktopServices(const DesktopFacts& facts, FrameSink& sink) {
         };
     }
     const auto backends = std::get<std::vector<DesktopBackend>>(std::move(chosen));
-    auto gnome = std::make_shared<GnomeSessions>();
+    auto gnome = std::make_shared<Sessions<GnomeRemoteDesktop>>(
+        [](const std::shared_ptr<DBusSession>& bus, bool) {
+            return GnomeRemoteDesktop::open(bus);
+        });
+    auto portal =
+        std::make_shared<Sessions<PortalRemoteDesktop>>(portalOpener(log, std::move(grants)));
 
-    auto openStream = [backends, gnome, &sink](const StreamConfig& config,
-                                               ScreenStream::Events events)
+    auto openStream = [backends, gnome, portal, &sink](const StreamConfig& config,
+                                                       ScreenStream::Events events)
         -> std::variant<std::unique_ptr<ScreenStream>, std::string> {
         auto capture = firstThatOpens<Capture>(backends, [&](DesktopBackend backend) -> Capture {
             switch (backend) {
                 case DesktopBackend::x11:
                     return x11Capture();
                 case DesktopBackend::gnome:
-                    return gnomeCapture(*gnome);
+                    return waylandCapture(*gnome);
                 case DesktopBackend::portal:
-                    return std::string("not built into this version");
+                    return waylandCapture(*portal);
             }
             return std::string("unknown backend");
         });
@@ -211,16 +268,16 @@ DesktopServices desktopServices(const DesktopFacts& facts, FrameSink& sink) {
             std::move(events), config);
     };
 
-    auto openRemoteControl = [backends, gnome](RemoteControl::Report report)
+    auto openRemoteControl = [backends, gnome, portal](RemoteControl::Report report)
         -> std::variant<std::shared_ptr<RemoteControl>, std::string> {
         auto remote = firstThatOpens<Remote>(backends, [&](DesktopBackend backend) -> Remote {
             switch (backend) {
                 case DesktopBackend::x11:
                     return x11Remote();
                 case DesktopBackend::gnome:
-                    return gnomeRemote(gnome);
+                    return waylandRemote(gnome);
                 case DesktopBackend::portal:
-                    return std::string("not built into this version");
+                    return waylandRemote(portal);
             }
             return std::string("unknown backend");
         });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,10 +18,18 @@ struct DesktopServices {
     Broadcast::RemoteControlOpener openRemoteControl;
 };
 
+// Where the portal's grant of a screen cast is kept between broadcasts, so that the person at the
+// device is asked once.
+struct PortalGrantStore {
+    std::function<std::optional<std::string>()> load;
+    std::function<void(const std::string&)> save;
+};
+
 // The backends `facts` call for, tried in order when the stream or the remote control first
-// opens; a backend's session (GNOME's) is shared by both, and opened again once the compositor
-// has closed it.
-DesktopServices desktopServices(const DesktopFacts& facts, FrameSink& sink);
+// opens; a backend's session (GNOME's, the portal's) is shared by both, and opened again once the
+// compositor has closed it. `log` hears what the person at the device is asked.
+DesktopServices desktopServices(const DesktopFacts& facts, FrameSink& sink, Log& log,
+                                PortalGrantStore grants);
 
 // The facts of this process's session: `forced` (the --desktop option) else VELMORAND_DESKTOP,
 // and the session's environment.

@@ -18,6 +18,7 @@
 #include "velmorand/config/RelayBase.h"
 #include "velmorand/config/SharedConfig.h"
 #include "velmorand/desktop/DesktopEnvironment.h"
+#include "velmorand/desktop/PlistSettingsStore.h"
 #include "velmorand/desktop/StderrLog.h"
 #include "velmorand/extension/Broadcast.h"
 #include "velmorand/extension/EventLines.h"
@@ -37,6 +38,9 @@ namespace {
 using namespace velmorand;
 using namespace velmorand::extension;
 
+// The portal's restore token for the screen cast it granted.
+constexpr std::string_view kPortalGrantKey = "portalRestoreToken";
+
 // The extension lives at <bundle>/PlugIns/<name>.appex/<program>.
 std::filesystem::path bundleAroundProgram() {
     std::error_code error;
@@ -46,7 +50,8 @@ std::filesystem::path bundleAroundProgram() {
 
 // One broadcast, until it is stopped or the relay refuses its token; in the supervisor's child.
 int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& log,
-                 const SharedConfig::Values& values, const RelayBase& base) {
+                 const SharedConfig::Values& values, const RelayBase& base,
+                 PortalGrantStore grants) {
     QCoreApplication application(argc, argv);
     QtMainQueue mainQueue;
     auto client =
@@ -57,7 +62,7 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& lo
                                                 .random = {}});
     client->setReconnectPolicy(options.reconnect);
     RelayFrameSink frames(*client);
-    auto desktop = desktopServices(desktopFacts(options.desktop), frames);
+    auto desktop = desktopServices(desktopFacts(options.desktop), frames, log, std::move(grants));
     Broadcast broadcast(
         {.client = *client,
          .log = log,
@@ -116,8 +121,19 @@ int runExtension(int argc, char** argv, const ExtensionOptions& options) {
         log.write(EventLines::relayRefused(base->url, *refusal));
         return 1;
     }
-    return Supervisor().run(log,
-                            [&] { return runBroadcast(argc, argv, options, log, values, *base); });
+    // The extension's own settings, beside the shared store in the group container.
+    PlistSettingsStore own(*container / "Library" / "Preferences" /
+                           "co.velmorand.connect.broadcast.plist");
+    const PortalGrantStore grants{
+        .load = [&own] { return own.string(kPortalGrantKey); },
+        .save =
+            [&own](const std::string& token) {
+                own.setObject(kPortalGrantKey, StoredValue(token));
+                own.synchronize();
+            },
+    };
+    return Supervisor().run(
+        log, [&] { return runBroadcast(argc, argv, options, log, values, *base, grants); });
 }
 
 }  // namespace

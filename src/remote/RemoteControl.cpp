@@ -425,7 +425,11 @@ Outcome RemoteControl::killApp(const std::string& id) {
         return refused("no installed application has this id");
     }
     classes->push_back(entry->substr(0, entry->size() - std::string_view(".desktop").size()));
-    const std::size_t asked = services_.windows.closeWindows(*classes);
+    const auto closing = services_.windows.closeWindows(*classes);
+    if (!closing) {
+        return refused("this desktop offers no way to ask its windows to close");
+    }
+    const std::size_t asked = *closing;
     return done(asked == 0   ? std::string("no open window")
                 : asked == 1 ? std::string("1 window asked to close")
                              : std::to_string(asked) + " windows asked to close");
@@ -434,6 +438,9 @@ Outcome RemoteControl::killApp(const std::string& id) {
 Outcome RemoteControl::setClipboard(const std::string& text) {
     if (text.size() > kMaxClipboardBytes) {
         return refused("larger than 1 MiB");
+    }
+    if (!services_.clipboard.available()) {
+        return refused("this desktop offers no clipboard to set");
     }
     services_.clipboard.setString(text);
     return done();

@@ -45,11 +45,13 @@ export function stopAll(children) {
 export class Desktop {
   // paths: cli, broadcast, bundle, recorder; work: a directory of the test's own; wayland: the
   // session's own compositor rather than an X server of the test's.
-  constructor({ children, paths, work, screen, wayland = false }) {
+  // backend: the extension's --desktop, when the test chooses.
+  constructor({ children, paths, work, screen, wayland = false, backend = null }) {
     this.children = children;
     this.paths = paths;
     this.screen = screen;
     this.wayland = wayland;
+    this.backend = backend;
     this.dataDir = path.join(work, "data");
     fs.mkdirSync(this.dataDir, { recursive: true });
     this.logPath = path.join(this.dataDir, "Group Containers", kGroup, "extension.log");
@@ -167,7 +169,8 @@ export class Desktop {
 
   // As the application does: detached, with its data and bundle directories; on this display.
   startExtension({ viewOnly = false } = {}) {
-    const args = ["--data-dir", this.dataDir, "--bundle-dir", this.paths.bundle, "--min-delay", "0.2", "--max-delay", "1"];
+    const args = ["--data-dir", this.dataDir, "--bundle-dir", this.paths.bundle, "--min-delay", "0.2", "--max-delay", "1",
+      ...(this.backend ? ["--desktop", this.backend] : [])];
     // On Wayland, an X server of its own in the environment (Xwayland's place) must not lead it
     // astray.
     const extension = start(this.children, this.paths.broadcast, viewOnly ? [...args, "--view-only"] : args, {
@@ -197,6 +200,18 @@ export class Desktop {
       throw new Error(`xmodmap failed (${result.status ?? result.error}): ${result.stderr}`);
     }
     return result.stdout.split("\n").filter((line) => line.split(/\s+/).includes(keysym)).length;
+  }
+
+  // The person at the device answering the desktop portal's dialog (tests/wayland/PortalConsent):
+  // resolves once it has pressed Share.
+  async consentToPortal({ remoteInteraction = false } = {}) {
+    const person = start(this.children, this.paths.consent,
+      [...(remoteInteraction ? ["--remote-interaction"] : []), "--timeout", "30",
+        ...(process.env.VELMORAND_CONSENT_DUMP ? ["--dump", process.env.VELMORAND_CONSENT_DUMP] : [])]);
+    const ended = await person.exited;
+    if (ended.code !== 0 || !person.output.includes("shared")) {
+      throw new Error(`the portal's dialog was not answered: ${person.output}`);
+    }
   }
 
   // The clipboard's text as a program on the desktop reads it: on Wayland the recorder's, which
@@ -240,6 +255,7 @@ export class Desktop {
   report() {
     return `--- Xvfb ${this.display} ---\n${this.xvfb?.output ?? ""}\n` +
       `--- recorder ---\n${this.recorder?.output ?? ""}\n` +
+      `--- recorder's last events ---\n${this.events.slice(-12).map((e) => JSON.stringify(e)).join("\n")}\n` +
       `--- extension output ---\n${this.extension?.output ?? ""}\n` +
       `--- extension.log ---\n${this.readLog()}`;
   }

@@ -7,8 +7,10 @@
 //   synthetic: a device written here, pairing as the extension does and drawing the pattern with
 //              Chromium's canvas and WebCodecs encoder.
 //   extension: the real velmorand-broadcast capturing an Xvfb screen (or the Wayland session the
-//              test runs in) on which the event recorder shows the pattern (needs --cli,
-//              --broadcast, --bundle, --recorder).
+//              test runs in: --desktop wayland, or portal through the desktop portal, whose dialog
+//              --consent answers; --view-only asks it for the screen alone, a grant it keeps) on
+//              which the event recorder shows the pattern (needs --cli, --broadcast, --bundle,
+//              --recorder).
 import crypto from "node:crypto";
 import { spawn } from "node:child_process";
 import { EventEmitter } from "node:events";
@@ -40,6 +42,8 @@ const { values: opts } = parseArgs({
     bundle: { type: "string" },
     recorder: { type: "string" },
     desktop: { type: "string", default: "x11" },
+    consent: { type: "string" },
+    "view-only": { type: "boolean", default: false },
     screenshot: { type: "string" },
   },
 });
@@ -459,16 +463,26 @@ async function startExtensionDevice({ base }) {
   tempDirs.push(work);
   const desktop = new Desktop({
     children,
-    paths: { cli: opts.cli, broadcast: opts.broadcast, bundle: opts.bundle, recorder: opts.recorder },
+    paths: { cli: opts.cli, broadcast: opts.broadcast, bundle: opts.bundle, recorder: opts.recorder,
+      consent: opts.consent },
     work,
     screen: kDesktopScreen,
-    wayland: opts.desktop === "wayland",
+    wayland: opts.desktop !== "x11",
+    backend: opts.desktop === "portal" ? "portal" : null,
   });
   await desktop.startDesktop();
   await desktop.startRecorder();
   desktop.tellRecorder("animate on");
   desktop.pair(base);
-  desktop.startExtension();
+  desktop.startExtension({ viewOnly: opts["view-only"] });
+  // The extension opens its remote control as it starts: the portal asks for the screen and the
+  // keyboard and pointer together; view-only, for the screen once a viewer asks for it.
+  const consented = opts.desktop === "portal"
+    ? desktop.consentToPortal({ remoteInteraction: !opts["view-only"] })
+    : Promise.resolve();
+  if (!opts["view-only"]) {
+    await consented;
+  }
   return {
     name: "extension",
     screen: kDesktopScreen,
@@ -479,7 +493,9 @@ async function startExtensionDevice({ base }) {
     colours: patternFor,
     // The recorder turns its pattern once H.264 frames come: the screen changes, so new ones come.
     showPatternFor: (codec) => codec === "h264" && desktop.tellRecorder("turn"),
-    restartCompositor: desktop.wayland
+    desktop,
+    consented,
+    restartCompositor: opts.desktop === "wayland"
       ? async () => {
         await desktop.restartCompositor();
         desktop.tellRecorder("turn");
@@ -531,9 +547,11 @@ async function expectPattern(codec) {
   const matches = (colours) => colours.every((colour, i) => nearest(colour) === expected[i] &&
     Math.hypot(...colour.map((c, j) => c - expected[i][j])) < 60);
   let seen = [];
-  await waitFor(`the ${codec} pattern on the canvas (last seen ${JSON.stringify(seen)})`, async () => {
+  await waitFor(`the ${codec} pattern on the canvas`, async () => {
     seen = await quadrants();
     return matches(seen);
+  }).catch((error) => {
+    throw new Error(`${error.message} (last seen ${JSON.stringify(seen)})`);
   });
   return seen;
 }
@@ -577,6 +595,7 @@ async function run() {
   });
   const response = await page.goto(`${base}/`);
   check(response.status() === 200, `GET / answered ${response.status()}`);
+  await device.consented;
   await waitHeard(0, "need_stream");
   ok("the viewer joining asks the device to stream");
 
@@ -597,6 +616,7 @@ async function run() {
   check(point?.x === width * 0.75 && point?.y === height * 0.25,
     `the canvas maps (75 %, 25 %) to ${JSON.stringify(point)}`);
   ok("a point on the canvas maps to screen pixels");
+
 
   const settings = page.getByRole("group", { name: "Encode settings", exact: true });
   let since = device.heard.length;
@@ -630,6 +650,7 @@ async function run() {
   await page.waitForFunction((before) =>
     Number(document.getElementById("stream-keyframes").dataset.value) > before, keyFrames);
   ok("Request key frame reaches the device, and a key frame follows");
+
 
   if (device.skipSequence) {
     since = device.heard.length;
@@ -676,6 +697,23 @@ async function run() {
     await expectPattern("h264");
     ok(`the compositor restarts: ${since().find((line) => line.startsWith("stream: stopped — "))}, ` +
       "and the picture comes back");
+  }
+
+
+  if (opts.desktop === "portal" && opts["view-only"]) {
+    // A screen cast alone is a grant the portal keeps: the next broadcast shares without asking.
+    const { desktop } = device;
+    await desktop.stopExtension();
+    const logged = desktop.logLines().length;
+    const received = (await relay()).frames.received;
+    desktop.startExtension({ viewOnly: true });
+    await waitFor("frames from the next broadcast, nobody asked", async () =>
+      (await relay()).frames.received > received, 20_000);
+    const said = desktop.logLines().slice(logged).filter((line) => line.startsWith("portal: "));
+    check(JSON.stringify(said) === JSON.stringify(
+      ["portal: sharing the screen as the person at the device allowed before"]),
+    `the next broadcast logged ${JSON.stringify(said)}`);
+    ok("the portal's grant is kept: the next broadcast shares the screen without asking");
   }
 
   if (opts.screenshot) {

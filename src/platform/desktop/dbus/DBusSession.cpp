@@ -171,6 +171,15 @@ std::optional<std::string> DBusSession::owner(const std::string& bus) {
     return std::string(name);
 }
 
+std::optional<std::string> DBusSession::startedOwner(const std::string& bus) {
+    if (auto running = owner(bus)) {
+        return running;
+    }
+    call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+         "StartServiceByName", g_variant_new("(su)", bus.c_str(), 0U), std::chrono::seconds(25));
+    return owner(bus);
+}
+
 std::string DBusSession::uniqueName() const {
     const char* name = g_dbus_connection_get_unique_name(connection_);
     return name != nullptr ? name : "";

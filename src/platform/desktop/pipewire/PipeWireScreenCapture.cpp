@@ -208,7 +208,7 @@ std::variant<std::unique_ptr<ScreenCapture>, CaptureError> PipeWireScreenCapture
         return CaptureError{*capture->ended_};
     }
     if (!arrived) {
-        return CaptureError{"the screen cast sent no picture within 5 s"};
+        return CaptureError{"the screen cast sent no picture within 10 s"};
     }
     lock.unlock();
     return std::unique_ptr<ScreenCapture>(std::move(capture));

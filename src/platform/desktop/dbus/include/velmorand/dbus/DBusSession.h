@@ -62,6 +62,8 @@ class DBusSession {
     bool hasOwner(const std::string& bus);
     // The unique name (":1.3") of the program that owns `bus` now; absent when none does.
     std::optional<std::string> owner(const std::string& bus);
+    // The same, having the bus start the program first when it starts it on demand.
+    std::optional<std::string> startedOwner(const std::string& bus);
     // This connection's unique name (":1.42").
     std::string uniqueName() const;
 

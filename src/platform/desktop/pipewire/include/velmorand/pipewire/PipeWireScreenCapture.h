@@ -21,7 +21,7 @@ namespace velmorand {
 class PipeWireScreenCapture : public ScreenCapture {
   public:
     // How long opening waits for the first picture.
-    static constexpr std::chrono::seconds kFirstFrameTimeout{5};
+    static constexpr std::chrono::seconds kFirstFrameTimeout{10};
 
     // `remote`: a PipeWire connection a portal handed out, which the capture takes over; -1 to
     // use the session's own PipeWire. `node`: the stream's node id. Returns once the first

@@ -1,4 +1,4 @@
-#include "velmorand/gnome/GnomeInputInjector.h"
+#include "velmorand/wayland/WaylandInputInjector.h"
 
 #include <xkbcommon/xkbcommon.h>
 
@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "velmorand/desktop/NamedKeysyms.h"
-#include "velmorand/gnome/GnomeRemoteDesktop.h"
+#include "velmorand/wayland/RemoteDesktopSession.h"
 
 namespace velmorand {
 namespace {
@@ -16,10 +16,6 @@ namespace {
 constexpr std::int32_t kLeftButton = 0x110;  // BTN_LEFT
 // How long a paste may take to reach the program that has the keyboard.
 constexpr auto kPasteTimeout = std::chrono::milliseconds(1000);
-// The compositor finds the surface under a pointer that has moved only at its next frame; a press
-// that comes before is lost (seen with mutter 43: a click right after the pointer entered a
-// window reached it as a release alone, and under load 20 ms was not always enough).
-constexpr auto kPointerSettle = std::chrono::milliseconds(60);
 
 void appendUtf8(std::string& out, char32_t c) {
     if (c < 0x80) {
@@ -41,10 +37,10 @@ void appendUtf8(std::string& out, char32_t c) {
 
 }  // namespace
 
-GnomeInputInjector::GnomeInputInjector(Session session, std::optional<WaylandKeymap> keymap)
+WaylandInputInjector::WaylandInputInjector(Session session, std::optional<WaylandKeymap> keymap)
     : session_(std::move(session)), keymap_(std::move(keymap)), current_(session_()) {}
 
-GnomeInputInjector::~GnomeInputInjector() {
+WaylandInputInjector::~WaylandInputInjector() {
     if (!current_ || current_->closed()) {
         return;
     }
@@ -57,7 +53,7 @@ GnomeInputInjector::~GnomeInputInjector() {
     current_->sync();
 }
 
-ScreenSize GnomeInputInjector::screenSize() {
+ScreenSize WaylandInputInjector::screenSize() {
     if (!current_ || current_->closed()) {
         // A restarted compositor: what was held went with the old session.
         current_ = session_();
@@ -67,7 +63,7 @@ ScreenSize GnomeInputInjector::screenSize() {
     return current_ ? current_->screenSize() : ScreenSize{};
 }
 
-void GnomeInputInjector::movePointer(int x, int y) {
+void WaylandInputInjector::movePointer(int x, int y) {
     if (current_) {
         // The middle of the pixel, which the compositor rounds down to it.
         current_->movePointer(x + 0.5, y + 0.5);
@@ -75,23 +71,23 @@ void GnomeInputInjector::movePointer(int x, int y) {
     }
 }
 
-void GnomeInputInjector::setLeftButton(bool pressed) {
+void WaylandInputInjector::setLeftButton(bool pressed) {
     if (!current_) {
         return;
     }
     if (pressed && std::exchange(moved_, false)) {
         current_->sync();
-        std::this_thread::sleep_for(kPointerSettle);
+        std::this_thread::sleep_for(current_->pointerSettle());
     }
     current_->setButton(kLeftButton, pressed);
     buttonHeld_ = pressed;
 }
 
-bool GnomeInputInjector::layoutTypes(std::uint32_t keysym) const {
+bool WaylandInputInjector::layoutTypes(std::uint32_t keysym) const {
     return !keymap_ || keymap_->types(keysym);
 }
 
-void GnomeInputInjector::setKey(NamedKey key, bool pressed) {
+void WaylandInputInjector::setKey(NamedKey key, bool pressed) {
     pastePending();
     if (!current_) {
         return;
@@ -112,12 +108,15 @@ void GnomeInputInjector::setKey(NamedKey key, bool pressed) {
     current_->setKeysym(chosen, pressed);
 }
 
-bool GnomeInputInjector::typeCharacter(char32_t character) {
+bool WaylandInputInjector::typeCharacter(char32_t character) {
     const std::uint32_t keysym = xkb_utf32_to_keysym(character);
     if (keysym == XKB_KEY_NoSymbol || !current_) {
         return false;
     }
     if (!layoutTypes(keysym)) {
+        if (!current_->hasClipboard()) {
+            return false;
+        }
         appendUtf8(pending_, character);
         return true;
     }
@@ -127,7 +126,7 @@ bool GnomeInputInjector::typeCharacter(char32_t character) {
     return true;
 }
 
-bool GnomeInputInjector::setCharacterKey(char32_t character, bool pressed) {
+bool WaylandInputInjector::setCharacterKey(char32_t character, bool pressed) {
     pastePending();
     const std::uint32_t keysym = xkb_utf32_to_keysym(character);
     if (keysym == XKB_KEY_NoSymbol || !current_ || !layoutTypes(keysym)) {
@@ -142,14 +141,14 @@ bool GnomeInputInjector::setCharacterKey(char32_t character, bool pressed) {
     return true;
 }
 
-void GnomeInputInjector::flush() {
+void WaylandInputInjector::flush() {
     pastePending();
     if (current_) {
         current_->sync();
     }
 }
 
-void GnomeInputInjector::pastePending() {
+void WaylandInputInjector::pastePending() {
     if (pending_.empty() || !current_) {
         pending_.clear();
         return;

@@ -12,22 +12,22 @@
 
 namespace velmorand {
 
-class GnomeRemoteDesktop;
+class RemoteDesktopSession;
 
-// Pointer and keyboard input on a GNOME Wayland desktop, through its compositor's remote-desktop
-// session: the pointer in the screen cast's coordinates, keys as keysyms. The compositor types
-// only the keysyms of its layout; characters it lacks (é on a US layout, €, CJK) are pasted
-// instead, through the session's own clipboard, a run at a time, and the clipboard's text is put
-// back afterwards.
-class GnomeInputInjector : public InputInjector {
+// Pointer and keyboard input on a Wayland desktop, through a remote-desktop session of its
+// compositor: the pointer in the screen cast's coordinates, keys as keysyms. The compositor types
+// only the keysyms of its layout; characters it lacks (é on a US layout, CJK) are pasted instead,
+// through the session's own clipboard, a run at a time, and the clipboard's text is put back
+// afterwards; a session without a clipboard cannot type them.
+class WaylandInputInjector : public InputInjector {
   public:
     // The session in use; a new one once the compositor has closed the last (after a restart).
-    using Session = std::function<std::shared_ptr<GnomeRemoteDesktop>()>;
+    using Session = std::function<std::shared_ptr<RemoteDesktopSession>()>;
 
     // `keymap`: the layout the compositor types with; absent if it could not be read (every
     // character is then sent as a keysym).
-    GnomeInputInjector(Session session, std::optional<WaylandKeymap> keymap);
-    ~GnomeInputInjector() override;
+    WaylandInputInjector(Session session, std::optional<WaylandKeymap> keymap);
+    ~WaylandInputInjector() override;
 
     ScreenSize screenSize() override;
     void movePointer(int x, int y) override;
@@ -43,7 +43,7 @@ class GnomeInputInjector : public InputInjector {
 
     Session session_;
     std::optional<WaylandKeymap> keymap_;
-    std::shared_ptr<GnomeRemoteDesktop> current_;
+    std::shared_ptr<RemoteDesktopSession> current_;
     // Characters the layout lacks, waiting to be pasted as one.
     std::string pending_;
     std::vector<std::uint32_t> heldKeysyms_;

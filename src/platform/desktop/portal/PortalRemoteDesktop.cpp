@@ -1,0 +1,279 @@
+#include "velmorand/portal/PortalRemoteDesktop.h"
+
+#include <gio/gio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <utility>
+
+#include "velmorand/dbus/DBusSession.h"
+
+namespace velmorand {
+namespace {
+
+constexpr const char* kPortal = "org.freedesktop.portal.Desktop";
+constexpr const char* kPortalPath = "/org/freedesktop/portal/desktop";
+constexpr const char* kScreenCast = "org.freedesktop.portal.ScreenCast";
+constexpr const char* kRemoteDesktop = "org.freedesktop.portal.RemoteDesktop";
+constexpr const char* kRequest = "org.freedesktop.portal.Request";
+constexpr const char* kSession = "org.freedesktop.portal.Session";
+constexpr std::uint32_t kMonitor = 1;
+constexpr std::uint32_t kCursorEmbedded = 2;
+constexpr std::uint32_t kKeyboardAndPointer = 3;
+// Kept until the grant is revoked, not only while this program runs.
+constexpr std::uint32_t kPersistUntilRevoked = 2;
+// The portal's own steps answer at once; only Start waits for the person.
+constexpr std::chrono::seconds kStepTimeout{10};
+
+GVariant* vardict(std::initializer_list<std::pair<const char*, GVariant*>> entries) {
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE_VARDICT);
+    for (const auto& [key, value] : entries) {
+        if (value != nullptr) {
+            g_variant_builder_add(&builder, "{sv}", key, value);
+        }
+    }
+    return g_variant_builder_end(&builder);
+}
+
+std::uint32_t version(DBusSession& bus, const char* interface) {
+    const auto value = bus.property(kPortal, kPortalPath, interface, "version");
+    const auto* variant = std::get_if<Variant>(&value);
+    return variant != nullptr && g_variant_is_of_type(variant->get(), G_VARIANT_TYPE_UINT32)
+               ? g_variant_get_uint32(variant->get())
+               : 0;
+}
+
+// One request to the portal: its answer comes later as a Response signal on a path this
+// connection can name in advance, and is subscribed to before the call is made.
+struct Answer {
+    std::uint32_t code = 2;
+    Variant results;
+};
+
+std::variant<Answer, std::string> request(DBusSession& bus, const std::string& portal,
+                                          const char* interface, const char* method,
+                                          const std::string& session, GVariant* options,
+                                          std::chrono::seconds timeout,
+                                          const char* parentWindow = nullptr) {
+    static std::atomic<unsigned> counter{0};
+    const std::string token = "velmorand" + std::to_string(++counter);
+    std::string sender = bus.uniqueName().substr(1);
+    std::replace(sender.begin(), sender.end(), '.', '_');
+    const std::string path = std::string(kPortalPath) + "/request/" + sender + "/" + token;
+
+    struct Waiting {
+        std::mutex mutex;
+        std::condition_variable came;
+        std::optional<Answer> answer;
+    };
+    auto waiting = std::make_shared<Waiting>();
+    const unsigned subscription =
+        bus.subscribe(portal, path, kRequest, "Response", [waiting](GVariant* arguments) {
+            Answer answer;
+            GVariant* results = nullptr;
+            g_variant_get(arguments, "(u@a{sv})", &answer.code, &results);
+            answer.results = Variant(results);
+            {
+                std::lock_guard lock(waiting->mutex);
+                waiting->answer = std::move(answer);
+            }
+            waiting->came.notify_all();
+        });
+
+    // The options, with the token that names the request.
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE_VARDICT);
+    g_variant_builder_add(&builder, "{sv}", "handle_token", g_variant_new_string(token.c_str()));
+    GVariantIter iterator;
+    g_variant_iter_init(&iterator, options);
+    const gchar* key = nullptr;
+    GVariant* value = nullptr;
+    while (g_variant_iter_next(&iterator, "{&sv}", &key, &value)) {
+        g_variant_builder_add(&builder, "{sv}", key, value);
+        g_variant_unref(value);
+    }
+    g_variant_unref(g_variant_ref_sink(options));
+    GVariant* all = g_variant_builder_end(&builder);
+    GVariant* arguments = session.empty() ? g_variant_new("(@a{sv})", all)
+                          : parentWindow != nullptr
+                              ? g_variant_new("(os@a{sv})", session.c_str(), parentWindow, all)
+                              : g_variant_new("(o@a{sv})", session.c_str(), all);
+    const auto called = bus.call(kPortal, kPortalPath, interface, method, arguments);
+    std::variant<Answer, std::string> result;
+    if (const auto* error = std::get_if<std::string>(&called)) {
+        result = std::string("the desktop portal refused ") + method + ": " + *error;
+    } else {
+        std::unique_lock lock(waiting->mutex);
+        if (waiting->came.wait_for(lock, timeout,
+                                   [&waiting] { return waiting->answer.has_value(); })) {
+            result = std::move(*waiting->answer);
+        } else {
+            result = std::string("no answer to the desktop portal's question within ") +
+                     std::to_string(timeout.count()) + " s";
+        }
+    }
+    bus.unsubscribe(subscription);
+    return result;
+}
+
+}  // namespace
+
+struct PortalRemoteDesktop::Shared {
+    std::atomic<bool> closed{false};
+};
+
+std::optional<std::string> PortalRemoteDesktop::unavailable(DBusSession& bus, bool input) {
+    if (!bus.startedOwner(kPortal)) {
+        return std::string("no desktop portal on the session bus (xdg-desktop-portal)");
+    }
+    if (version(bus, kScreenCast) < 1) {
+        return std::string("the desktop portal offers no screen cast");
+    }
+    if (input && version(bus, kRemoteDesktop) < 1) {
+        return std::string("the desktop portal offers no remote desktop");
+    }
+    return std::nullopt;
+}
+
+std::variant<std::shared_ptr<PortalRemoteDesktop>, std::string> PortalRemoteDesktop::open(
+    std::shared_ptr<DBusSession> bus, const Options& options) {
+    if (auto reason = unavailable(*bus, options.input)) {
+        return *reason;
+    }
+    const auto owner = bus->owner(kPortal);
+    if (!owner) {
+        return std::string("the desktop portal left the session bus");
+    }
+    std::shared_ptr<PortalRemoteDesktop> desktop(new PortalRemoteDesktop(bus, *owner));
+    const char* kind = options.input ? kRemoteDesktop : kScreenCast;
+
+    auto created = request(*bus, *owner, kind, "CreateSession", "",
+                           vardict({{"session_handle_token", g_variant_new_string("velmorand")}}),
+                           kStepTimeout);
+    if (auto* error = std::get_if<std::string>(&created)) {
+        return *error;
+    }
+    const gchar* handle = nullptr;
+    auto& answer = std::get<Answer>(created);
+    if (answer.code != 0 ||
+        !g_variant_lookup(answer.results.get(), "session_handle", "&s", &handle)) {
+        return std::string("the desktop portal would not open a session");
+    }
+    desktop->session_ = handle;
+    const std::weak_ptr<Shared> weak = desktop->shared_;
+    desktop->subscriptions_.push_back(
+        bus->subscribe(*owner, desktop->session_, kSession, "Closed", [weak](GVariant*) {
+            if (const auto shared = weak.lock()) {
+                shared->closed = true;
+            }
+        }));
+
+    if (options.input) {
+        auto devices =
+            request(*bus, *owner, kRemoteDesktop, "SelectDevices", desktop->session_,
+                    vardict({{"types", g_variant_new_uint32(kKeyboardAndPointer)}}), kStepTimeout);
+        if (auto* error = std::get_if<std::string>(&devices)) {
+            return *error;
+        }
+        if (std::get<Answer>(devices).code != 0) {
+            return std::string("the desktop portal offers no keyboard and pointer");
+        }
+    }
+    // A screen cast's grant can be kept (version 4 on); the token comes back with it.
+    const bool keeps = !options.input && version(*bus, kScreenCast) >= 4;
+    auto sources = request(
+        *bus, *owner, kScreenCast, "SelectSources", desktop->session_,
+        vardict({{"types", g_variant_new_uint32(kMonitor)},
+                 {"multiple", g_variant_new_boolean(FALSE)},
+                 {"cursor_mode", g_variant_new_uint32(kCursorEmbedded)},
+                 {"persist_mode", keeps ? g_variant_new_uint32(kPersistUntilRevoked) : nullptr},
+                 {"restore_token", keeps && options.restoreToken
+                                       ? g_variant_new_string(options.restoreToken->c_str())
+                                       : nullptr}}),
+        kStepTimeout);
+    if (auto* error = std::get_if<std::string>(&sources)) {
+        return *error;
+    }
+    if (std::get<Answer>(sources).code != 0) {
+        return std::string("the desktop portal offers no monitor to share");
+    }
+    auto started = request(*bus, *owner, kind, "Start", desktop->session_, vardict({}),
+                           options.consentTimeout, "");
+    if (auto* error = std::get_if<std::string>(&started)) {
+        return *error;
+    }
+    auto& start = std::get<Answer>(started);
+    auto grant = readStartResponse(start.code, start.results.get());
+    if (auto* reason = std::get_if<std::string>(&grant)) {
+        return *reason;
+    }
+    desktop->grant_ = std::get<PortalGrant>(std::move(grant));
+    if (options.input && !desktop->inputGranted()) {
+        return std::string(
+            "the person at the device shared the screen but not its keyboard and pointer");
+    }
+    return desktop;
+}
+
+PortalRemoteDesktop::PortalRemoteDesktop(std::shared_ptr<DBusSession> bus, std::string portal)
+    : bus_(std::move(bus)), portal_(std::move(portal)), shared_(std::make_shared<Shared>()) {}
+
+PortalRemoteDesktop::~PortalRemoteDesktop() {
+    for (const unsigned subscription : subscriptions_) {
+        bus_->unsubscribe(subscription);
+    }
+    if (!session_.empty() && !closed()) {
+        bus_->call(kPortal, session_, kSession, "Close", nullptr);
+    }
+}
+
+int PortalRemoteDesktop::openPipeWireRemote() {
+    auto opened = bus_->call(kPortal, kPortalPath, kScreenCast, "OpenPipeWireRemote",
+                             g_variant_new("(o@a{sv})", session_.c_str(), vardict({})));
+    auto* reply = std::get_if<DBusSession::Reply>(&opened);
+    if (reply == nullptr || !g_variant_is_of_type(reply->arguments.get(), G_VARIANT_TYPE("(h)"))) {
+        return -1;
+    }
+    gint32 index = -1;
+    g_variant_get(reply->arguments.get(), "(h)", &index);
+    int remote = -1;
+    for (std::size_t i = 0; i < reply->fds.size(); ++i) {
+        if (static_cast<gint32>(i) == index) {
+            remote = reply->fds[i];
+        } else {
+            ::close(reply->fds[i]);
+        }
+    }
+    return remote;
+}
+
+bool PortalRemoteDesktop::closed() const {
+    return shared_->closed;
+}
+
+void PortalRemoteDesktop::movePointer(double x, double y) {
+    bus_->send(kPortal, kPortalPath, kRemoteDesktop, "NotifyPointerMotionAbsolute",
+               g_variant_new("(o@a{sv}udd)", session_.c_str(), vardict({}), grant_.node, x, y));
+}
+
+void PortalRemoteDesktop::setButton(std::int32_t button, bool pressed) {
+    bus_->send(
+        kPortal, kPortalPath, kRemoteDesktop, "NotifyPointerButton",
+        g_variant_new("(o@a{sv}iu)", session_.c_str(), vardict({}), button, pressed ? 1U : 0U));
+}
+
+void PortalRemoteDesktop::setKeysym(std::uint32_t keysym, bool pressed) {
+    bus_->send(kPortal, kPortalPath, kRemoteDesktop, "NotifyKeyboardKeysym",
+               g_variant_new("(o@a{sv}iu)", session_.c_str(), vardict({}),
+                             static_cast<gint32>(keysym), pressed ? 1U : 0U));
+}
+
+void PortalRemoteDesktop::sync() {
+    bus_->sync(kPortal, kPortalPath);
+}
+
+}  // namespace velmorand
