@@ -99,7 +99,7 @@ TEST_F(HttpFaults, EachFaultEndsInItsStatusLineWithoutFollowingOrTrustingIt) {
     } cases[] = {
         {"pair truncated", truncated(kHandshakeBody), {}, nullptr, "Pairing failed: ", ""},
         {"pair insecure redirect", redirect, trusted, nullptr,
-         "Pairing failed: ", "Insecure redirect"},
+         "Pairing failed: ", "Redirected from https to http"},
         {"pair 407",
          httpAnswer(407, R"({"error":"Proxy says no"})"),
          {},
@@ -171,6 +171,36 @@ TEST_F(HttpFaults, OnlyAReadyLocalServerShowsActiveAndNoneTakesLongerThanTwoSeco
 }
 
 // The one test that waits out the full 15 seconds.
+// A service that has moved its handshake answers with a redirect: 307 keeps the POST and its
+// body, whether the connection is kept for the next request or closed after each answer.
+TEST_F(HttpFaults, ARedirectedHandshakePairsEveryTime) {
+    for (const bool keepAlive : {true, false}) {
+        int moved = 0;
+        ScriptedServer server(
+            [&moved](const QByteArray& request) {
+                if (request.startsWith("POST /moved/api/agent-handshake ") &&
+                    request.contains(kAccessKey)) {
+                    ++moved;
+                    return httpAnswer(200, kHandshakeBody);
+                }
+                if (request.startsWith("POST /api/agent-handshake ")) {
+                    return QByteArray(
+                        "HTTP/1.1 307 Temporary Redirect\r\n"
+                        "Location: /moved/api/agent-handshake\r\n"
+                        "Content-Length: 0\r\n\r\n");
+                }
+                return httpAnswer(404, "{}");
+            },
+            keepAlive);
+        makeModel(server.baseUrl());
+        for (int run = 0; run < 40; ++run) {
+            ASSERT_EQ(pair().first, "Paired as Phone")
+                << "keep-alive " << keepAlive << " run " << run;
+        }
+        EXPECT_EQ(moved, 40);
+    }
+}
+
 TEST_F(HttpFaults, SlowlorisHandshakeTimesOutAfterFifteenSeconds) {
     ScriptedServer server(QByteArray(), std::nullopt, httpAnswer(200, kHandshakeBody));
     makeModel(server.baseUrl());

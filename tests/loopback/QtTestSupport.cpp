@@ -93,6 +93,18 @@ ScriptedServer::ScriptedServer(std::optional<QByteArray> head, std::optional<Tls
     } else {
         server_ = std::make_unique<QTcpServer>();
     }
+    listen();
+}
+
+ScriptedServer::ScriptedServer(Route route, bool keepAlive)
+    : server_(std::make_unique<QTcpServer>()),
+      tls_(false),
+      route_(std::move(route)),
+      keepAlive_(keepAlive) {
+    listen();
+}
+
+void ScriptedServer::listen() {
     if (!server_->listen(QHostAddress::LocalHost)) {
         throw std::runtime_error("cannot listen");
     }
@@ -115,6 +127,13 @@ ScriptedServer::ScriptedServer(std::optional<QByteArray> head, std::optional<Tls
 }
 
 void ScriptedServer::answer(QTcpSocket* socket) {
+    if (route_) {
+        socket->write(route_(requests_.back()));
+        if (!keepAlive_) {
+            socket->disconnectFromHost();
+        }
+        return;
+    }
     if (!head_) {
         return;
     }

@@ -43,17 +43,24 @@ class ScriptedServer {
     explicit ScriptedServer(std::optional<QByteArray> head, std::optional<Tls> tls = std::nullopt,
                             QByteArray dribble = {},
                             std::chrono::milliseconds every = std::chrono::seconds(1));
+    // Answers each request (read whole) with what `route` makes of it, on a connection that stays
+    // open for the next request when `keepAlive`, and is closed after each answer otherwise.
+    using Route = std::function<QByteArray(const QByteArray& request)>;
+    ScriptedServer(Route route, bool keepAlive);
 
     // "http(s)://127.0.0.1:<port>", no trailing slash.
     std::string baseUrl() const;
     const std::vector<QByteArray>& requests() const { return requests_; }
 
   private:
+    void listen();
     void answer(QTcpSocket* socket);
 
     std::unique_ptr<QTcpServer> server_;
     bool tls_;
     std::optional<QByteArray> head_;
+    Route route_;
+    bool keepAlive_ = false;
     QByteArray dribble_;
     std::chrono::milliseconds every_;
     std::vector<QByteArray> requests_;

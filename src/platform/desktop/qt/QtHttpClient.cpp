@@ -13,6 +13,8 @@
 #include <optional>
 #include <unordered_map>
 #include <utility>
+#include <variant>
+#include <vector>
 
 #include "TlsTrust.h"
 #include "velmorand/qt/QtMainQueue.h"
@@ -26,6 +28,35 @@ constexpr const char* kTooLarge = "Response too large";
 constexpr const char* kTimedOut = "The request timed out";
 // As many as the platform's own URL session follows before it gives up.
 constexpr int kMaxRedirects = 16;
+
+bool isRedirect(int status) {
+    return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+// Qt's own text where it has one; a plain description where it has only "Unknown error".
+std::string describe(QNetworkReply::NetworkError error, const QString& text) {
+    using E = QNetworkReply::NetworkError;
+    if (!text.isEmpty() && !text.contains(QLatin1String("Unknown error"))) {
+        return text.toStdString();
+    }
+    switch (error) {
+        case E::ConnectionRefusedError:
+            return "Connection refused";
+        case E::RemoteHostClosedError:
+            return "The server closed the connection before it answered";
+        case E::HostNotFoundError:
+            return "Server not found";
+        case E::SslHandshakeFailedError:
+            return "The secure connection could not be made";
+        case E::TooManyRedirectsError:
+            return "Too many redirects";
+        case E::InsecureRedirectError:
+            return "Redirected from https to http";
+        default:
+            return "The connection failed (network error " +
+                   std::to_string(static_cast<int>(error)) + ")";
+    }
+}
 
 // Qt reports HTTP error statuses as reply errors; those replies are still answers.
 bool isHttpStatusError(QNetworkReply::NetworkError error) {
@@ -70,52 +101,20 @@ class QtHttpClient::Worker : public QObject {
             manager_ = new QNetworkAccessManager(this);
         }
 
-        QNetworkRequest networkRequest(url);
-        for (const auto& [name, value] : request.headers) {
-            networkRequest.setRawHeader(QByteArray::fromStdString(name),
-                                        QByteArray::fromStdString(value));
-        }
-        const auto timeout =
-            request.timeout.count() > 0 ? request.timeout : HttpRequest::kDefaultTimeout;
-        networkRequest.setTransferTimeout(static_cast<int>(timeout.count()));
-        // Redirects are followed as the platform's session follows them: 307 and 308 keep the
-        // method and body, the others turn into a GET, and never from https down to http.
-        networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                                    QNetworkRequest::NoLessSafeRedirectPolicy);
-        networkRequest.setMaximumRedirectsAllowed(kMaxRedirects);
-        if (url.scheme() == QLatin1String("https")) {
-            networkRequest.setSslConfiguration(tls_);
-        }
-
-        const QByteArray verb = QByteArray::fromStdString(request.method);
-        QNetworkReply* reply = nullptr;
-        if (request.method == "HEAD") {
-            // Only a request Qt knows to be HEAD is read without waiting for a body.
-            reply = manager_->head(networkRequest);
-        } else if (request.body) {
-            reply = manager_->sendCustomRequest(networkRequest, verb,
-                                                QByteArray::fromStdString(*request.body));
-        } else {
-            reply = manager_->sendCustomRequest(networkRequest, verb);
-        }
-
         auto exchange = std::make_shared<Exchange>();
         exchange->done = std::move(done);
         exchange->isHead = request.method == "HEAD";
-        inFlight_.emplace(reply, exchange);
-
-        QObject::connect(reply, &QNetworkReply::readyRead, this, [this, reply, exchange] {
-            if (exchange->ended) {
-                return;
-            }
-            exchange->body += reply->readAll();
-            if (static_cast<std::size_t>(exchange->body.size()) > maxBodyBytes_) {
-                exchange->abortReason = kTooLarge;
-                reply->abort();
-            }
-        });
-        QObject::connect(reply, &QNetworkReply::finished, this,
-                         [this, reply, exchange] { finish(reply, *exchange); });
+        exchange->method = QByteArray::fromStdString(request.method);
+        if (request.body) {
+            exchange->payload = QByteArray::fromStdString(*request.body);
+        }
+        for (const auto& [name, value] : request.headers) {
+            exchange->headers.emplace_back(QByteArray::fromStdString(name),
+                                           QByteArray::fromStdString(value));
+        }
+        exchange->timeout =
+            request.timeout.count() > 0 ? request.timeout : HttpRequest::kDefaultTimeout;
+        issue(url, exchange);
     }
 
     // Ends every exchange still running; the worker is left without a network manager.
@@ -138,20 +137,105 @@ class QtHttpClient::Worker : public QObject {
   private:
     struct Exchange {
         Completion done;
+        QByteArray method;
+        std::optional<QByteArray> payload;
+        std::vector<std::pair<QByteArray, QByteArray>> headers;
+        std::chrono::milliseconds timeout{0};
+        int redirects = 0;
         QByteArray body;
         std::optional<std::string> abortReason;
         bool isHead = false;
         bool ended = false;
     };
 
-    void finish(QNetworkReply* reply, Exchange& exchange) {
+    // One hop of the exchange. Redirects are followed here, not by Qt, whose own following lost a
+    // redirected POST's body on a kept-alive connection now and then: as the platform's session
+    // follows them, 307 and 308 keep the method and body, the others turn into a GET, never from
+    // https down to http, at most 16.
+    void issue(const QUrl& url, const std::shared_ptr<Exchange>& exchange) {
+        QNetworkRequest networkRequest(url);
+        for (const auto& [name, value] : exchange->headers) {
+            networkRequest.setRawHeader(name, value);
+        }
+        networkRequest.setTransferTimeout(static_cast<int>(exchange->timeout.count()));
+        networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                                    QNetworkRequest::ManualRedirectPolicy);
+        if (url.scheme() == QLatin1String("https")) {
+            networkRequest.setSslConfiguration(tls_);
+        }
+        QNetworkReply* reply = nullptr;
+        if (exchange->isHead) {
+            // Only a request Qt knows to be HEAD is read without waiting for a body.
+            reply = manager_->head(networkRequest);
+        } else if (exchange->payload) {
+            reply =
+                manager_->sendCustomRequest(networkRequest, exchange->method, *exchange->payload);
+        } else {
+            reply = manager_->sendCustomRequest(networkRequest, exchange->method);
+        }
+        inFlight_.emplace(reply, exchange);
+
+        QObject::connect(reply, &QNetworkReply::readyRead, this, [this, reply, exchange] {
+            if (exchange->ended) {
+                return;
+            }
+            exchange->body += reply->readAll();
+            if (static_cast<std::size_t>(exchange->body.size()) > maxBodyBytes_) {
+                exchange->abortReason = kTooLarge;
+                reply->abort();
+            }
+        });
+        QObject::connect(reply, &QNetworkReply::finished, this,
+                         [this, reply, exchange] { finish(reply, exchange); });
+    }
+
+    // Where a redirect leads, having turned the exchange into its next hop; or why it cannot be
+    // followed.
+    std::variant<QUrl, std::string> follow(QNetworkReply* reply, Exchange& exchange, int status) {
+        if (exchange.redirects == kMaxRedirects) {
+            return std::string("Too many redirects");
+        }
+        const QUrl next = reply->url().resolved(QUrl::fromEncoded(reply->rawHeader("Location")));
+        if (!next.isValid() || next.host().isEmpty() ||
+            (next.scheme() != QLatin1String("http") && next.scheme() != QLatin1String("https"))) {
+            return std::string("Redirected to a URL that is not http or https");
+        }
+        if (reply->url().scheme() == QLatin1String("https") &&
+            next.scheme() != QLatin1String("https")) {
+            return std::string("Redirected from https to http");
+        }
+        ++exchange.redirects;
+        exchange.body.clear();
+        if (status != 307 && status != 308 && !exchange.isHead) {
+            exchange.method = "GET";
+            exchange.payload.reset();
+            std::erase_if(exchange.headers, [](const auto& header) {
+                return header.first.compare("content-type", Qt::CaseInsensitive) == 0;
+            });
+        }
+        return next;
+    }
+
+    void finish(QNetworkReply* reply, const std::shared_ptr<Exchange>& exchange) {
         inFlight_.erase(reply);
         reply->deleteLater();
-        if (exchange.ended) {
+        if (exchange->ended) {
             return;
         }
-        exchange.ended = true;
-        exchange.done(outcome(reply, exchange));
+        const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+        if (!exchange->abortReason && status.isValid() && isRedirect(status.toInt()) &&
+            reply->hasRawHeader("Location")) {
+            auto next = follow(reply, *exchange, status.toInt());
+            if (const auto* url = std::get_if<QUrl>(&next)) {
+                issue(*url, exchange);
+                return;
+            }
+            exchange->ended = true;
+            exchange->done(HttpTransportError{std::get<std::string>(next)});
+            return;
+        }
+        exchange->ended = true;
+        exchange->done(outcome(reply, *exchange));
     }
 
     HttpOutcome outcome(QNetworkReply* reply, Exchange& exchange) {
@@ -169,7 +253,7 @@ class QtHttpClient::Worker : public QObject {
                 error == QNetworkReply::TimeoutError) {
                 return HttpTransportError{kTimedOut};
             }
-            return HttpTransportError{reply->errorString().toStdString()};
+            return HttpTransportError{describe(error, reply->errorString())};
         }
 
         HttpResponse response;
