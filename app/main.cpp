@@ -12,6 +12,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 #include "AppOptions.h"
 #include "AppServices.h"
@@ -41,13 +42,31 @@ double millisecondsSinceProcessStart() {
            std::stod(field) * 1000.0 / ticksPerSecond;
 }
 
+// Whether the arguments ask only for text (help, the version), which needs no display.
+bool asksOnlyForText(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        if (argument == "-h" || argument == "--help" || argument == "--help-all" ||
+            argument == "-v" || argument == "--version") {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    QCoreApplication::setApplicationName(QStringLiteral("velmorand-connect"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(VELMORAND_VERSION));
+    if (asksOnlyForText(argc, argv)) {
+        // Answered and exited by the parser, without a display to connect to.
+        const QCoreApplication textOnly(argc, argv);
+        app::AppOptions::parse(QCoreApplication::arguments());
+        return 0;
+    }
     QGuiApplication application(argc, argv);
-    QGuiApplication::setApplicationName(QStringLiteral("velmorand-connect"));
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Velmorand"));
-    QGuiApplication::setApplicationVersion(QStringLiteral(VELMORAND_VERSION));
     QGuiApplication::setDesktopFileName(QStringLiteral("velmorand-connect"));
 
     // Hidden, for docs/performance.md: print the milliseconds from process start to the first

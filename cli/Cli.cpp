@@ -2,6 +2,9 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <optional>
+#include <string>
+#include <string_view>
 
 #include "BroadcastCommand.h"
 #include "CliContext.h"
@@ -11,6 +14,39 @@
 #include "RelayClientCommand.h"
 
 namespace velmorand::cli {
+namespace {
+
+constexpr const char* kGlobalOptionsNote =
+    "Global options, before or after the command: --data-dir DIR, --bundle-dir DIR, "
+    "--service-url URL (see velmorand --help).";
+
+// The first word that is not an option, nor an option's value, when it names no command.
+std::optional<std::string> unknownCommand(const CLI::App& app, int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view word = argv[i];
+        if (word == "--") {
+            return std::nullopt;
+        }
+        if (word.starts_with("-")) {
+            const auto* option =
+                app.get_option_no_throw(std::string(word.substr(0, word.find('='))));
+            if (option != nullptr && option->get_type_size() != 0 &&
+                word.find('=') == std::string_view::npos) {
+                ++i;  // its value
+            }
+            continue;
+        }
+        for (const CLI::App* command : app.get_subcommands({})) {
+            if (command->check_name(std::string(word))) {
+                return std::nullopt;
+            }
+        }
+        return std::string(word);
+    }
+    return std::nullopt;
+}
+
+}  // namespace
 
 int run(int argc, char** argv) {
     CLI::App app(
@@ -41,6 +77,22 @@ int run(int argc, char** argv) {
     addEncodeCommands(app, context, action);
     addBroadcastCommand(app, context, action);
     addRelayClientCommand(app, context, action);
+    // The global options may come after the command too ("velmorand pair KEY --data-dir D"), and
+    // every command's help says so.
+    app.fallthrough(true);
+    for (CLI::App* command : app.get_subcommands({})) {
+        command->fallthrough(true);
+        command->footer(kGlobalOptionsNote);
+        for (CLI::App* inner : command->get_subcommands({})) {
+            inner->fallthrough(true);
+            inner->footer(kGlobalOptionsNote);
+        }
+    }
+    if (const auto unknown = unknownCommand(app, argc, argv)) {
+        std::cerr << "velmorand: unknown command \"" << *unknown
+                  << "\" (see velmorand --help for the commands)\n";
+        return kExitUsage;
+    }
 
     try {
         app.parse(argc, argv);

@@ -81,6 +81,19 @@ const Bundle& CliContext::bundle() {
     return stores_->environment.bundle;
 }
 
+bool CliContext::saved(std::string_view what, bool kept) {
+    // The stores keep what they were given in memory, so reading it back cannot tell alone.
+    const auto unwritable = stores_ ? stores_->environment.root.unwritable() : std::nullopt;
+    if (kept && !unwritable) {
+        return true;
+    }
+    std::cerr << "velmorand: could not save " << what << ": "
+              << unwritable.value_or("the stores under " + dataDirectory().string() +
+                                     " did not keep it")
+              << std::endl;
+    return false;
+}
+
 std::filesystem::path CliContext::dataDirectory() {
     config();
     return stores_->environment.root.root();

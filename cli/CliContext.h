@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "velmorand/desktop/DesktopEnvironment.h"
 #include "velmorand/desktop/ServiceEndpoints.h"
@@ -43,6 +44,10 @@ class CliContext {
     const GroupContainers& groupContainers();
     // Where the stores live, as the options and the environment chose it.
     std::filesystem::path dataDirectory();
+    // After a save: true when the stores kept it (`kept`, what the command read back, and the
+    // stores' directories can be written); otherwise says on stderr that `what` could not be saved,
+    // where and why, and returns false.
+    bool saved(std::string_view what, bool kept);
     Log& log();
     // Chooses the service (--service-url, else $VELMORAND_SERVICE_URL, else the build's default)
     // and the on-device automation server, once options are parsed. Throws InvalidServiceUrl.

@@ -40,11 +40,11 @@ int showConfig(SharedConfig& config, bool asJson, bool showSecrets) {
     const auto encode = SharedConfig::resolvedEncode(values);
 
     if (asJson) {
+        // Every key, null when absent: one layout for scripts, whatever was saved.
         nlohmann::ordered_json out;
         for (const auto key : SharedConfig::kKeys) {
-            if (const auto it = present.find(key); it != present.end()) {
-                out[std::string(key)] = *it;
-            }
+            const auto it = present.find(key);
+            out[std::string(key)] = it != present.end() ? *it : nlohmann::json();
         }
         out["isPaired"] = values.isPaired();
         out["encode"] = {{"codec", encode.codec},

@@ -25,7 +25,8 @@ struct EncodeEdits {
     std::optional<double> scale;
 };
 
-int saveEncode(SharedConfig& config, const EncodeEdits& edits) {
+int saveEncode(CliContext& context, const EncodeEdits& edits) {
+    SharedConfig& config = context.config();
     EncodeSection section(config);
     section.loadEncode();
     if (edits.codec) {
@@ -43,6 +44,10 @@ int saveEncode(SharedConfig& config, const EncodeEdits& edits) {
     section.persistEncode();
 
     const auto stored = config.load();
+    if (!context.saved("the encode preferences",
+                       stored.codec && stored.fps && stored.quality && stored.scale)) {
+        return kExitFailure;
+    }
     std::cout << section.status() << '\n'
               << "codec: " << stored.codec.value_or("") << '\n'
               << "fps: " << stored.fps.value_or(0) << '\n'
@@ -53,9 +58,11 @@ int saveEncode(SharedConfig& config, const EncodeEdits& edits) {
 
 int printLog(CliContext& context) {
     const auto log = ExtensionLog::readExtLog(context.appGroup(), context.groupContainers());
-    std::cout << MainScreen::logText(log);
+    // The screen's text for an empty log is a note, not the log's content.
+    auto& out = log.empty() ? std::cerr : std::cout;
+    out << MainScreen::logText(log);
     if (log.empty() || log.back() != '\n') {
-        std::cout << '\n';
+        out << '\n';
     }
     return kExitSuccess;
 }
@@ -68,7 +75,9 @@ void addEncodeCommands(CLI::App& app, CliContext& context, Action& action) {
         "Save the encode preferences the upload extension applies at its next start; values "
         "not given keep their stored (else default) setting");
     auto edits = std::make_shared<EncodeEdits>();
-    encode->add_option("--codec", edits->codec, "jpeg or h264")->type_name("C");
+    encode->add_option("--codec", edits->codec, "jpeg or h264")
+        ->type_name("C")
+        ->transform(CLI::IsMember({"jpeg", "h264"}, CLI::ignore_case, CLI::ignore_space));
     encode->add_option("--fps", edits->fps, "Frames per second, stored within 1..60")
         ->type_name("N");
     encode->add_option("--quality", edits->quality, "JPEG quality, stored within 0.1..1.0")
@@ -76,7 +85,7 @@ void addEncodeCommands(CLI::App& app, CliContext& context, Action& action) {
     encode->add_option("--scale", edits->scale, "Output scale, stored within 0.1..1.0")
         ->type_name("S");
     encode->callback([&context, &action, edits] {
-        action = [&context, edits] { return saveEncode(context.config(), *edits); };
+        action = [&context, edits] { return saveEncode(context, *edits); };
     });
 
     auto* log = app.add_subcommand("log", "Print the last 4000 characters of extension.log");

@@ -5,6 +5,8 @@
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
 
 #include "Cli.h"
 #include "CliContext.h"
@@ -21,31 +23,72 @@ namespace {
 using Field = PairingModel::Field;
 
 constexpr std::string_view kPairingFailedPrefix = "Pairing failed: ";
+// How a failure the service answered with begins, after the prefix above.
+constexpr std::string_view kHandshakeFailurePrefix = "Handshake ";
 // A status check ends within the HTTP client's 60 s default plus the local server's 2 s; past
 // that nothing more will come (a stored base URL that forms no URL ends the check silently).
 constexpr MainQueue::Duration kStatusCheckLimit{65.0};
+
+// How long a network wait stays silent before the program says what it waits for.
+constexpr MainQueue::Duration kSilentWait{1.0};
 
 void printLine(std::ostream& stream, const std::string& line) {
     stream << line << std::endl;
 }
 
+// Says on stderr, once the wait passes a second and unless `settled` by then, what is being
+// waited for: a slow service must not look like a program that hangs.
+void sayWhatIsAwaited(CliContext& context, std::shared_ptr<const bool> settled, std::string what) {
+    context.mainQueue().postAfter(kSilentWait, [settled, what = std::move(what)] {
+        if (!*settled) {
+            std::cerr << "velmorand: waiting for " << what << "…" << std::endl;
+        }
+    });
+}
+
+// The service touch control talks to: the one the device was paired with, else the chosen one.
+std::string touchControlService(CliContext& context) {
+    return context.config().load().appURL.value_or(context.model().appURL());
+}
+
 // Prints each status line the model publishes, and ends the loop when the pairing has ended:
-// 0 when it succeeded, 1 when it failed.
+// 0 when it succeeded (and the stores kept it), 1 when it failed.
 int waitForPairing(CliContext& context) {
     PairingModel& model = context.model();
     if (!model.busy()) {
         return kExitFailure;
     }
     printLine(std::cout, model.status());
-    watchModel(model, context.mainQueue(), [&context, &model](Field field) {
+    auto settled = std::make_shared<bool>(false);
+    sayWhatIsAwaited(context, settled, "the Velmorand service at " + model.appURL());
+    watchModel(model, context.mainQueue(), [&context, &model, settled](Field field) {
         if (field == Field::status) {
             printLine(std::cout, model.status());
         } else if (field == Field::busy && !model.busy()) {
+            *settled = true;
             const bool failed = model.status().starts_with(kPairingFailedPrefix);
             context.quit(failed ? kExitFailure : kExitSuccess);
         }
     });
-    return context.runEventLoop();
+    const int status = context.runEventLoop();
+    if (status == kExitSuccess &&
+        !context.saved("the pairing", context.config().load().isPaired())) {
+        return kExitFailure;
+    }
+    if (status != kExitSuccess) {
+        // The screen's line says what failed; the command line also says what to do next.
+        const bool answered = model.status().starts_with(std::string(kPairingFailedPrefix) +
+                                                         std::string(kHandshakeFailurePrefix));
+        std::cerr << "velmorand: "
+                  << (answered ? "the service at " + model.appURL() +
+                                     " refused the pairing: check the access key on the "
+                                     "dashboard (keys are case-sensitive)"
+                               : "no answer from the service at " + model.appURL() +
+                                     ": check --service-url (or $VELMORAND_SERVICE_URL) and "
+                                     "the network")
+                  << std::endl;
+    }
+    return status;
 }
 
 // Starts `check` (which ends in one touch-control status line), waits for that line and hands it
@@ -66,6 +109,8 @@ int afterStatusCheck(CliContext& context, const std::function<void()>& check,
         }
     });
     check();
+    sayWhatIsAwaited(context, settled,
+                     "the touch-control state from " + touchControlService(context));
     context.mainQueue().postAfter(kStatusCheckLimit, [&context, settled] {
         if (!*settled) {
             *settled = true;
@@ -137,6 +182,12 @@ int saveRelay(CliContext& context, const RelayOptions& options) {
     }
     model.saveRelay();
     printLine(std::cout, model.status());
+    const auto stored = context.config().load();
+    if (!context.saved("the relay preference",
+                       stored.relayRegion.value_or("") == model.relayRegion() &&
+                           stored.relayOverride.value_or("") == trimmed(model.relayOverride()))) {
+        return kExitFailure;
+    }
     // Saved as typed, as the screen saves it; but the person should know it cannot work.
     if (const auto problem = MainScreen::relayProblem(model.relayOverride(), std::nullopt)) {
         std::cerr << "velmorand: warning: " << *problem << "\n";
@@ -153,7 +204,8 @@ int copyPairUrl(CliContext& context, const std::string& key) {
 
 // Prints the start's lines and ends with the one the follow-up status check finds, as the screen
 // shows them in turn. The check starts as bridgeBusy clears; its line comes with it when there
-// is no key to check with, and later, when the service has answered, otherwise.
+// is no key to check with, and later, when the service has answered, otherwise. Exits 1 when
+// either the start or the check failed.
 int startTouchControl(CliContext& context) {
     PairingModel& model = context.model();
     model.startWda();
@@ -162,27 +214,31 @@ int startTouchControl(CliContext& context) {
         return kExitFailure;
     }
     auto settled = std::make_shared<bool>(false);
+    auto failed = std::make_shared<bool>(false);
     const auto finish = [&context, settled](int status) {
         if (!*settled) {
             *settled = true;
             context.quit(status);
         }
     };
-    watchModel(model, context.mainQueue(), [&context, &model, settled, finish](Field field) {
-        if (field == Field::wdaStatus) {
-            printLine(std::cout, model.wdaStatus());
-            if (!model.bridgeBusy()) {
-                finish(kExitSuccess);
-            }
-        } else if (field == Field::bridgeBusy && !model.bridgeBusy()) {
-            context.mainQueue().postAfter(kStatusCheckLimit, [settled, finish] {
-                if (!*settled) {
-                    std::cerr << "velmorand: the touch-control status check did not answer\n";
-                    finish(kExitFailure);
+    sayWhatIsAwaited(context, settled, "the Velmorand service at " + touchControlService(context));
+    watchModel(
+        model, context.mainQueue(), [&context, &model, settled, failed, finish](Field field) {
+            if (field == Field::wdaStatus) {
+                printLine(std::cout, model.wdaStatus());
+                *failed = *failed || model.touchControlFailed();
+                if (!model.bridgeBusy()) {
+                    finish(*failed ? kExitFailure : kExitSuccess);
                 }
-            });
-        }
-    });
+            } else if (field == Field::bridgeBusy && !model.bridgeBusy()) {
+                context.mainQueue().postAfter(kStatusCheckLimit, [settled, finish] {
+                    if (!*settled) {
+                        std::cerr << "velmorand: the touch-control status check did not answer\n";
+                        finish(kExitFailure);
+                    }
+                });
+            }
+        });
     return context.runEventLoop();
 }
 
@@ -192,46 +248,85 @@ int touchStatus(CliContext& context) {
         context, [&model] { model.refresh(); },
         [&model] {
             printLine(std::cout, model.wdaStatus());
-            return kExitSuccess;
+            return model.touchControlFailed() ? kExitFailure : kExitSuccess;
         });
 }
 
+// The state that needs no network, in the order `status` shows it: the JSON name, the label
+// people read (none for a line that says what it is), the value.
+struct StatusField {
+    const char* name;
+    const char* label;
+    nlohmann::ordered_json value;
+};
+
+std::vector<StatusField> localStatus(const PairingModel& model,
+                                     const SharedConfig::Values& stored) {
+    const auto relayProblem =
+        MainScreen::relayProblem(stored.relayOverride.value_or(""), stored.relayWsUrl);
+    return {
+        {"isPaired", "Paired", model.paired()},
+        {"deviceName", "Device", model.deviceName()},
+        {"status", "Pairing", model.status()},
+        {"busy", "Pairing in progress", model.busy()},
+        {"relayRegion", "Relay region", model.relayRegion()},
+        {"relayOverride", "Custom relay", model.relayOverride()},
+        {"relayProblem", "Relay problem",
+         relayProblem ? nlohmann::ordered_json(*relayProblem) : nlohmann::ordered_json()},
+        {"appURL", "Service", model.appURL()},
+        {"broadcastExtensionID", "Broadcast extension", model.broadcastExtensionID()},
+    };
+}
+
+std::vector<StatusField> touchControlStatus(const PairingModel& model) {
+    return {
+        {"wdaStatus", "", model.wdaStatus()},  // its lines name what they are about
+        {"bridgeBusy", "Touch control starting", model.bridgeBusy()},
+        {"bridgeUrl", "Touch control bridge", model.bridgeUrl()},
+    };
+}
+
+// For people: labels, yes for true, and nothing for what is empty, false or absent.
+void printForPeople(const std::vector<StatusField>& fields) {
+    for (const auto& field : fields) {
+        const auto& value = field.value;
+        if (value.is_null() || value == false || value == "") {
+            continue;
+        }
+        std::cout << field.label << (*field.label != '\0' ? ": " : "")
+                  << (value.is_string() ? value.get<std::string>()
+                      : value == true   ? "yes"
+                                        : value.dump())
+                  << '\n';
+    }
+    std::cout.flush();
+}
+
+// People see the local state at once and the touch-control state when the service has
+// answered; scripts get one JSON object with the names the stores and the model use.
 int status(CliContext& context, bool asJson) {
     PairingModel& model = context.model();
     const auto stored = context.config().load();
-    const auto relayProblem =
-        MainScreen::relayProblem(stored.relayOverride.value_or(""), stored.relayWsUrl);
     return afterStatusCheck(
-        context, [&model] { model.refresh(); },
-        [&model, asJson, relayProblem] {
-            nlohmann::ordered_json fields = {
-                {"paired", model.paired()},
-                {"deviceName", model.deviceName()},
-                {"status", model.status()},
-                {"busy", model.busy()},
-                {"relayRegion", model.relayRegion()},
-                {"relayOverride", model.relayOverride()},
-                {"wdaStatus", model.wdaStatus()},
-                {"bridgeBusy", model.bridgeBusy()},
-                {"bridgeUrl", model.bridgeUrl()},
-                {"appURL", model.appURL()},
-                {"broadcastExtensionID", model.broadcastExtensionID()},
-                {"relayProblem",
-                 relayProblem ? nlohmann::ordered_json(*relayProblem) : nlohmann::ordered_json()},
-            };
-            if (asJson) {
-                printLine(std::cout, fields.dump());
-            } else {
-                for (const auto& [name, value] : fields.items()) {
-                    if (value.is_null()) {
-                        continue;
-                    }
-                    std::cout << name << ": "
-                              << (value.is_string() ? value.get<std::string>() : value.dump())
-                              << '\n';
-                }
-                std::cout.flush();
+        context,
+        [&model, &stored, asJson] {
+            model.refresh();  // what is local is in place when it returns
+            if (!asJson) {
+                printForPeople(localStatus(model, stored));
             }
+        },
+        [&model, &stored, asJson] {
+            if (!asJson) {
+                printForPeople(touchControlStatus(model));
+                return kExitSuccess;
+            }
+            nlohmann::ordered_json object;
+            for (auto& fields : {localStatus(model, stored), touchControlStatus(model)}) {
+                for (const auto& field : fields) {
+                    object[field.name] = field.value;
+                }
+            }
+            printLine(std::cout, object.dump());
             return kExitSuccess;
         });
 }

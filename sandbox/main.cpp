@@ -31,16 +31,18 @@ bool parsePort(const QString& text, std::uint16_t* port) {
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("velmorand-sandbox"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(VELMORAND_VERSION));
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("A local stand-in for the Velmorand service."));
     parser.addHelpOption();
-    const QCommandLineOption portOption(QStringLiteral("port"),
-                                        QStringLiteral("Service port; 0 picks a free one."),
-                                        QStringLiteral("N"), QStringLiteral("0"));
-    const QCommandLineOption hostOption(QStringLiteral("host"),
-                                        QStringLiteral("Address to listen on."),
-                                        QStringLiteral("address"), QStringLiteral("127.0.0.1"));
+    parser.addVersionOption();
+    const QCommandLineOption portOption(
+        QStringLiteral("port"), QStringLiteral("Service port; 0 (the default) picks a free one."),
+        QStringLiteral("N"), QStringLiteral("0"));
+    const QCommandLineOption hostOption(
+        QStringLiteral("host"), QStringLiteral("Address to listen on (default: 127.0.0.1)."),
+        QStringLiteral("address"), QStringLiteral("127.0.0.1"));
     const QCommandLineOption certOption(QStringLiteral("tls-cert"),
                                         QStringLiteral("PEM certificate; serves HTTPS."),
                                         QStringLiteral("file"));
@@ -48,18 +50,21 @@ int main(int argc, char** argv) {
                                            QStringLiteral("PEM private key of the certificate."),
                                            QStringLiteral("file"));
     const QCommandLineOption accessKeyOption(
-        QStringLiteral("key"), QStringLiteral("An access key to accept; may be repeated."),
+        QStringLiteral("key"),
+        QStringLiteral("An access key to accept; may be repeated (default: demo-key-1234 alone)."),
         QStringLiteral("K"));
-    const QCommandLineOption modeOption(QStringLiteral("wda-mode"),
-                                        QStringLiteral("normal, error, disabled or slow."),
-                                        QStringLiteral("mode"), QStringLiteral("normal"));
+    const QCommandLineOption modeOption(
+        QStringLiteral("wda-mode"),
+        QStringLiteral("How touch control answers: normal (the default), error, disabled or slow."),
+        QStringLiteral("mode"), QStringLiteral("normal"));
     const QCommandLineOption wdaPortOption(
         QStringLiteral("wda-port"),
-        QStringLiteral("Port of the stand-in automation server; 0 picks a free one."),
+        QStringLiteral("Port of the stand-in automation server; 0 (the default) picks a free one."),
         QStringLiteral("N"), QStringLiteral("0"));
     const QCommandLineOption pingOption(
         QStringLiteral("relay-ping-ms"),
-        QStringLiteral("How often the relay pings the device, in ms; 0 sends no pings."),
+        QStringLiteral(
+            "How often the relay pings the device, in ms (default: 5000); 0 sends no pings."),
         QStringLiteral("N"), QStringLiteral("5000"));
     parser.addOptions({portOption, hostOption, certOption, keyFileOption, accessKeyOption,
                        modeOption, wdaPortOption, pingOption});

@@ -48,8 +48,10 @@ void PairingModel::setRelayRegion(std::string value) {
 void PairingModel::setRelayOverride(std::string value) {
     assign(Field::relayOverride, relayOverride_, std::move(value));
 }
-void PairingModel::setWdaStatus(std::string value) {
-    assign(Field::wdaStatus, wdaStatus_, std::move(value));
+void PairingModel::setWdaStatus(TouchControlLine line) {
+    // Set first, so that observers of the line see whether it is a failure.
+    touchControlFailed_ = line.failure;
+    assign(Field::wdaStatus, wdaStatus_, std::move(line.text));
 }
 void PairingModel::setBridgeBusy(bool value) {
     assign(Field::bridgeBusy, bridgeBusy_, value);

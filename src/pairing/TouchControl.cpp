@@ -46,58 +46,57 @@ std::optional<std::string> stringMember(const nlohmann::json& object, const char
     return it->get<std::string>();
 }
 
-std::string startText(const HttpOutcome& outcome) {
+TouchControlLine startLine(const HttpOutcome& outcome) {
     if (const auto* failure = std::get_if<HttpTransportError>(&outcome)) {
-        return "Start failed: " + failure->description;
+        return {"Start failed: " + failure->description, true};
     }
     const auto& response = std::get<HttpResponse>(outcome);
     const auto json = jsonObject(response.body);
     if (isSuccess(response.statusCode)) {
-        return stringMember(json, "message").value_or("Queued — WDA starts in ~30s");
+        return {stringMember(json, "message").value_or("Queued — WDA starts in ~30s"), false};
     }
-    return stringMember(json, "error")
-        .value_or("Start refused (" + std::to_string(response.statusCode) + ")");
+    return {stringMember(json, "error")
+                .value_or("Start refused (" + std::to_string(response.statusCode) + ")"),
+            true};
 }
 
-enum class ServiceState { localCheck, reported };
-
-// The text for the service's answer; `localCheck` when the service says "active", which only
-// the phone's own server may confirm.
-std::pair<ServiceState, std::string> serviceStatusText(const HttpOutcome& outcome) {
+// The line for the service's answer; none when the service says "active", which only the
+// phone's own server may confirm.
+std::optional<TouchControlLine> serviceStatusLine(const HttpOutcome& outcome) {
     if (const auto* failure = std::get_if<HttpTransportError>(&outcome)) {
-        return {ServiceState::reported, "Can't reach Velmorand: " + failure->description};
+        return TouchControlLine{"Can't reach Velmorand: " + failure->description, true};
     }
     const auto& response = std::get<HttpResponse>(outcome);
-    const auto failedCheck = "Status check failed (" + std::to_string(response.statusCode) + ")";
+    const TouchControlLine failedCheck{
+        "Status check failed (" + std::to_string(response.statusCode) + ")", true};
     if (!isSuccess(response.statusCode)) {
-        return {ServiceState::reported, failedCheck};
+        return failedCheck;
     }
     nlohmann::json json;
     try {
         json = parseJson(response.body.value_or(""));
     } catch (const JsonParseError& error) {
-        return {ServiceState::reported, "Can't reach Velmorand: " + error.description()};
+        return TouchControlLine{"Can't reach Velmorand: " + error.description(), true};
     }
     if (!json.is_object()) {
-        return {ServiceState::reported, failedCheck};
+        return failedCheck;
     }
     if (const auto it = json.find("enabled");
         it != json.end() && it->is_boolean() && !it->get<bool>()) {
-        return {ServiceState::reported, "Touch server offline — ask Velmorand ops"};
+        return TouchControlLine{"Touch server offline — ask Velmorand ops", true};
     }
     const auto state = stringMember(json, "wdaStatus").value_or("idle");
     const auto detail = stringMember(json, "wdaDetail");
     if (state == "active") {
-        return {ServiceState::localCheck, {}};
+        return std::nullopt;
     }
     if (state == "starting") {
-        return {ServiceState::reported,
-                detail.value_or("Starting touch control on Velmorand Mac…")};
+        return TouchControlLine{detail.value_or("Starting touch control on Velmorand Mac…"), false};
     }
     if (state == "error") {
-        return {ServiceState::reported, detail.value_or("Touch start failed — try again")};
+        return TouchControlLine{detail.value_or("Touch start failed — try again"), true};
     }
-    return {ServiceState::reported, "Touch control: idle — tap Start (or use the dashboard)"};
+    return TouchControlLine{"Touch control: idle — tap Start (or use the dashboard)", false};
 }
 
 bool localServerReady(const HttpOutcome& outcome) {
@@ -128,7 +127,7 @@ std::string PairingModel::bridgeEndpoint(const std::optional<std::string>& store
 void PairingModel::startWda() {
     const auto values = services_.config.load();
     if (!values.accessKey || values.accessKey->empty()) {
-        setWdaStatus("Pair this device first (access key required)");
+        setWdaStatus({"Pair this device first (access key required)", true});
         return;
     }
     auto url = bridgeEndpoint(values.appURL);
@@ -136,7 +135,7 @@ void PairingModel::startWda() {
         return;
     }
     setBridgeBusy(true);
-    setWdaStatus("Queuing touch control on Velmorand Mac…");
+    setWdaStatus({"Queuing touch control on Velmorand Mac…", false});
 
     std::weak_ptr<PairingModel> weakSelf = weak_from_this();
     HttpRequest request;
@@ -148,22 +147,23 @@ void PairingModel::startWda() {
         request.body = dumpJson(nlohmann::json{{"accessKey", *values.accessKey}});
     } catch (const JsonEncodeError& error) {
         // Nothing is sent, but the wait and the follow-up check still run.
-        services_.mainQueue.post([weakSelf, text = "Start failed: " + error.description()] {
-            if (const auto self = weakSelf.lock()) {
-                self->finishStart(text);
-            }
-        });
+        services_.mainQueue.post(
+            [weakSelf, line = TouchControlLine{"Start failed: " + error.description(), true}] {
+                if (const auto self = weakSelf.lock()) {
+                    self->finishStart(line);
+                }
+            });
         return;
     }
     services_.http.send(std::move(request), [weakSelf](HttpOutcome outcome) {
         if (const auto self = weakSelf.lock()) {
-            self->finishStart(startText(outcome));
+            self->finishStart(startLine(outcome));
         }
     });
 }
 
-void PairingModel::finishStart(const std::string& text) {
-    setWdaStatus(text);
+void PairingModel::finishStart(const TouchControlLine& line) {
+    setWdaStatus(line);
     std::weak_ptr<PairingModel> weakSelf = weak_from_this();
     services_.mainQueue.postAfter(kFollowUpDelay, [weakSelf] {
         if (const auto self = weakSelf.lock()) {
@@ -176,7 +176,8 @@ void PairingModel::finishStart(const std::string& text) {
 void PairingModel::refreshWdaStatus() {
     const auto values = services_.config.load();
     if (!values.accessKey || values.accessKey->empty()) {
-        setWdaStatus(paired_ ? "Missing access key — re-pair this device" : "");
+        setWdaStatus(paired_ ? TouchControlLine{"Missing access key — re-pair this device", true}
+                             : TouchControlLine{});
         return;
     }
     auto url = appendingQueryItem(bridgeEndpoint(values.appURL), "accessKey", *values.accessKey);
@@ -191,11 +192,10 @@ void PairingModel::refreshWdaStatus() {
         if (!self) {
             return;
         }
-        auto [state, text] = serviceStatusText(outcome);
-        if (state == ServiceState::localCheck) {
-            self->checkLocalServer();
+        if (auto line = serviceStatusLine(outcome)) {
+            self->setWdaStatus(std::move(*line));
         } else {
-            self->setWdaStatus(std::move(text));
+            self->checkLocalServer();
         }
     });
 }
@@ -207,9 +207,10 @@ void PairingModel::checkLocalServer() {
     std::weak_ptr<PairingModel> weakSelf = weak_from_this();
     services_.http.send(std::move(request), [weakSelf](HttpOutcome outcome) {
         if (const auto self = weakSelf.lock()) {
-            self->setWdaStatus(localServerReady(outcome)
-                                   ? "Touch control: active"
-                                   : "Touch control stopped — tap Start to restart");
+            self->setWdaStatus(
+                localServerReady(outcome)
+                    ? TouchControlLine{"Touch control: active", false}
+                    : TouchControlLine{"Touch control stopped — tap Start to restart", false});
         }
     });
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QTimer>
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "CommandRunner.h"
@@ -133,10 +134,13 @@ TEST_F(PairingCommandTest, RelayPreferenceAndPairLink) {
 }
 
 TEST_F(PairingCommandTest, TouchControlStartsAndIsConfirmedByTheLocalServer) {
-    EXPECT_EQ(velmorand({"touch", "start"}).out, "Pair this device first (access key required)\n");
+    const auto unpaired = velmorand({"touch", "start"});
+    EXPECT_EQ(unpaired.out, "Pair this device first (access key required)\n");
+    EXPECT_EQ(unpaired.exitCode, 1);
     ASSERT_EQ(velmorand({"pair", kDemoKey}).exitCode, 0);
-    EXPECT_EQ(velmorand({"touch", "status"}).out,
-              "Touch control: idle — tap Start (or use the dashboard)\n");
+    const auto idle = velmorand({"touch", "status"});
+    EXPECT_EQ(idle.out, "Touch control: idle — tap Start (or use the dashboard)\n");
+    EXPECT_EQ(idle.exitCode, 0);
 
     // Holds the start's own text for the 8-second wait, then shows what the follow-up check finds.
     const auto started = velmorand({"touch", "start"});
@@ -148,12 +152,85 @@ TEST_F(PairingCommandTest, TouchControlStartsAndIsConfirmedByTheLocalServer) {
     const auto unconfirmed =
         velmorand({"touch", "status"}, {"VELMORAND_WDA_URL=http://127.0.0.1:1/status"});
     EXPECT_EQ(unconfirmed.out, "Touch control stopped — tap Start to restart\n");
+    EXPECT_EQ(unconfirmed.exitCode, 0);
 
     const auto status = nlohmann::json::parse(velmorand({"status", "--json"}).out);
-    EXPECT_EQ(status["paired"], true);
+    EXPECT_EQ(status["isPaired"], true);
     EXPECT_EQ(status["deviceName"], "Sandbox iPhone");
     EXPECT_EQ(status["wdaStatus"], "Touch control: active");
     EXPECT_EQ(status["appURL"], serviceUrl_);
+}
+
+// What the stores did not keep is not reported as saved: the command says where and why.
+TEST_F(PairingCommandTest, SavesTheStoresDidNotKeepFail) {
+    const auto plainFile = data_.path() / "plain-file";
+    std::ofstream(plainFile) << "not a directory\n";
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"pair", kDemoKey}, "could not save the pairing: cannot write "},
+        {{"encode", "--fps", "5"}, "could not save the encode preferences: cannot write "},
+        {{"relay", "--region", "eu"}, "could not save the relay preference: cannot write "},
+    };
+    for (const auto& [command, message] : cases) {
+        auto arguments = command;
+        arguments.insert(arguments.begin(), {"--data-dir", plainFile.string(), "--bundle-dir",
+                                             VELMORAND_DEV_BUNDLE, "--service-url", serviceUrl_});
+        const auto result = testing::runCommand(VELMORAND_CLI, arguments);
+        EXPECT_EQ(result.exitCode, 1) << result.out;
+        EXPECT_NE(result.err.find("velmorand: " + message + plainFile.string()), std::string::npos)
+            << result.err;
+    }
+}
+
+// A touch-control line that reports a failure ends the command with status 1.
+TEST_F(PairingCommandTest, TouchControlFailuresExitOne) {
+    ASSERT_EQ(velmorand({"pair", kDemoKey}).exitCode, 0);
+    const std::tuple<sandbox::WdaMode, std::vector<std::string>, std::string> cases[] = {
+        {sandbox::WdaMode::error, {"touch", "status"}, "Sandbox says no\n"},
+        {sandbox::WdaMode::disabled,
+         {"touch", "status"},
+         "Touch server offline — ask Velmorand ops\n"},
+    };
+    for (const auto& [mode, command, out] : cases) {
+        sandbox_.setWdaMode(mode);
+        const auto result = velmorand(command);
+        EXPECT_EQ(result.out, out);
+        EXPECT_EQ(result.exitCode, 1);
+    }
+    sandbox_.suspend();
+    const auto unreachable = velmorand({"touch", "start"});
+    EXPECT_EQ(unreachable.out,
+              "Queuing touch control on Velmorand Mac…\nStart failed: Connection refused\n"
+              "Can't reach Velmorand: Connection refused\n");
+    EXPECT_EQ(unreachable.exitCode, 1);
+}
+
+// People read labels, the local state at once and a word on what a slow check waits for.
+TEST(PairingCommandSlowService, StatusSaysWhatItWaitsFor) {
+    sandbox::SandboxOptions options;
+    options.wdaMode = sandbox::WdaMode::slow;
+    options.slowDelay = std::chrono::milliseconds(2500);
+    sandbox::Sandbox service(options);
+    std::string error;
+    ASSERT_TRUE(service.start(&error)) << error;
+    testing::TempDir data;
+    const auto velmorand = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(),
+                         {"--data-dir", data.path().string(), "--bundle-dir", VELMORAND_DEV_BUNDLE,
+                          "--service-url", service.baseUrl()});
+        return testing::runCommand(VELMORAND_CLI, arguments);
+    };
+    ASSERT_EQ(velmorand({"pair", kDemoKey}).exitCode, 0);
+
+    const auto status = velmorand({"status"});
+    EXPECT_EQ(status.exitCode, 0);
+    EXPECT_EQ(status.out,
+              "Paired: yes\nDevice: Sandbox iPhone\n"
+              "Relay region: auto\nService: " +
+                  service.baseUrl() +
+                  "\nBroadcast extension: co.velmorand.connect.broadcast\n"
+                  "Touch control: idle — tap Start (or use the dashboard)\n");
+    EXPECT_EQ(status.err,
+              "velmorand: waiting for the touch-control state from " + service.baseUrl() + "…\n");
 }
 
 // What a viewer sends is printed line by line, however it is nested, until the relay refuses the

@@ -22,21 +22,29 @@ TEST(TouchControl, TheStatusCheckSetsOnlyTheTouchControlLine) {
         // The local server's answer when it must be asked (with a 2-second limit).
         std::optional<HttpOutcome> local;
         std::string text;
+        bool failure;  // a state the service could not report, or touch control cannot reach
     } cases[] = {
-        {transportError("Timed out."), {}, "Can't reach Velmorand: Timed out."},
-        {answer(503, R"({"wdaStatus":"active"})"), {}, "Status check failed (503)"},
-        {answer(200, "nope"), {}, notJson},
+        {transportError("Timed out."), {}, "Can't reach Velmorand: Timed out.", true},
+        {answer(503, R"({"wdaStatus":"active"})"), {}, "Status check failed (503)", true},
+        {answer(200, "nope"), {}, notJson, true},
+        {answer(200, "[]"), {}, "Status check failed (200)", true},
         {answer(200, R"({"enabled":false,"wdaStatus":"active"})"),
          {},
-         "Touch server offline — ask Velmorand ops"},
+         "Touch server offline — ask Velmorand ops",
+         true},
         {answer(200, R"({"wdaStatus":"error","wdaDetail":7})"),
          {},
-         "Touch start failed — try again"},
-        {answer(200, R"({"wdaStatus":"error","wdaDetail":"No Mac"})"), {}, "No Mac"},
-        {answer(200, R"({"wdaStatus":"ACTIVE"})"), {}, kIdle},
-        {active, answer(200, R"({"value":{"ready":true}})"), "Touch control: active"},
-        {active, answer(200, R"({"value":{"ready":false}})"), kStopped},
-        {active, answer(200, R"({"value":{"ready":1}})"), kStopped},
+         "Touch start failed — try again",
+         true},
+        {answer(200, R"({"wdaStatus":"error","wdaDetail":"No Mac"})"), {}, "No Mac", true},
+        {answer(200, R"({"wdaStatus":"starting"})"),
+         {},
+         "Starting touch control on Velmorand Mac…",
+         false},
+        {answer(200, R"({"wdaStatus":"ACTIVE"})"), {}, kIdle, false},
+        {active, answer(200, R"({"value":{"ready":true}})"), "Touch control: active", false},
+        {active, answer(200, R"({"value":{"ready":false}})"), kStopped, false},
+        {active, answer(200, R"({"value":{"ready":1}})"), kStopped, false},
     };
     testing::PairingHarness h;
     h.update([](auto& values) { values.accessKey = "K"; });
@@ -49,6 +57,7 @@ TEST(TouchControl, TheStatusCheckSetsOnlyTheTouchControlLine) {
         h.model->refreshWdaStatus();
         h.queue.runReady();
         EXPECT_EQ(h.model->wdaStatus(), c.text);
+        EXPECT_EQ(h.model->touchControlFailed(), c.failure);
         EXPECT_EQ(h.model->status(), "pairing line");
         const auto local = h.http.requests("GET", kLocalURL);
         ASSERT_EQ(local.size(), asked + (c.local ? 1 : 0));

@@ -1,9 +1,12 @@
 #include "velmorand/desktop/DataRoot.h"
 
+#include <fcntl.h>
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 namespace velmorand {
@@ -74,6 +77,24 @@ std::filesystem::path DataRoot::groupStoreFile() const {
 
 std::filesystem::path DataRoot::keychainFile() const {
     return root_ / "Keychain" / "keychain.plist";
+}
+
+std::optional<std::string> DataRoot::unwritable() const {
+    for (const auto& file : {standardStoreFile(), groupStoreFile(), keychainFile()}) {
+        const auto directory = file.parent_path();
+        std::error_code error;
+        std::filesystem::create_directories(directory, error);
+        const auto probe = directory / (".write-check-" + std::to_string(::getpid()));
+        const int descriptor =
+            error ? -1 : ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (descriptor < 0) {
+            const std::string why = error ? error.message() : std::strerror(errno);
+            return "cannot write " + directory.string() + ": " + why;
+        }
+        ::close(descriptor);
+        ::unlink(probe.c_str());
+    }
+    return std::nullopt;
 }
 
 }  // namespace velmorand

@@ -37,6 +37,13 @@ struct PairingServices {
 
 // The observable state behind the main screen. Lives on the main queue: every call, getter and
 // observer notification happens there.
+// One touch-control line, and whether it reports a failure (the service unreachable or
+// refusing, a start that failed) rather than a state.
+struct TouchControlLine {
+    std::string text;
+    bool failure = false;
+};
+
 class PairingModel : public std::enable_shared_from_this<PairingModel> {
     struct Token {};
 
@@ -66,6 +73,8 @@ class PairingModel : public std::enable_shared_from_this<PairingModel> {
     const std::string& relayRegion() const { return relayRegion_; }
     const std::string& relayOverride() const { return relayOverride_; }
     const std::string& wdaStatus() const { return wdaStatus_; }
+    // Whether the touch-control line reports a failure, for callers that act on it.
+    bool touchControlFailed() const { return touchControlFailed_; }
     bool bridgeBusy() const { return bridgeBusy_; }
     const std::string& bridgeUrl() const { return bridgeUrl_; }
     const std::string& appURL() const { return services_.appURL; }
@@ -104,7 +113,7 @@ class PairingModel : public std::enable_shared_from_this<PairingModel> {
     void setPaired(bool value);
     void setDeviceName(std::string value);
     void setBusy(bool value);
-    void setWdaStatus(std::string value);
+    void setWdaStatus(TouchControlLine line);
     void setBridgeBusy(bool value);
     void setBridgeUrl(std::string value);
 
@@ -114,7 +123,7 @@ class PairingModel : public std::enable_shared_from_this<PairingModel> {
 
     // Base URL + "/api/agent/wda" for the stored (else default) base URL.
     std::string bridgeEndpoint(const std::optional<std::string>& storedAppURL) const;
-    void finishStart(const std::string& text);
+    void finishStart(const TouchControlLine& line);
     void checkLocalServer();
 
     PairingServices services_;
@@ -127,6 +136,7 @@ class PairingModel : public std::enable_shared_from_this<PairingModel> {
     std::string relayRegion_ = "auto";
     std::string relayOverride_;
     std::string wdaStatus_;
+    bool touchControlFailed_ = false;
     bool bridgeBusy_ = false;
     std::string bridgeUrl_;
 };

@@ -33,6 +33,12 @@ class DataRoot {
     std::filesystem::path groupStoreFile() const;
     std::filesystem::path keychainFile() const;
 
+    // Why the stores cannot be written here ("cannot write /x/Preferences: Permission denied"),
+    // found by writing and removing a file beside each; absent when they can. The stores never
+    // report a failed write, so that the flows go on as they must; a program that promises a
+    // save checks with this.
+    std::optional<std::string> unwritable() const;
+
   private:
     std::filesystem::path root_;
 };
