@@ -59,7 +59,8 @@ bool complete(const QByteArray& buffer) {
     return headerEnd >= 0 && buffer.size() >= headerEnd + 4 + length;
 }
 
-// What a loopback server presents: one of the test certificates with its key.
+}  // namespace
+
 QSslConfiguration serverTls(const std::filesystem::path& certificate,
                             const std::filesystem::path& key) {
     auto configuration = QSslConfiguration::defaultConfiguration();
@@ -67,8 +68,6 @@ QSslConfiguration serverTls(const std::filesystem::path& certificate,
     configuration.setPrivateKey(QSslKey(readAll(key), QSsl::Ec));
     return configuration;
 }
-
-}  // namespace
 
 const TestPki& testPki() {
     static const std::filesystem::path dir = VELMORAND_TEST_PKI_DIR;

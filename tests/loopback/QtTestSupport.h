@@ -30,6 +30,10 @@ struct TestPki {
 };
 const TestPki& testPki();
 
+// What a loopback server presents: one of the test certificates with its key.
+QSslConfiguration serverTls(const std::filesystem::path& certificate,
+                            const std::filesystem::path& key);
+
 // A loopback HTTP or HTTPS server. Each request, once read whole, is recorded and answered with
 // `head` at once, then `dribble` one byte every `every`, then a hang-up. Without a head it holds
 // every connection open without a word.

@@ -8,12 +8,14 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "QtTestSupport.h"
 #include "RecordingLog.h"
+#include "ScopedEnv.h"
 #include "ScriptedRelay.h"
 #include "velmorand/qt/QtMainQueue.h"
 #include "velmorand/qt/QtWebSocketSession.h"
@@ -46,7 +48,8 @@ std::string reconnecting(const char* seconds) {
 // One client on one scripted relay; every fixture below derives from it.
 class Link {
   protected:
-    explicit Link(SocketThread socketThread) : socketThread_(socketThread) {}
+    explicit Link(SocketThread socketThread, std::optional<ScriptedServer::Tls> tls = std::nullopt)
+        : socketThread_(socketThread), relay_(std::move(tls)) {}
 
     void start() {
         client_ = RelayClient::make(relay_.base(), "device-token",
@@ -312,6 +315,32 @@ TEST_P(RelayFaultsTest, ALinkThatStopsDrainingIsGivenUp) {
 
 INSTANTIATE_TEST_SUITE_P(, RelayFaultsTest, kThreads,
                          [](const auto& info) { return threadName(info.param); });
+
+// The relay's link is TLS in use: what waits encrypted counts as much as what waits to be.
+class TlsRelayFaultsTest : public Link, public ::testing::Test {
+  protected:
+    TlsRelayFaultsTest()
+        : Link(SocketThread::own,
+               ScriptedServer::Tls{testPki().serverCertificate, testPki().serverKey}) {}
+
+    ScopedEnv trust_{"VELMORAND_CA_FILE", testPki().caCertificate.c_str()};
+};
+
+TEST_F(TlsRelayFaultsTest, ALinkThatStopsDrainingIsGivenUp) {
+    startHealthy();
+    relay_.latest()->stopReading();
+    const std::string stalled = recvError("The peer has stopped reading what is sent to it");
+    std::size_t sent = 0;
+    for (auto lines = newLines(); std::find(lines.begin(), lines.end(), stalled) == lines.end();
+         lines = newLines()) {
+        // Well past the bound, but not so far that a link never given up eats the machine.
+        ASSERT_LT(sent, 4 * WebSocketLimits::kMaxUnwrittenBytes) << "never given up";
+        client_->transmit(std::string(1024 * 1024, 'x'), std::nullopt);
+        sent += 1024 * 1024;
+        pumpFor(5ms);
+    }
+    EXPECT_LT(sent, 2 * WebSocketLimits::kMaxUnwrittenBytes);
+}
 
 }  // namespace
 }  // namespace velmorand::testing

@@ -3,6 +3,8 @@
 #include <sys/socket.h>
 
 #include <QCryptographicHash>
+#include <QSslServer>
+#include <QSslSocket>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -69,7 +71,7 @@ void RelayPeer::sendText(const std::string& text) {
 }
 
 void RelayPeer::sendRaw(const QByteArray& bytes) {
-    if (!reading_) {
+    if (!reading_ && qobject_cast<QSslSocket*>(socket_) == nullptr) {
         // Past Qt, which may hold writes back on a socket whose reading it has paused; what the
         // device's side has no room for is lost, as a relay's probes may be.
         ::send(static_cast<int>(socket_->socketDescriptor()), bytes.constData(),
@@ -154,20 +156,29 @@ void RelayPeer::readFrames() {
     }
 }
 
-ScriptedRelay::ScriptedRelay() {
-    if (!server_.listen(QHostAddress::LocalHost)) {
+ScriptedRelay::ScriptedRelay(std::optional<ScriptedServer::Tls> tls) {
+    if (tls) {
+        auto server = std::make_unique<QSslServer>();
+        server->setSslConfiguration(serverTls(tls->certificate, tls->key));
+        server_ = std::move(server);
+    } else {
+        server_ = std::make_unique<QTcpServer>();
+    }
+    if (!server_->listen(QHostAddress::LocalHost)) {
         throw std::runtime_error("cannot listen on loopback");
     }
     beHealthy();
-    QObject::connect(&server_, &QTcpServer::newConnection, &server_, [this] {
-        while (QTcpSocket* socket = server_.nextPendingConnection()) {
+    // QSslServer hands connections out once encrypted; the plain server at once.
+    QObject::connect(server_.get(), &QTcpServer::pendingConnectionAvailable, server_.get(), [this] {
+        while (QTcpSocket* socket = server_->nextPendingConnection()) {
             accept(socket);
         }
     });
 }
 
 std::string ScriptedRelay::base() const {
-    return "ws://127.0.0.1:" + std::to_string(server_.serverPort());
+    const bool tls = qobject_cast<const QSslServer*>(server_.get()) != nullptr;
+    return (tls ? "wss://127.0.0.1:" : "ws://127.0.0.1:") + std::to_string(server_->serverPort());
 }
 
 void ScriptedRelay::beHealthy() {

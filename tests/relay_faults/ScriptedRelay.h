@@ -7,8 +7,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "QtTestSupport.h"
 
 namespace velmorand::testing {
 
@@ -51,9 +54,10 @@ class RelayPeer {
 // gets one "latency_ping" probe and counts its answer.
 class ScriptedRelay {
   public:
-    ScriptedRelay();
+    // Over TLS with `tls`, plain otherwise.
+    explicit ScriptedRelay(std::optional<ScriptedServer::Tls> tls = std::nullopt);
 
-    // "ws://127.0.0.1:<port>", the relay base the device appends "/device" to.
+    // "ws(s)://127.0.0.1:<port>", the relay base the device appends "/device" to.
     std::string base() const;
 
     // Healthy behaviour from the next connection on.
@@ -74,7 +78,7 @@ class ScriptedRelay {
   private:
     void accept(QTcpSocket* socket);
 
-    QTcpServer server_;
+    std::unique_ptr<QTcpServer> server_;
     std::vector<std::chrono::steady_clock::time_point> accepted_;
     std::vector<QByteArray> requests_;
     std::vector<std::unique_ptr<RelayPeer>> peers_;

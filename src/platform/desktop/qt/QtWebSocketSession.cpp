@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QNetworkRequest>
 #include <QObject>
+#include <QSslSocket>
 #include <QThread>
 #include <QTimer>
 #include <QUrl>
@@ -190,7 +191,12 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         auto waiting = std::move(sends_);
         sends_.clear();
         for (auto& [message, completion] : waiting) {
-            transmit(message, std::move(completion));
+            // One of them may have ended the link (or the delegate did): the rest fail with it.
+            if (ended_) {
+                completion(WebSocketError{endReason_});
+            } else {
+                transmit(message, std::move(completion));
+            }
         }
     }
 
@@ -336,12 +342,23 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         }
     }
 
+    // What the socket holds that the system has not taken. Over TLS, the WebSocket's count stops
+    // at what waits to be encrypted; what waits encrypted is the TLS socket's inside it (Qt
+    // encrypts at its next turn, into a buffer of no bound).
+    qint64 unwrittenBytes() const {
+        qint64 unwritten = socket_->bytesToWrite();
+        if (const auto* tls = socket_->findChild<QSslSocket*>()) {
+            unwritten += tls->encryptedBytesToWrite();
+        }
+        return unwritten;
+    }
+
     // A send completes when the socket's buffer has drained past its last byte. Qt appends a
     // message to that buffer whole and writes it out later, so what the buffer grew by is the
     // message as it goes on the wire (frame headers and TLS records included or not, the count
     // stays in one unit). Other writes (automatic pongs) only make the count cautious.
     void transmit(const WebSocketMessage& message, SendCompletion completion) {
-        const qint64 before = socket_->bytesToWrite();
+        const qint64 before = unwrittenBytes();
         if (static_cast<std::uint64_t>(before) + message.payload.size() >
             WebSocketLimits::kMaxUnwrittenBytes) {
             completion(WebSocketError{kNotReading});
@@ -357,8 +374,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
             completion(WebSocketError{socket_->errorString().toStdString()});
             return;
         }
-        queuedBytes_ +=
-            static_cast<std::uint64_t>(std::max<qint64>(0, socket_->bytesToWrite() - before));
+        queuedBytes_ += static_cast<std::uint64_t>(std::max<qint64>(0, unwrittenBytes() - before));
         unwritten_.emplace_back(queuedBytes_, std::move(completion));
         completeWritten();
     }
@@ -370,8 +386,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         if (socket_ == nullptr) {
             return;
         }
-        const auto pending =
-            static_cast<std::uint64_t>(std::max<qint64>(0, socket_->bytesToWrite()));
+        const auto pending = static_cast<std::uint64_t>(std::max<qint64>(0, unwrittenBytes()));
         const std::uint64_t written = queuedBytes_ > pending ? queuedBytes_ - pending : 0;
         if (pending == 0 || written > writtenAtCheck_) {
             writtenAtCheck_ = written;
@@ -385,8 +400,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         if (socket_ == nullptr) {
             return;
         }
-        const auto pending =
-            static_cast<std::uint64_t>(std::max<qint64>(0, socket_->bytesToWrite()));
+        const auto pending = static_cast<std::uint64_t>(std::max<qint64>(0, unwrittenBytes()));
         const std::uint64_t written = queuedBytes_ > pending ? queuedBytes_ - pending : 0;
         while (!unwritten_.empty() && unwritten_.front().first <= written) {
             auto completion = std::move(unwritten_.front().second);
