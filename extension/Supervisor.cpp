@@ -1,5 +1,6 @@
 #include "velmorand/extension/Supervisor.h"
 
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -101,6 +102,7 @@ int Supervisor::run(Log& log, const std::function<int()>& broadcast) {
     sigaddset(&childSignal, SIGCHLD);
     ::sigprocmask(SIG_BLOCK, &childSignal, nullptr);
 
+    const pid_t supervisor = ::getpid();
     while (true) {
         const auto started = Clock::now();
         const pid_t child = ::fork();
@@ -109,6 +111,12 @@ int Supervisor::run(Log& log, const std::function<int()>& broadcast) {
             return 1;
         }
         if (child == 0) {
+            // A broadcast nobody supervises is one nobody can stop: it ends with its supervisor
+            // (killed, say), as if told to stop, and at once when that has already happened.
+            ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+            if (::getppid() != supervisor) {
+                std::_Exit(1);
+            }
             // The broadcast starts processes of its own and must hear of their ends.
             ::sigprocmask(SIG_UNBLOCK, &childSignal, nullptr);
             std::exit(broadcast());

@@ -63,6 +63,9 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& lo
     client->setReconnectPolicy(options.reconnect);
     RelayFrameSink frames(*client);
     auto desktop = desktopServices(desktopFacts(options.desktop), frames, log, std::move(grants));
+    if (options.viewOnly) {
+        desktop.shareScreen();
+    }
     Broadcast broadcast(
         {.client = *client,
          .log = log,
@@ -141,6 +144,9 @@ int runExtension(int argc, char** argv, const ExtensionOptions& options) {
 int main(int argc, char** argv) {
     // Before any thread exists, so that none of them takes the stop signals.
     StopSignals::block();
+    // A pipe whose reader went (a program that took a paste and closed early) is an error to
+    // handle where it is written, not a reason to end the broadcast.
+    std::signal(SIGPIPE, SIG_IGN);
 
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     auto parsed = ExtensionOptions::parse(arguments, VELMORAND_VERSION);

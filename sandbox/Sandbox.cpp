@@ -256,15 +256,23 @@ class Sandbox::Impl {
                        [this](const QHttpServerRequest& request, QHttpServerResponder&& responder) {
                            wdaStatus(request, std::move(responder));
                        });
-        service_.route(QStringLiteral("/admin/last-handshake"), Method::Get, [this] {
-            if (!lastHandshake_) {
-                return errorResponse(QStringLiteral("No handshake yet"), Status::NotFound);
-            }
-            return QHttpServerResponse(QByteArrayLiteral("application/json"),
-                                       QByteArray::fromStdString(*lastHandshake_));
-        });
+        service_.route(QStringLiteral("/admin/last-handshake"), Method::Get,
+                       [this](const QHttpServerRequest& request) {
+                           if (auto refused = foreignHost(request)) {
+                               return std::move(*refused);
+                           }
+                           if (!lastHandshake_) {
+                               return errorResponse(QStringLiteral("No handshake yet"),
+                                                    Status::NotFound);
+                           }
+                           return QHttpServerResponse(QByteArrayLiteral("application/json"),
+                                                      QByteArray::fromStdString(*lastHandshake_));
+                       });
         service_.route(QStringLiteral("/admin/wda-mode"), Method::Post,
-                       [this](const QHttpServerRequest& request) { return switchMode(request); });
+                       [this](const QHttpServerRequest& request) {
+                           auto refused = foreignHost(request);
+                           return refused ? std::move(*refused) : switchMode(request);
+                       });
         // QHttpServer hands an upgrade over only once a route has taken the request; the route
         // answers nothing itself, then the relay gets the socket.
         for (const auto& path :
@@ -278,13 +286,13 @@ class Sandbox::Impl {
                 });
         }
         service_.route(QStringLiteral("/admin/relay"), Method::Get,
-                       [this] { return QHttpServerResponse(relayState()); });
+                       [this](const QHttpServerRequest& request) {
+                           auto refused = foreignHost(request);
+                           return refused ? std::move(*refused) : QHttpServerResponse(relayState());
+                       });
         service_.route(QStringLiteral("/"), Method::Get, [this](const QHttpServerRequest& request) {
-            // A page of another name that resolves here (DNS rebinding) must not read the token.
-            if (!relay_.isOwnHost(request.value(QByteArrayLiteral("host")))) {
-                return errorResponse(
-                    QStringLiteral("Open the viewer by this sandbox's own address"),
-                    Status::Forbidden);
+            if (auto refused = foreignHost(request)) {
+                return std::move(*refused);
             }
             return viewerFile(QStringLiteral("index.html"),
                               QByteArrayLiteral("text/html; charset=utf-8"), viewerToken_);
@@ -298,11 +306,25 @@ class Sandbox::Impl {
                               QByteArrayLiteral("text/css; charset=utf-8"));
         });
         service_.route(QStringLiteral("/admin/relay/close-device"), Method::Post,
-                       [this](const QHttpServerRequest& request) { return closeDevice(request); });
+                       [this](const QHttpServerRequest& request) {
+                           auto refused = foreignHost(request);
+                           return refused ? std::move(*refused) : closeDevice(request);
+                       });
         automation_.route(QStringLiteral("/status"), Method::Get, [] {
             return QHttpServerResponse(QJsonObject{
                 {QStringLiteral("value"), QJsonObject{{QStringLiteral("ready"), true}}}});
         });
+    }
+
+    // The page and the admin routes answer only requests addressed to this sandbox by its own
+    // name: a page of another name that resolves here (DNS rebinding) must not read the viewer
+    // token or the last access key, nor drive the relay.
+    std::optional<QHttpServerResponse> foreignHost(const QHttpServerRequest& request) const {
+        if (relay_.isOwnHost(request.value(QByteArrayLiteral("host")))) {
+            return std::nullopt;
+        }
+        return errorResponse(QStringLiteral("Open the sandbox by its own address"),
+                             Status::Forbidden);
     }
 
     QJsonObject relayState() const {

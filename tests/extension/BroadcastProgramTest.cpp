@@ -6,6 +6,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QProcess>
+#include <QTcpSocket>
 #include <QWebSocket>
 #include <chrono>
 #include <functional>
@@ -175,6 +176,17 @@ TEST_F(BroadcastProgramTest, TheDeliberateStopIsSurvivedAndAStopAskedForIsNot) {
     EXPECT_TRUE(pumpUntil([this] { return !sandbox_->deviceConnected(); }));
 }
 
+// The broadcast runs in a child of the program; killed, the program takes it along: nothing
+// streams or takes commands where nobody can stop it.
+TEST_F(BroadcastProgramTest, AKilledProgramTakesItsBroadcastAlong) {
+    pair();
+    auto& process = start();
+    connected();
+    process.kill();
+    EXPECT_TRUE(pumpUntil([this] { return !sandbox_->deviceConnected(); }, 10s));
+    EXPECT_TRUE(pumpUntil([this] { return logHas("stopped (SIGTERM)"); })) << extensionLog();
+}
+
 TEST_F(BroadcastProgramTest, RelaysThatWouldExposeTheTokenAreRefused) {
     const std::pair<std::string, std::string> rows[] = {
         {"ws://relay.example.org/r",
@@ -223,6 +235,36 @@ TEST_F(BroadcastProgramTest, ViewersNeedTheTokenAndComeFromNoPageOrTheSandboxsOw
             << row.query.toStdString() << " " << row.origin.toStdString();
         viewer.abort();
         pumpUntil([&] { return sandbox_->viewerCount() == 0; });
+    }
+}
+
+// A page of another name that resolves here (DNS rebinding) reads neither the viewer token nor
+// the last access key, and drives nothing.
+TEST_F(BroadcastProgramTest, TheSandboxAnswersItsPageAndAdminOnlyByItsOwnName) {
+    const QUrl own(QString::fromStdString(sandbox_->baseUrl()));
+    const QByteArray port = QByteArray::number(own.port());
+    const auto statusOf = [&](const QByteArray& method, const QByteArray& path,
+                              const QByteArray& host) {
+        QTcpSocket socket;
+        socket.connectToHost(own.host(), static_cast<quint16>(own.port()));
+        socket.write(method + " " + path + " HTTP/1.1\r\nHost: " + host +
+                     "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+        QByteArray answer;
+        QObject::connect(&socket, &QTcpSocket::readyRead, [&] { answer += socket.readAll(); });
+        pumpUntil([&] { return answer.contains("\r\n"); });
+        return answer.mid(9, 3).toInt();  // "HTTP/1.1 403 ..."
+    };
+    const QByteArray foreign = "rebound.example:" + port;
+    const std::tuple<QByteArray, QByteArray, int> rows[] = {
+        {"GET", "/", 403},
+        {"GET", "/admin/last-handshake", 403},
+        {"GET", "/admin/relay", 403},
+        {"POST", "/admin/relay/close-device", 403},
+        {"POST", "/admin/wda-mode", 403},
+    };
+    for (const auto& [method, path, status] : rows) {
+        EXPECT_EQ(statusOf(method, path, foreign), status) << path.toStdString();
+        EXPECT_NE(statusOf(method, path, "127.0.0.1:" + port), 403) << path.toStdString();
     }
 }
 
