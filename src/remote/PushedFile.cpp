@@ -52,7 +52,7 @@ std::string PushedFile::safeName(std::string_view name) {
             c = '_';
         }
     }
-    base = isValidUtf8(base) ? withoutFormatCharacters(base) : "file";
+    base = isValidUtf8(base) ? withoutInvisibleCharacters(base) : "file";
     base.erase(0, base.find_first_not_of('.'));
     if (base.size() > kMaxNameBytes) {
         const auto dot = base.rfind('.');

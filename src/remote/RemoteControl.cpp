@@ -167,6 +167,9 @@ void RemoteControl::run() {
         lock.unlock();
         if (Clock::now() - next.since > limits_.longestWait) {
             report_(next.control, refused("waited more than " + durationText(limits_.longestWait)));
+        } else if (interrupted()) {
+            // Cancelled as it was taken: it goes the way of those that still waited.
+            report_(next.control, refused("cancelled before it ran"));
         } else {
             report_(next.control, carryOut(next.control));
         }
@@ -347,6 +350,9 @@ Outcome RemoteControl::type(const std::string& text) {
         } else if (point != U'\r' && !input.typeCharacter(point)) {
             ++untypable;
         }
+    }
+    if (!stopped.empty()) {
+        input.discardUnsent();
     }
     input.flush();
     std::string detail = untypable > 0 ? std::to_string(untypable) + " with no key" : "";

@@ -53,6 +53,11 @@ TEST(PushedFile, NamesAreBaseNamesWithoutLeadingDotsAndNothingIsOverwritten) {
         // U+202E turns "gpj.exe" around on screen; U+200B and U+FEFF are invisible.
         {"invoice\xe2\x80\xaegpj.exe", "invoicegpj.exe"},
         {"\xe2\x80\x8b.\xef\xbb\xbfprofile", "profile"},
+        // U+009B starts a terminal escape; U+2028 and U+2029 break a listing's lines.
+        {"a\xc2\x9b"
+         "31mb\xe2\x80\xa8"
+         "c\xe2\x80\xa9.txt",
+         "a31mbc.txt"},
         {"bad\xff.txt", "file"},
     };
     for (const auto& [given, safe] : names) {
@@ -126,6 +131,7 @@ struct RecordingDesktop : InputInjector, Pasteboard, DesktopShell, WindowCloser 
         return true;
     }
     void flush() override {}
+    void discardUnsent() override { note("discard unsent"); }
     void setString(std::string_view text) override { note("clipboard " + std::string(text)); }
     std::optional<std::string> openUrl(const std::string& url) override {
         note("open " + url);
@@ -349,6 +355,8 @@ TEST_F(RemoteControlTest, StaleCommandsAreRefusedAndLongTypingStops) {
     ASSERT_TRUE(waitForOutcomes(4));
     EXPECT_TRUE(outcomes_[3].detail.starts_with("stopped after 30 ms: ")) << outcomes_[3].detail;
     EXPECT_TRUE(outcomes_[3].detail.ends_with(" of 1000 typed")) << outcomes_[3].detail;
+    std::lock_guard calls(desktop_.mutex);
+    EXPECT_EQ(desktop_.calls.back(), "discard unsent");
 }
 
 TEST_F(RemoteControlTest, PushedFilesHaveAQuotaPerBroadcast) {

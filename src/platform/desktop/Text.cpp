@@ -66,7 +66,7 @@ std::string trimmed(std::string_view text) {
         text.substr(static_cast<std::size_t>(begin), static_cast<std::size_t>(end - begin)));
 }
 
-std::string withoutFormatCharacters(std::string_view text) {
+std::string withoutInvisibleCharacters(std::string_view text) {
     if (!fitsIcu(text)) {
         return std::string(text);
     }
@@ -78,7 +78,9 @@ std::string withoutFormatCharacters(std::string_view text) {
         const std::int32_t start = index;
         UChar32 c = 0;
         U8_NEXT(bytes, index, length, c);
-        if (c < 0 || u_charType(c) != U_FORMAT_CHAR) {
+        const std::int8_t type = c < 0 ? std::int8_t{U_UNASSIGNED} : u_charType(c);
+        if (type != U_FORMAT_CHAR && type != U_CONTROL_CHAR && type != U_LINE_SEPARATOR &&
+            type != U_PARAGRAPH_SEPARATOR) {
             kept.append(text.substr(static_cast<std::size_t>(start),
                                     static_cast<std::size_t>(index - start)));
         }

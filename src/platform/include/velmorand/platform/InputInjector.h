@@ -61,6 +61,9 @@ class InputInjector {
     virtual bool setCharacterKey(char32_t character, bool pressed) = 0;
     // Everything sent so far takes effect before this returns.
     virtual void flush() = 0;
+    // Drops what was typed and not sent yet (characters gathered to go as one), for typing that
+    // was cut short: it must not go on after.
+    virtual void discardUnsent() = 0;
 };
 
 }  // namespace velmorand

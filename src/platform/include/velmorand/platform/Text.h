@@ -13,10 +13,12 @@ std::string trimmed(std::string_view text);
 
 bool isValidUtf8(std::string_view bytes);
 
-// UTF-8 `text` without its invisible format characters (Unicode category Cf: bidirectional
-// overrides and isolates, zero-width spaces and joiners, soft hyphens), which can make a name
-// read as something it is not. Bytes that are not UTF-8 are kept as they are.
-std::string withoutFormatCharacters(std::string_view text);
+// UTF-8 `text` without what shows as nothing or acts on what shows it: format characters
+// (Unicode category Cf: bidirectional overrides and isolates, zero-width spaces and joiners, soft
+// hyphens), which can make a name read as something it is not; controls (Cc, C1's terminal
+// escapes among them); line and paragraph separators. Bytes that are not UTF-8 are kept as they
+// are.
+std::string withoutInvisibleCharacters(std::string_view text);
 
 // The code points of UTF-8 `text`; absent when it is not UTF-8 or has more than `limit` of them.
 // `limit` is at most 2^28.

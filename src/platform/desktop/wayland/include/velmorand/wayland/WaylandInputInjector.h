@@ -36,6 +36,7 @@ class WaylandInputInjector : public InputInjector {
     bool typeCharacter(char32_t character) override;
     bool setCharacterKey(char32_t character, bool pressed) override;
     void flush() override;
+    void discardUnsent() override { pending_.clear(); }
 
   private:
     bool layoutTypes(std::uint32_t keysym) const;

@@ -36,6 +36,8 @@ class XcbInputInjector : public InputInjector {
     bool typeCharacter(char32_t character) override;
     bool setCharacterKey(char32_t character, bool pressed) override;
     void flush() override;
+    // Every character goes at once: nothing waits.
+    void discardUnsent() override {}
 
   private:
     using Clock = std::chrono::steady_clock;
