@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "velmorand/codec/LibyuvPictureConverter.h"
@@ -14,6 +15,7 @@
 #include "velmorand/pipewire/PipeWireScreenCapture.h"
 #include "velmorand/platform/Log.h"
 #include "velmorand/portal/PortalRemoteDesktop.h"
+#include "velmorand/wayland/RemoteDesktopSessions.h"
 #include "velmorand/wayland/WaylandClipboard.h"
 #include "velmorand/wayland/WaylandInputInjector.h"
 #include "velmorand/wayland/WaylandKeymap.h"
@@ -71,26 +73,15 @@ Remote x11Remote() {
 }
 
 template <typename Session>
-using Opened = std::variant<std::shared_ptr<Session>, std::string>;
-
-// A compositor's remote-desktop session (GNOME's own, or the portal's), shared by the capture
-// and the remote control, and opened again once the compositor has closed it (it restarted, or
-// ended the session).
+using Sessions = RemoteDesktopSessions<Session>;
 template <typename Session>
-class Sessions {
+using Opened = typename Sessions<Session>::Opened;
+
+// The session bus, connected when a backend first needs it, and kept.
+class LazyBus {
   public:
-    using Open = std::function<Opened<Session>(const std::shared_ptr<DBusSession>& bus,
-                                               bool forRemoteControl)>;
-
-    explicit Sessions(Open open) : open_(std::move(open)) {}
-
-    // The session in use, or a new one: for remote control, one that has the input too.
-    Opened<Session> current(bool forRemoteControl) {
+    std::variant<std::shared_ptr<DBusSession>, std::string> get() {
         std::lock_guard lock(mutex_);
-        if (session_ && !session_->closed() && (!forRemoteControl || hasInput_)) {
-            return session_;
-        }
-        session_.reset();
         if (!bus_) {
             auto connected = DBusSession::connect();
             if (auto* error = std::get_if<std::string>(&connected)) {
@@ -98,28 +89,19 @@ class Sessions {
             }
             bus_ = std::get<std::shared_ptr<DBusSession>>(std::move(connected));
         }
-        auto opened = open_(bus_, forRemoteControl);
-        if (auto* error = std::get_if<std::string>(&opened)) {
-            return *error;
-        }
-        session_ = std::get<std::shared_ptr<Session>>(std::move(opened));
-        hasInput_ = forRemoteControl;
-        return session_;
+        return bus_;
     }
 
   private:
-    Open open_;
     std::mutex mutex_;
     std::shared_ptr<DBusSession> bus_;
-    std::shared_ptr<Session> session_;
-    bool hasInput_ = false;
 };
 
 template <typename Session>
 Capture waylandCapture(Sessions<Session>& sessions) {
     auto session = sessions.current(false);
-    if (auto* error = std::get_if<std::string>(&session)) {
-        return *error;
+    if (auto* denied = std::get_if<SessionDenied>(&session)) {
+        return denied->reason;
     }
     auto& open = *std::get<std::shared_ptr<Session>>(session);
     std::variant<std::unique_ptr<ScreenCapture>, CaptureError> opened =
@@ -140,8 +122,8 @@ Capture waylandCapture(Sessions<Session>& sessions) {
 template <typename Session>
 Remote waylandRemote(const std::shared_ptr<Sessions<Session>>& sessions) {
     auto session = sessions->current(true);
-    if (auto* error = std::get_if<std::string>(&session)) {
-        return *error;
+    if (auto* denied = std::get_if<SessionDenied>(&session)) {
+        return denied->reason;
     }
     const WaylandInputInjector::Session current =
         [sessions]() -> std::shared_ptr<RemoteDesktopSession> {
@@ -161,28 +143,33 @@ Remote waylandRemote(const std::shared_ptr<Sessions<Session>>& sessions) {
 }
 
 // The portal asks the person at the device; a screen cast's grant is kept for the next time.
-Sessions<PortalRemoteDesktop>::Open portalOpener(Log& log, PortalGrantStore grants) {
-    return
-        [&log, grants = std::move(grants)](const std::shared_ptr<DBusSession>& bus,
-                                           bool forRemoteControl) -> Opened<PortalRemoteDesktop> {
-            PortalRemoteDesktop::Options options;
-            options.input = forRemoteControl;
-            options.restoreToken = forRemoteControl ? std::nullopt : grants.load();
-            log.write(forRemoteControl
-                          ? "portal: asking the person at the device to share the screen and allow "
-                            "remote control (the portal asks at every broadcast start: it does not "
-                            "keep that answer)"
-                      : options.restoreToken
-                          ? "portal: sharing the screen as the person at the device allowed before"
-                          : "portal: asking the person at the device to share the screen");
-            auto opened = PortalRemoteDesktop::open(bus, options);
-            if (auto* session = std::get_if<std::shared_ptr<PortalRemoteDesktop>>(&opened)) {
-                if (const auto& token = (*session)->grant().restoreToken) {
-                    grants.save(*token);
-                }
+Sessions<PortalRemoteDesktop>::Open portalOpener(const std::shared_ptr<LazyBus>& lazyBus, Log& log,
+                                                 PortalGrantStore grants) {
+    return [lazyBus, &log,
+            grants = std::move(grants)](bool forRemoteControl) -> Opened<PortalRemoteDesktop> {
+        auto bus = lazyBus->get();
+        if (auto* error = std::get_if<std::string>(&bus)) {
+            return SessionDenied{*error};
+        }
+        PortalRemoteDesktop::Options options;
+        options.input = forRemoteControl;
+        options.restoreToken = forRemoteControl ? std::nullopt : grants.load();
+        log.write(forRemoteControl
+                      ? "portal: asking the person at the device to share the screen and allow "
+                        "remote control (the portal asks at every broadcast start: it does not "
+                        "keep that answer)"
+                  : options.restoreToken
+                      ? "portal: sharing the screen as the person at the device allowed before"
+                      : "portal: asking the person at the device to share the screen");
+        auto opened =
+            PortalRemoteDesktop::open(std::get<std::shared_ptr<DBusSession>>(bus), options);
+        if (auto* session = std::get_if<std::shared_ptr<PortalRemoteDesktop>>(&opened)) {
+            if (const auto& token = (*session)->grant().restoreToken) {
+                grants.save(*token);
             }
-            return opened;
-        };
+        }
+        return opened;
+    };
 }
 
 // Tries each backend in turn; the first that opens wins, else one line names what each lacked.
@@ -230,15 +217,26 @@ DesktopServices desktopServices(const DesktopFacts& facts, FrameSink& sink, Log&
                 -> std::variant<std::unique_ptr<ScreenStream>, std::string> { return reason; },
             [reason = *reason](RemoteControl::Report)
                 -> std::variant<std::shared_ptr<RemoteControl>, std::string> { return reason; },
+            [] {},
         };
     }
     const auto backends = std::get<std::vector<DesktopBackend>>(std::move(chosen));
+    auto lazyBus = std::make_shared<LazyBus>();
     auto gnome = std::make_shared<Sessions<GnomeRemoteDesktop>>(
-        [](const std::shared_ptr<DBusSession>& bus, bool) {
-            return GnomeRemoteDesktop::open(bus);
+        [lazyBus](bool) -> Opened<GnomeRemoteDesktop> {
+            auto bus = lazyBus->get();
+            if (auto* error = std::get_if<std::string>(&bus)) {
+                return SessionDenied{*error};
+            }
+            // GNOME's own interface asks nobody: a failure is never the person's answer.
+            auto opened = GnomeRemoteDesktop::open(std::get<std::shared_ptr<DBusSession>>(bus));
+            if (auto* error = std::get_if<std::string>(&opened)) {
+                return SessionDenied{*error};
+            }
+            return std::get<std::shared_ptr<GnomeRemoteDesktop>>(std::move(opened));
         });
-    auto portal =
-        std::make_shared<Sessions<PortalRemoteDesktop>>(portalOpener(log, std::move(grants)));
+    auto portal = std::make_shared<Sessions<PortalRemoteDesktop>>(
+        portalOpener(lazyBus, log, std::move(grants)));
 
     auto openStream = [backends, gnome, portal, &sink](const StreamConfig& config,
                                                        ScreenStream::Events events)
@@ -299,7 +297,21 @@ DesktopServices desktopServices(const DesktopFacts& facts, FrameSink& sink, Log&
                               std::move(report));
         return std::shared_ptr<RemoteControl>(held, &*held->control);
     };
-    return {std::move(openStream), std::move(openRemoteControl)};
+    auto shareScreen = [backends, gnome, portal] {
+        for (const auto backend : backends) {
+            const bool shared = backend == DesktopBackend::x11 ||
+                                (backend == DesktopBackend::gnome &&
+                                 std::holds_alternative<std::shared_ptr<GnomeRemoteDesktop>>(
+                                     gnome->current(false))) ||
+                                (backend == DesktopBackend::portal &&
+                                 std::holds_alternative<std::shared_ptr<PortalRemoteDesktop>>(
+                                     portal->current(false)));
+            if (shared) {
+                return;  // what failed is said when the stream opens
+            }
+        }
+    };
+    return {std::move(openStream), std::move(openRemoteControl), std::move(shareScreen)};
 }
 
 }  // namespace velmorand::extension

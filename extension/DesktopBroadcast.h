@@ -16,6 +16,10 @@ namespace velmorand::extension {
 struct DesktopServices {
     Broadcast::StreamOpener openStream;
     Broadcast::RemoteControlOpener openRemoteControl;
+    // For a broadcast without remote control: has the screen shared now, before the relay is
+    // reached, so that the person at the device is asked as they start it, not when a viewer
+    // comes (the remote control's opening does the same for the other broadcasts).
+    std::function<void()> shareScreen;
 };
 
 // Where the portal's grant of a screen cast is kept between broadcasts, so that the person at the

@@ -2,6 +2,7 @@
 
 #include <gio/gio.h>
 #include <gio/gunixfdlist.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <future>
@@ -29,10 +30,63 @@ std::string message(const GError* error) {
     return text;
 }
 
+// Runs `work` on `context`'s loop: always by that loop's thread, never by the caller, even before
+// the loop has started (g_main_context_invoke would run it here when nobody holds the context).
+void runOnLoop(GMainContext* context, std::function<void()> work) {
+    GSource* source = g_idle_source_new();
+    g_source_set_callback(
+        source,
+        [](gpointer data) -> gboolean {
+            (*static_cast<std::function<void()>*>(data))();
+            return G_SOURCE_REMOVE;
+        },
+        new std::function<void()>(std::move(work)),
+        [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
+    g_source_attach(source, context);
+    g_source_unref(source);
+}
+
 }  // namespace
 
 void VariantUnref::operator()(GVariant* variant) const {
     g_variant_unref(variant);
+}
+
+DBusSession::Reply::Reply(Variant arguments, std::vector<int> fds)
+    : arguments(std::move(arguments)), fds(std::move(fds)) {}
+
+DBusSession::Reply::Reply(Reply&& other) noexcept
+    : arguments(std::move(other.arguments)), fds(std::exchange(other.fds, {})) {}
+
+DBusSession::Reply& DBusSession::Reply::operator=(Reply&& other) noexcept {
+    if (this != &other) {
+        for (const int fd : fds) {
+            ::close(fd);
+        }
+        arguments = std::move(other.arguments);
+        fds = std::exchange(other.fds, {});
+    }
+    return *this;
+}
+
+DBusSession::Reply::~Reply() {
+    for (const int fd : fds) {
+        ::close(fd);
+    }
+}
+
+int DBusSession::Reply::takeHandle() {
+    if (!arguments || !g_variant_is_of_type(arguments.get(), G_VARIANT_TYPE("(h)"))) {
+        return -1;
+    }
+    gint32 index = -1;
+    g_variant_get(arguments.get(), "(h)", &index);
+    if (index < 0 || static_cast<std::size_t>(index) >= fds.size()) {
+        return -1;
+    }
+    const int taken = fds[static_cast<std::size_t>(index)];
+    fds.erase(fds.begin() + index);
+    return taken;
 }
 
 // The main context on which subscribed signals are delivered, and the thread that runs it.
@@ -48,23 +102,16 @@ struct DBusSession::SignalThread {
     // Runs `work` on the signal thread, and returns once it has.
     void run(const std::function<void()>& work) {
         std::promise<void> done;
-        auto task = [&work, &done] {
+        runOnLoop(context, [&work, &done] {
             work();
             done.set_value();
-        };
-        using Task = decltype(task);
-        g_main_context_invoke(
-            context,
-            [](gpointer data) -> gboolean {
-                (*static_cast<Task*>(data))();
-                return G_SOURCE_REMOVE;
-            },
-            &task);
+        });
         done.get_future().wait();
     }
 
     ~SignalThread() {
-        g_main_loop_quit(loop);
+        // Queued, so that a loop that has not started yet still ends once it does.
+        runOnLoop(context, [loop = loop] { g_main_loop_quit(loop); });
         thread.join();
         g_main_loop_unref(loop);
         g_main_context_unref(context);
@@ -105,15 +152,15 @@ DBusSession::Result DBusSession::call(const std::string& bus, const std::string&
         const Error error(failure);
         return message(error.get());
     }
-    Reply result{Variant(reply), {}};
+    std::vector<int> descriptors;
     if (fds != nullptr) {
         gint count = 0;
         gint* stolen = g_unix_fd_list_steal_fds(fds, &count);
-        result.fds.assign(stolen, stolen + count);
+        descriptors.assign(stolen, stolen + count);
         g_free(stolen);
         g_object_unref(fds);
     }
-    return result;
+    return Reply(Variant(reply), std::move(descriptors));
 }
 
 void DBusSession::send(const std::string& bus, const std::string& path,
@@ -143,8 +190,12 @@ std::variant<Variant, std::string> DBusSession::property(const std::string& bus,
     if (auto* error = std::get_if<std::string>(&result)) {
         return std::move(*error);
     }
+    GVariant* arguments = std::get<Reply>(result).arguments.get();
+    if (!g_variant_is_of_type(arguments, G_VARIANT_TYPE("(v)"))) {
+        return std::string("the property came as ") + g_variant_get_type_string(arguments);
+    }
     GVariant* boxed = nullptr;
-    g_variant_get(std::get<Reply>(result).arguments.get(), "(v)", &boxed);
+    g_variant_get(arguments, "(v)", &boxed);
     return Variant(boxed);
 }
 
@@ -153,7 +204,7 @@ bool DBusSession::hasOwner(const std::string& bus) {
                        "NameHasOwner", g_variant_new("(s)", bus.c_str()));
     const auto* reply = std::get_if<Reply>(&result);
     gboolean owned = FALSE;
-    if (reply != nullptr) {
+    if (reply != nullptr && g_variant_is_of_type(reply->arguments.get(), G_VARIANT_TYPE("(b)"))) {
         g_variant_get(reply->arguments.get(), "(b)", &owned);
     }
     return owned != FALSE;

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 #include "velmorand/dbus/DBusSession.h"
@@ -33,6 +34,9 @@ constexpr auto kStreamTimeout = 5s;
 // A clipboard is text up to here; a paste or a read waits at most this long for the other side.
 constexpr std::size_t kLargestText = 1024 * 1024;
 constexpr auto kTransferTimeout = 1s;
+// A compositor that is going away may close its sessions before it leaves the bus: a close is
+// taken for the person's own only once the compositor has stayed this long after it.
+constexpr auto kCompositorLeaving = 1s;
 
 // The types text is offered as, best first: what Wayland and X11 programs ask for.
 constexpr const char* kTextTypes[] = {"text/plain;charset=utf-8", "UTF8_STRING", "text/plain",
@@ -74,20 +78,7 @@ int takeDescriptor(DBusSession::Result& result) {
     if (reply == nullptr) {
         return -1;
     }
-    gint32 index = -1;
-    if (g_variant_is_of_type(reply->arguments.get(), G_VARIANT_TYPE("(h)"))) {
-        g_variant_get(reply->arguments.get(), "(h)", &index);
-    }
-    int taken = -1;
-    for (std::size_t i = 0; i < reply->fds.size(); ++i) {
-        if (static_cast<gint32>(i) == index) {
-            taken = reply->fds[i];
-        } else {
-            ::close(reply->fds[i]);
-        }
-    }
-    reply->fds.clear();
-    return taken;
+    return reply->takeHandle();
 }
 
 // Waits for `descriptor` to be ready for `events`, up to the deadline.
@@ -145,17 +136,27 @@ struct GnomeRemoteDesktop::Shared {
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
     std::optional<std::uint32_t> node;
-    bool closed = false;
+    // When the compositor said the session closed; whether it left the bus.
+    std::optional<std::chrono::steady_clock::time_point> closedAt;
+    bool compositorLeft = false;
     std::string offered;
     std::uint64_t pastes = 0;
     // The clipboard's current owner, when it is not this session: the types it offers.
     std::vector<std::string> ownerTypes;
     bool ownedHere = false;
 
-    void close() {
+    // The bus, for a handler that calls back, while the session lives: a handler holding the bus
+    // itself could end up releasing it on the thread the bus must join.
+    std::mutex busMutex;
+    DBusSession* bus = nullptr;
+
+    bool closed() const { return closedAt || compositorLeft; }
+
+    void close(bool left) {
         {
             std::lock_guard lock(mutex);
-            closed = true;
+            closedAt = closedAt.value_or(std::chrono::steady_clock::now());
+            compositorLeft = compositorLeft || left;
         }
         changed.notify_all();
     }
@@ -188,6 +189,7 @@ std::variant<std::shared_ptr<GnomeRemoteDesktop>, std::string> GnomeRemoteDeskto
     }
     auto shared = std::make_shared<Shared>();
     std::shared_ptr<GnomeRemoteDesktop> desktop(new GnomeRemoteDesktop(bus, shared));
+    desktop->compositor_ = *compositor;
 
     const auto created =
         bus->call(kBusName, kRemoteDesktopPath, kRemoteDesktop, "CreateSession", nullptr);
@@ -222,34 +224,39 @@ std::variant<std::shared_ptr<GnomeRemoteDesktop>, std::string> GnomeRemoteDeskto
     desktop->stream_ = *stream;
 
     const std::weak_ptr<Shared> weak = shared;
-    desktop->subscriptions_.push_back(bus->subscribe(*compositor, desktop->stream_,
-                                                     kScreenCastStream, "PipeWireStreamAdded",
-                                                     [weak](GVariant* arguments) {
-                                                         if (const auto state = weak.lock()) {
-                                                             guint32 node = 0;
-                                                             g_variant_get(arguments, "(u)", &node);
-                                                             {
-                                                                 std::lock_guard lock(state->mutex);
-                                                                 state->node = node;
-                                                             }
-                                                             state->changed.notify_all();
-                                                         }
-                                                     }));
+    desktop->subscriptions_.push_back(
+        bus->subscribe(*compositor, desktop->stream_, kScreenCastStream, "PipeWireStreamAdded",
+                       [weak](GVariant* arguments) {
+                           const auto state = weak.lock();
+                           if (!state || !g_variant_is_of_type(arguments, G_VARIANT_TYPE("(u)"))) {
+                               return;
+                           }
+                           guint32 node = 0;
+                           g_variant_get(arguments, "(u)", &node);
+                           {
+                               std::lock_guard lock(state->mutex);
+                               state->node = node;
+                           }
+                           state->changed.notify_all();
+                       }));
     desktop->subscriptions_.push_back(bus->subscribe(
         *compositor, desktop->session_, kRemoteDesktopSession, "Closed", [weak](GVariant*) {
             if (const auto state = weak.lock()) {
-                state->close();
+                state->close(false);
             }
         }));
     desktop->subscriptions_.push_back(bus->subscribe(
         "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged",
         [weak](GVariant* arguments) {
+            const auto state = weak.lock();
+            if (!state || !g_variant_is_of_type(arguments, G_VARIANT_TYPE("(sss)"))) {
+                return;
+            }
             const gchar* name = nullptr;
             const gchar* newOwner = nullptr;
             g_variant_get(arguments, "(&s&s&s)", &name, nullptr, &newOwner);
-            const auto state = weak.lock();
-            if (state && std::string_view(name) == kBusName && std::string_view(newOwner).empty()) {
-                state->close();
+            if (std::string_view(name) == kBusName && std::string_view(newOwner).empty()) {
+                state->close(true);
             }
         }));
 
@@ -261,7 +268,7 @@ std::variant<std::shared_ptr<GnomeRemoteDesktop>, std::string> GnomeRemoteDeskto
     {
         std::unique_lock lock(shared->mutex);
         if (!shared->changed.wait_for(lock, kStreamTimeout,
-                                      [&shared] { return shared->node || shared->closed; }) ||
+                                      [&shared] { return shared->node || shared->closed(); }) ||
             !shared->node) {
             return std::string("GNOME's screen cast announced no PipeWire stream");
         }
@@ -282,39 +289,43 @@ std::variant<std::shared_ptr<GnomeRemoteDesktop>, std::string> GnomeRemoteDeskto
 
     bus->call(kBusName, desktop->session_, kRemoteDesktopSession, "EnableClipboard",
               g_variant_new("(@a{sv})", vardict({})));
-    const std::weak_ptr<DBusSession> weakBus = bus;
+    shared->bus = bus.get();
     const std::string sessionPath = desktop->session_;
-    desktop->subscriptions_.push_back(
-        bus->subscribe(*compositor, desktop->session_, kRemoteDesktopSession,
-                       "SelectionOwnerChanged", [weak](GVariant* arguments) {
-                           const auto state = weak.lock();
-                           if (!state) {
-                               return;
-                           }
-                           GVariant* options = nullptr;
-                           g_variant_get(arguments, "(@a{sv})", &options);
-                           const Variant owned(options);
-                           gboolean here = FALSE;
-                           g_variant_lookup(options, "session-is-owner", "b", &here);
-                           std::vector<std::string> types;
-                           GVariantIter* iterator = nullptr;
-                           if (g_variant_lookup(options, "mime-types", "as", &iterator)) {
-                               const gchar* type = nullptr;
-                               while (g_variant_iter_next(iterator, "&s", &type)) {
-                                   types.emplace_back(type);
-                               }
-                               g_variant_iter_free(iterator);
-                           }
-                           std::lock_guard lock(state->mutex);
-                           state->ownedHere = here != FALSE;
-                           state->ownerTypes = std::move(types);
-                       }));
+    desktop->subscriptions_.push_back(bus->subscribe(
+        *compositor, desktop->session_, kRemoteDesktopSession, "SelectionOwnerChanged",
+        [weak](GVariant* arguments) {
+            const auto state = weak.lock();
+            if (!state || !g_variant_is_of_type(arguments, G_VARIANT_TYPE("(a{sv})"))) {
+                return;
+            }
+            GVariant* options = nullptr;
+            g_variant_get(arguments, "(@a{sv})", &options);
+            const Variant owned(options);
+            gboolean here = FALSE;
+            g_variant_lookup(options, "session-is-owner", "b", &here);
+            std::vector<std::string> types;
+            GVariantIter* iterator = nullptr;
+            if (g_variant_lookup(options, "mime-types", "as", &iterator)) {
+                const gchar* type = nullptr;
+                while (g_variant_iter_next(iterator, "&s", &type)) {
+                    types.emplace_back(type);
+                }
+                g_variant_iter_free(iterator);
+            }
+            std::lock_guard lock(state->mutex);
+            state->ownedHere = here != FALSE;
+            state->ownerTypes = std::move(types);
+        }));
     desktop->subscriptions_.push_back(bus->subscribe(
         *compositor, desktop->session_, kRemoteDesktopSession, "SelectionTransfer",
-        [weak, weakBus, sessionPath](GVariant* arguments) {
+        [weak, sessionPath](GVariant* arguments) {
             const auto state = weak.lock();
-            const auto session = weakBus.lock();
-            if (!state || !session) {
+            if (!state || !g_variant_is_of_type(arguments, G_VARIANT_TYPE("(su)"))) {
+                return;
+            }
+            const std::lock_guard busLock(state->busMutex);
+            DBusSession* session = state->bus;
+            if (session == nullptr) {
                 return;
             }
             const gchar* type = nullptr;
@@ -352,17 +363,40 @@ GnomeRemoteDesktop::GnomeRemoteDesktop(std::shared_ptr<DBusSession> bus,
     : bus_(std::move(bus)), shared_(std::move(shared)) {}
 
 GnomeRemoteDesktop::~GnomeRemoteDesktop() {
+    {
+        // Waits for a paste being served to finish with the bus.
+        const std::lock_guard lock(shared_->busMutex);
+        shared_->bus = nullptr;
+    }
     for (const unsigned subscription : subscriptions_) {
         bus_->unsubscribe(subscription);
     }
-    if (!session_.empty() && !closed()) {
+    bool closed = false;
+    {
+        const std::lock_guard lock(shared_->mutex);
+        closed = shared_->closed();
+    }
+    if (!session_.empty() && !closed) {
         bus_->call(kBusName, session_, kRemoteDesktopSession, "Stop", nullptr);
     }
 }
 
-bool GnomeRemoteDesktop::closed() const {
-    std::lock_guard lock(shared_->mutex);
-    return shared_->closed;
+SessionEnd GnomeRemoteDesktop::ended() const {
+    std::optional<std::chrono::steady_clock::time_point> closedAt;
+    {
+        const std::lock_guard lock(shared_->mutex);
+        if (shared_->compositorLeft) {
+            return SessionEnd::compositorGone;
+        }
+        closedAt = shared_->closedAt;
+    }
+    if (!closedAt) {
+        return SessionEnd::none;
+    }
+    std::this_thread::sleep_until(*closedAt + kCompositorLeaving);
+    // Closed by a compositor that is still there: the person at the device stopped sharing.
+    return bus_->owner(kBusName) == compositor_ ? SessionEnd::stoppedAtDevice
+                                                : SessionEnd::compositorGone;
 }
 
 void GnomeRemoteDesktop::movePointer(double x, double y) {
@@ -407,7 +441,7 @@ bool GnomeRemoteDesktop::waitForPaste(std::uint64_t count,
                                       std::chrono::milliseconds timeout) const {
     std::unique_lock lock(shared_->mutex);
     return shared_->changed.wait_for(lock, timeout, [this, count] {
-        return shared_->pastes > count || shared_->closed;
+        return shared_->pastes > count || shared_->closed();
     }) && shared_->pastes > count;
 }
 

@@ -4,6 +4,8 @@
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
 
+#include <sys/stat.h>
+
 #include <mutex>
 #include <utility>
 
@@ -13,6 +15,20 @@ namespace velmorand {
 namespace {
 
 constexpr std::uint32_t kLargestSide = 16384;
+// An 8K monitor's pixels: a picture is held three times over (arriving, newest, taken), and a
+// compositor's word on its size must not make that gigabytes.
+constexpr std::uint64_t kLargestPicture = 7680ULL * 4320ULL;
+
+// Whether the memory PipeWire mapped for `data` is all there: a file the compositor made shorter
+// than it said would end the process (SIGBUS) when read past its end.
+bool backed(const spa_data& data) {
+    if (data.type != SPA_DATA_MemFd) {
+        return true;
+    }
+    struct stat file {};
+    return data.fd >= 0 && ::fstat(static_cast<int>(data.fd), &file) == 0 &&
+           static_cast<std::uint64_t>(file.st_size) >= data.mapoffset + std::uint64_t{data.maxsize};
+}
 
 std::optional<PixelOrder> pixelOrder(std::uint32_t format) {
     switch (format) {
@@ -226,7 +242,8 @@ void PipeWireScreenCapture::formatChanged(const void* param) {
     }
     const auto order = pixelOrder(info.format);
     if (!order || info.size.width == 0 || info.size.height == 0 || info.size.width > kLargestSide ||
-        info.size.height > kLargestSide) {
+        info.size.height > kLargestSide ||
+        std::uint64_t{info.size.width} * info.size.height > kLargestPicture) {
         ended("the screen cast offered no picture format this program reads");
         return;
     }
@@ -257,7 +274,7 @@ void PipeWireScreenCapture::frameArrived() {
         const spa_data& data = buffer->datas[0];
         const spa_chunk* chunk = data.chunk;
         if (data.data != nullptr && chunk != nullptr && chunk->size > 0 &&
-            (chunk->flags & SPA_CHUNK_FLAG_CORRUPTED) == 0) {
+            (chunk->flags & SPA_CHUNK_FLAG_CORRUPTED) == 0 && backed(data)) {
             const FrameLayout layout{
                 .width = format_.width,
                 .height = format_.height,

@@ -54,11 +54,13 @@ struct Answer {
     Variant results;
 };
 
-std::variant<Answer, std::string> request(DBusSession& bus, const std::string& portal,
-                                          const char* interface, const char* method,
-                                          const std::string& session, GVariant* options,
-                                          std::chrono::seconds timeout,
-                                          const char* parentWindow = nullptr) {
+// `asksThePerson` when the portal shows the person at the device a question: no answer in time
+// is then theirs.
+std::variant<Answer, SessionDenied> request(DBusSession& bus, const std::string& portal,
+                                            const char* interface, const char* method,
+                                            const std::string& session, GVariant* options,
+                                            std::chrono::seconds timeout,
+                                            bool asksThePerson = false) {
     static std::atomic<unsigned> counter{0};
     const std::string token = "velmorand" + std::to_string(++counter);
     std::string sender = bus.uniqueName().substr(1);
@@ -73,6 +75,9 @@ std::variant<Answer, std::string> request(DBusSession& bus, const std::string& p
     auto waiting = std::make_shared<Waiting>();
     const unsigned subscription =
         bus.subscribe(portal, path, kRequest, "Response", [waiting](GVariant* arguments) {
+            if (!g_variant_is_of_type(arguments, G_VARIANT_TYPE("(ua{sv})"))) {
+                return;  // not an answer: the wait runs on
+            }
             Answer answer;
             GVariant* results = nullptr;
             g_variant_get(arguments, "(u@a{sv})", &answer.code, &results);
@@ -98,22 +103,26 @@ std::variant<Answer, std::string> request(DBusSession& bus, const std::string& p
     }
     g_variant_unref(g_variant_ref_sink(options));
     GVariant* all = g_variant_builder_end(&builder);
+    // Start names the window the question belongs to: none.
     GVariant* arguments = session.empty() ? g_variant_new("(@a{sv})", all)
-                          : parentWindow != nullptr
-                              ? g_variant_new("(os@a{sv})", session.c_str(), parentWindow, all)
-                              : g_variant_new("(o@a{sv})", session.c_str(), all);
+                          : asksThePerson ? g_variant_new("(os@a{sv})", session.c_str(), "", all)
+                                          : g_variant_new("(o@a{sv})", session.c_str(), all);
     const auto called = bus.call(kPortal, kPortalPath, interface, method, arguments);
-    std::variant<Answer, std::string> result;
+    std::variant<Answer, SessionDenied> result;
     if (const auto* error = std::get_if<std::string>(&called)) {
-        result = std::string("the desktop portal refused ") + method + ": " + *error;
+        result = SessionDenied{std::string("the desktop portal refused ") + method + ": " + *error};
     } else {
         std::unique_lock lock(waiting->mutex);
         if (waiting->came.wait_for(lock, timeout,
                                    [&waiting] { return waiting->answer.has_value(); })) {
             result = std::move(*waiting->answer);
         } else {
-            result = std::string("no answer to the desktop portal's question within ") +
-                     std::to_string(timeout.count()) + " s";
+            result = SessionDenied{asksThePerson
+                                       ? "the person at the device did not answer within " +
+                                             std::to_string(timeout.count()) + " s"
+                                       : std::string("no answer from the desktop portal within ") +
+                                             std::to_string(timeout.count()) + " s",
+                                   asksThePerson};
         }
     }
     bus.unsubscribe(subscription);
@@ -125,6 +134,15 @@ std::variant<Answer, std::string> request(DBusSession& bus, const std::string& p
 struct PortalRemoteDesktop::Shared {
     std::atomic<bool> closed{false};
 };
+
+namespace {
+
+template <typename T>
+SessionDenied* denial(std::variant<T, SessionDenied>& result) {
+    return std::get_if<SessionDenied>(&result);
+}
+
+}  // namespace
 
 std::optional<std::string> PortalRemoteDesktop::unavailable(DBusSession& bus, bool input) {
     if (!bus.startedOwner(kPortal)) {
@@ -139,14 +157,14 @@ std::optional<std::string> PortalRemoteDesktop::unavailable(DBusSession& bus, bo
     return std::nullopt;
 }
 
-std::variant<std::shared_ptr<PortalRemoteDesktop>, std::string> PortalRemoteDesktop::open(
+std::variant<std::shared_ptr<PortalRemoteDesktop>, SessionDenied> PortalRemoteDesktop::open(
     std::shared_ptr<DBusSession> bus, const Options& options) {
     if (auto reason = unavailable(*bus, options.input)) {
-        return *reason;
+        return SessionDenied{*reason};
     }
     const auto owner = bus->owner(kPortal);
     if (!owner) {
-        return std::string("the desktop portal left the session bus");
+        return SessionDenied{"the desktop portal left the session bus"};
     }
     std::shared_ptr<PortalRemoteDesktop> desktop(new PortalRemoteDesktop(bus, *owner));
     const char* kind = options.input ? kRemoteDesktop : kScreenCast;
@@ -154,14 +172,15 @@ std::variant<std::shared_ptr<PortalRemoteDesktop>, std::string> PortalRemoteDesk
     auto created = request(*bus, *owner, kind, "CreateSession", "",
                            vardict({{"session_handle_token", g_variant_new_string("velmorand")}}),
                            kStepTimeout);
-    if (auto* error = std::get_if<std::string>(&created)) {
-        return *error;
+    if (auto* denied = denial(created)) {
+        return *denied;
     }
     const gchar* handle = nullptr;
     auto& answer = std::get<Answer>(created);
     if (answer.code != 0 ||
-        !g_variant_lookup(answer.results.get(), "session_handle", "&s", &handle)) {
-        return std::string("the desktop portal would not open a session");
+        !g_variant_lookup(answer.results.get(), "session_handle", "&s", &handle) ||
+        !g_variant_is_object_path(handle)) {
+        return SessionDenied{"the desktop portal would not open a session"};
     }
     desktop->session_ = handle;
     const std::weak_ptr<Shared> weak = desktop->shared_;
@@ -176,11 +195,11 @@ std::variant<std::shared_ptr<PortalRemoteDesktop>, std::string> PortalRemoteDesk
         auto devices =
             request(*bus, *owner, kRemoteDesktop, "SelectDevices", desktop->session_,
                     vardict({{"types", g_variant_new_uint32(kKeyboardAndPointer)}}), kStepTimeout);
-        if (auto* error = std::get_if<std::string>(&devices)) {
-            return *error;
+        if (auto* denied = denial(devices)) {
+            return *denied;
         }
         if (std::get<Answer>(devices).code != 0) {
-            return std::string("the desktop portal offers no keyboard and pointer");
+            return SessionDenied{"the desktop portal offers no keyboard and pointer"};
         }
     }
     // A screen cast's grant can be kept (version 4 on); the token comes back with it.
@@ -195,26 +214,26 @@ std::variant<std::shared_ptr<PortalRemoteDesktop>, std::string> PortalRemoteDesk
                                        ? g_variant_new_string(options.restoreToken->c_str())
                                        : nullptr}}),
         kStepTimeout);
-    if (auto* error = std::get_if<std::string>(&sources)) {
-        return *error;
+    if (auto* denied = denial(sources)) {
+        return *denied;
     }
     if (std::get<Answer>(sources).code != 0) {
-        return std::string("the desktop portal offers no monitor to share");
+        return SessionDenied{"the desktop portal offers no monitor to share"};
     }
     auto started = request(*bus, *owner, kind, "Start", desktop->session_, vardict({}),
-                           options.consentTimeout, "");
-    if (auto* error = std::get_if<std::string>(&started)) {
-        return *error;
+                           options.consentTimeout, true);
+    if (auto* denied = denial(started)) {
+        return *denied;
     }
     auto& start = std::get<Answer>(started);
     auto grant = readStartResponse(start.code, start.results.get());
-    if (auto* reason = std::get_if<std::string>(&grant)) {
-        return *reason;
+    if (auto* denied = denial(grant)) {
+        return *denied;
     }
     desktop->grant_ = std::get<PortalGrant>(std::move(grant));
     if (options.input && !desktop->inputGranted()) {
-        return std::string(
-            "the person at the device shared the screen but not its keyboard and pointer");
+        return SessionDenied{
+            "the person at the device shared the screen but not its keyboard and pointer", true};
     }
     return desktop;
 }
@@ -226,7 +245,7 @@ PortalRemoteDesktop::~PortalRemoteDesktop() {
     for (const unsigned subscription : subscriptions_) {
         bus_->unsubscribe(subscription);
     }
-    if (!session_.empty() && !closed()) {
+    if (!session_.empty() && !shared_->closed) {
         bus_->call(kPortal, session_, kSession, "Close", nullptr);
     }
 }
@@ -235,24 +254,11 @@ int PortalRemoteDesktop::openPipeWireRemote() {
     auto opened = bus_->call(kPortal, kPortalPath, kScreenCast, "OpenPipeWireRemote",
                              g_variant_new("(o@a{sv})", session_.c_str(), vardict({})));
     auto* reply = std::get_if<DBusSession::Reply>(&opened);
-    if (reply == nullptr || !g_variant_is_of_type(reply->arguments.get(), G_VARIANT_TYPE("(h)"))) {
-        return -1;
-    }
-    gint32 index = -1;
-    g_variant_get(reply->arguments.get(), "(h)", &index);
-    int remote = -1;
-    for (std::size_t i = 0; i < reply->fds.size(); ++i) {
-        if (static_cast<gint32>(i) == index) {
-            remote = reply->fds[i];
-        } else {
-            ::close(reply->fds[i]);
-        }
-    }
-    return remote;
+    return reply != nullptr ? reply->takeHandle() : -1;
 }
 
-bool PortalRemoteDesktop::closed() const {
-    return shared_->closed;
+SessionEnd PortalRemoteDesktop::ended() const {
+    return shared_->closed ? SessionEnd::stoppedAtDevice : SessionEnd::none;
 }
 
 void PortalRemoteDesktop::movePointer(double x, double y) {

@@ -4,28 +4,29 @@
 
 namespace velmorand {
 
-std::variant<PortalGrant, std::string> readStartResponse(std::uint32_t code, GVariant* results) {
+std::variant<PortalGrant, SessionDenied> readStartResponse(std::uint32_t code, GVariant* results) {
     if (code == 1) {
-        return std::string("the person at the device did not allow the screen to be shared");
+        return SessionDenied{"the person at the device did not allow the screen to be shared",
+                             true};
     }
     if (code != 0) {
-        return std::string("the desktop portal could not share the screen (response ") +
-               std::to_string(code) + ")";
+        return SessionDenied{"the desktop portal could not share the screen (response " +
+                             std::to_string(code) + ")"};
     }
     if (results == nullptr || !g_variant_is_of_type(results, G_VARIANT_TYPE_VARDICT)) {
-        return std::string("the desktop portal answered with no results");
+        return SessionDenied{"the desktop portal answered with no results"};
     }
     PortalGrant grant;
     GVariantIter* streams = nullptr;
     if (!g_variant_lookup(results, "streams", "a(ua{sv})", &streams)) {
-        return std::string("the desktop portal granted no screen-cast stream");
+        return SessionDenied{"the desktop portal granted no screen-cast stream"};
     }
     guint32 node = 0;
     GVariant* properties = nullptr;
     const bool first = g_variant_iter_next(streams, "(u@a{sv})", &node, &properties);
     g_variant_iter_free(streams);
     if (!first) {
-        return std::string("the desktop portal granted no screen-cast stream");
+        return SessionDenied{"the desktop portal granted no screen-cast stream"};
     }
     gint32 width = 0;
     gint32 height = 0;

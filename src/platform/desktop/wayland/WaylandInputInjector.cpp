@@ -41,7 +41,7 @@ WaylandInputInjector::WaylandInputInjector(Session session, std::optional<Waylan
     : session_(std::move(session)), keymap_(std::move(keymap)), current_(session_()) {}
 
 WaylandInputInjector::~WaylandInputInjector() {
-    if (!current_ || current_->closed()) {
+    if (!current_ || current_->ended() != SessionEnd::none) {
         return;
     }
     for (auto held = heldKeysyms_.rbegin(); held != heldKeysyms_.rend(); ++held) {
@@ -54,7 +54,7 @@ WaylandInputInjector::~WaylandInputInjector() {
 }
 
 ScreenSize WaylandInputInjector::screenSize() {
-    if (!current_ || current_->closed()) {
+    if (!current_ || current_->ended() != SessionEnd::none) {
         // A restarted compositor: what was held went with the old session.
         current_ = session_();
         heldKeysyms_.clear();

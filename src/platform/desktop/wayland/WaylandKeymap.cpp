@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <wayland-client.h>
 #include <xkbcommon/xkbcommon.h>
@@ -61,7 +62,10 @@ const wl_seat_listener kSeatListener{onCapabilities, nullptr};
 
 void onKeymap(void* data, wl_keyboard*, std::uint32_t format, std::int32_t fd, std::uint32_t size) {
     auto* client = static_cast<Client*>(data);
-    if (format == WL_KEYBOARD_KEYMAP_FORMAT_XKB_V1 && size > 0 && size <= kLargestKeymap) {
+    struct stat file {};
+    // A file shorter than the size it came with would end the process when read past its end.
+    if (format == WL_KEYBOARD_KEYMAP_FORMAT_XKB_V1 && size > 0 && size <= kLargestKeymap &&
+        ::fstat(fd, &file) == 0 && static_cast<std::uint64_t>(file.st_size) >= size) {
         void* mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
         if (mapped != MAP_FAILED) {
             // The text ends with its NUL, within the size.

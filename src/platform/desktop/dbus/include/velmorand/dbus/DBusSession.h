@@ -27,14 +27,23 @@ class DBusSession {
   public:
     static constexpr std::chrono::milliseconds kCallTimeout{5'000};
 
-    // The reply's arguments as a tuple, and the file descriptors it carried (owned by the
-    // caller); or the error's message.
+    // The reply's arguments as a tuple, and the file descriptors it carried, closed with it
+    // unless taken: a peer that sends descriptors nobody asked for cannot make them pile up.
     struct Reply {
         Variant arguments;
         std::vector<int> fds;
+
+        Reply(Variant arguments, std::vector<int> fds);
+        Reply(Reply&& other) noexcept;
+        Reply& operator=(Reply&& other) noexcept;
+        ~Reply();
+        // The descriptor a reply of one handle ("(h)") names, now the caller's; -1 when none.
+        int takeHandle();
     };
     using Result = std::variant<Reply, std::string>;
-    // Runs on the signal thread with the signal's arguments (a tuple).
+    // Runs on the signal thread with the signal's arguments (a tuple), which are checked against
+    // nothing: the handler checks their type. It must not hold the session itself (the last
+    // reference would then go on the thread it has to join).
     using SignalHandler = std::function<void(GVariant* arguments)>;
 
     // The reason when there is no session bus.

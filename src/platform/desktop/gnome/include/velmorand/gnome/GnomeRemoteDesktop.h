@@ -38,7 +38,9 @@ class GnomeRemoteDesktop : public RemoteDesktopSession {
     std::uint32_t pipeWireNode() const { return node_; }
 
     ScreenSize screenSize() const override { return size_; }
-    bool closed() const override;
+    // A close that came while the compositor stayed is the person's (GNOME's "Stop sharing"); it
+    // is told from a compositor leaving at most a second after the close.
+    SessionEnd ended() const override;
     void movePointer(double x, double y) override;
     void setButton(std::int32_t button, bool pressed) override;
     void setKeysym(std::uint32_t keysym, bool pressed) override;
@@ -61,6 +63,8 @@ class GnomeRemoteDesktop : public RemoteDesktopSession {
 
     std::shared_ptr<DBusSession> bus_;
     std::shared_ptr<Shared> shared_;
+    // The compositor's unique name on the bus.
+    std::string compositor_;
     std::string session_;
     std::string stream_;
     std::uint32_t node_ = 0;

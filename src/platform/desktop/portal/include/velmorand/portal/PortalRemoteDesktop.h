@@ -34,7 +34,7 @@ class PortalRemoteDesktop : public RemoteDesktopSession {
     // Why this session bus has no portal to ask; absent when it has.
     static std::optional<std::string> unavailable(DBusSession& bus, bool input);
     // Asks the portal (and, through it, the person at the device), waiting for the answer.
-    static std::variant<std::shared_ptr<PortalRemoteDesktop>, std::string> open(
+    static std::variant<std::shared_ptr<PortalRemoteDesktop>, SessionDenied> open(
         std::shared_ptr<DBusSession> bus, const Options& options);
 
     // Closes the session.
@@ -48,7 +48,9 @@ class PortalRemoteDesktop : public RemoteDesktopSession {
     int openPipeWireRemote();
 
     ScreenSize screenSize() const override { return grant_.size; }
-    bool closed() const override;
+    // The portal closes a session when the person at the device stops sharing it (a compositor
+    // that restarts ends the person's whole session, the portal's with it).
+    SessionEnd ended() const override;
     void movePointer(double x, double y) override;
     void setButton(std::int32_t button, bool pressed) override;
     void setKeysym(std::uint32_t keysym, bool pressed) override;

@@ -6,6 +6,7 @@
 #include <variant>
 
 #include "velmorand/platform/ScreenCapture.h"
+#include "velmorand/wayland/RemoteDesktopSession.h"
 
 typedef struct _GVariant GVariant;
 
@@ -26,6 +27,6 @@ struct PortalGrant {
 // Reads the Response of a portal session's Start: its code (0 granted, 1 declined by the person
 // asked, else failed) and its results (a{sv}: "streams" a(ua{sv}) with "size" (ii), "devices" u,
 // "restore_token" s). The grant, or in a line for the log why there is none.
-std::variant<PortalGrant, std::string> readStartResponse(std::uint32_t code, GVariant* results);
+std::variant<PortalGrant, SessionDenied> readStartResponse(std::uint32_t code, GVariant* results);
 
 }  // namespace velmorand

@@ -9,6 +9,22 @@
 
 namespace velmorand {
 
+// Whether a session has ended, and how: that decides whether another may be opened unasked.
+enum class SessionEnd {
+    none,
+    // The compositor left (it restarted, or failed): a new one's session is the same consent.
+    compositorGone,
+    // The person at the device stopped sharing: nothing is shared again until they start anew.
+    stoppedAtDevice,
+};
+
+// Why no session was had. `theirAnswer` when the person at the device said no, did not answer,
+// or stopped sharing: asking again within the same broadcast would only nag them.
+struct SessionDenied {
+    std::string reason;
+    bool theirAnswer = false;
+};
+
 // A Wayland compositor's remote-desktop session, however it was granted (the compositor's own
 // interface, or the desktop portal): input in the screen cast's coordinates, keys as keysyms,
 // and, where the session has one, the clipboard. Any thread.
@@ -18,8 +34,9 @@ class RemoteDesktopSession {
 
     // The monitor's size in the screen cast's coordinates.
     virtual ScreenSize screenSize() const = 0;
-    // The compositor (or the portal) closed the session, or went away.
-    virtual bool closed() const = 0;
+    // Whether the compositor (or the portal) closed the session, and why. May take a moment
+    // (a bus call) once it has closed.
+    virtual SessionEnd ended() const = 0;
 
     // Sent in order, without waiting for the compositor.
     virtual void movePointer(double x, double y) = 0;
