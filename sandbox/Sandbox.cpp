@@ -301,6 +301,9 @@ class Sandbox::Impl {
             return viewerFile(QStringLiteral("viewer.js"),
                               QByteArrayLiteral("text/javascript; charset=utf-8"));
         });
+        // Browsers ask for an icon by themselves; the page has none, and says so without an error.
+        service_.route(QStringLiteral("/favicon.ico"), Method::Get,
+                       [] { return QHttpServerResponse(Status::NoContent); });
         service_.route(QStringLiteral("/viewer.css"), Method::Get, [] {
             return viewerFile(QStringLiteral("viewer.css"),
                               QByteArrayLiteral("text/css; charset=utf-8"));

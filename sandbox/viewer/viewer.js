@@ -95,6 +95,8 @@
     dropped: 0,
     rejected: 0,
     problem: "",
+    // This viewer asked the device to stop streaming.
+    stopped: false,
   };
 
   // What the pointer and the keyboard are doing on the picture. Held back: a click that may turn
@@ -790,18 +792,21 @@
     stream.since = now;
     const fps = Math.round(stream.shown / seconds * 10) / 10;
     const kbps = Math.round(stream.payloadBytes * 8 / seconds / 1000);
-    setFigure("stream-fps", fps.toFixed(1), fps);
+    // The device sends nothing while its screen does not change: no frames then is not a fault.
+    const still = stream.shown === 0 && stream.header !== null && !stream.stopped;
+    setFigure("stream-fps", still ? "idle, screen unchanged" : fps.toFixed(1), fps);
     setFigure("stream-bitrate", kbps + " kbit/s", kbps);
     if (stream.latencies > 0) {
       const latency = Math.round(stream.latencySumMs / stream.latencies);
       setFigure("stream-latency", latency + " ms", latency);
     } else {
-      setFigure("stream-latency", "—");
+      setFigure("stream-latency", still ? "no new frame" : "—");
       delete $("stream-latency").dataset.value;
     }
     setFigure("stream-missed", String(stream.missed), stream.missed);
-    setFigure("stream-keyframes", String(stream.keyFrames), stream.keyFrames);
     const header = stream.header;
+    setFigure("stream-keyframes", header && header.codec === kJpeg
+      ? "every frame (JPEG)" : String(stream.keyFrames), stream.keyFrames);
     if (header) {
       const codec = header.codec === kJpeg ? "JPEG"
         : "H.264" + (stream.decoderCodec ? " (" + stream.decoderCodec + ")" : "");
@@ -831,7 +836,15 @@
   }
 
   function startStreaming() {
-    send({ type: "need_stream", prefer: $("encode-codec").value || undefined });
+    if (send({ type: "need_stream", prefer: $("encode-codec").value || undefined })) {
+      stream.stopped = false;
+    }
+  }
+
+  function stopStreaming() {
+    if (send({ type: "stream_control", streaming: false })) {
+      stream.stopped = true;
+    }
   }
 
   async function pollDevice() {
@@ -842,10 +855,15 @@
       device.dataset.connected = String(relay.deviceConnected === true);
       if (!relay.deviceConnected) {
         device.textContent = "No device connected";
+        $("screen-idle").textContent = "No device connected. On the device, start one with " +
+          "velmorand broadcast (or Start Broadcast in the app).";
       } else if (relay.device) {
         device.textContent = relay.device.deviceName + " (" + relay.device.deviceId + ")";
       } else {
         device.textContent = "A device is connected";
+      }
+      if (relay.deviceConnected) {
+        $("screen-idle").textContent = "No picture yet.";
       }
       $("viewers").textContent = String(relay.viewers);
     } catch (error) {
@@ -867,8 +885,7 @@
     });
     $("clear-frames").addEventListener("click", () => $("frames").replaceChildren());
     $("stream-start").addEventListener("click", startStreaming);
-    $("stream-stop").addEventListener("click",
-      () => send({ type: "stream_control", streaming: false }));
+    $("stream-stop").addEventListener("click", stopStreaming);
     $("request-key-frame").addEventListener("click", () => send({ type: "request_idr" }));
     for (const form of document.querySelectorAll("form[data-command]")) {
       form.addEventListener("submit", (event) => {

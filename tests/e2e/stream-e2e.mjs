@@ -607,6 +607,9 @@ async function run() {
   const size = await page.locator("#stream-size").textContent();
   check(size === expectedSize, `the picture's size reads "${size}", not "${expectedSize}"`);
   ok(`JPEG: the canvas shows the pattern, ${expectedSize}`);
+  await page.waitForFunction(() =>
+    document.getElementById("stream-keyframes").textContent === "every frame (JPEG)");
+  ok("with JPEG every frame reads as a key frame");
 
   // Whatever CSS makes of the canvas, a point on it is a point on the device's screen.
   const point = await page.evaluate(() => {
