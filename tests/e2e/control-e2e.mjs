@@ -144,7 +144,7 @@ async function run() {
   const pageErrors = [];
   page.on("pageerror", (error) => pageErrors.push(String(error)));
   page.on("console", (message) => {
-    if (message.type() === "error" && !message.location().url.endsWith("/favicon.ico")) {
+    if (message.type() === "error") {
       pageErrors.push(message.text());
     }
   });

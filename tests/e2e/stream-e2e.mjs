@@ -475,13 +475,10 @@ async function startExtensionDevice({ base }) {
   desktop.tellRecorder("animate on");
   desktop.pair(base);
   desktop.startExtension({ viewOnly: opts["view-only"] });
-  // The extension opens its remote control as it starts: the portal asks for the screen and the
-  // keyboard and pointer together; view-only, for the screen once a viewer asks for it.
-  const consented = opts.desktop === "portal"
-    ? desktop.consentToPortal({ remoteInteraction: !opts["view-only"] })
-    : Promise.resolve();
-  if (!opts["view-only"]) {
-    await consented;
+  // The extension asks before it connects: the portal's dialog for the screen and the keyboard
+  // and pointer together, or view-only for the screen alone.
+  if (opts.desktop === "portal") {
+    await desktop.consentToPortal({ remoteInteraction: !opts["view-only"] });
   }
   return {
     name: "extension",
@@ -494,7 +491,6 @@ async function startExtensionDevice({ base }) {
     // The recorder turns its pattern once H.264 frames come: the screen changes, so new ones come.
     showPatternFor: (codec) => codec === "h264" && desktop.tellRecorder("turn"),
     desktop,
-    consented,
     restartCompositor: opts.desktop === "wayland"
       ? async () => {
         await desktop.restartCompositor();
@@ -589,13 +585,12 @@ async function run() {
   const pageErrors = [];
   page.on("pageerror", (error) => pageErrors.push(String(error)));
   page.on("console", (message) => {
-    if (message.type() === "error" && !message.location().url.endsWith("/favicon.ico")) {
+    if (message.type() === "error") {
       pageErrors.push(message.text());
     }
   });
   const response = await page.goto(`${base}/`);
   check(response.status() === 200, `GET / answered ${response.status()}`);
-  await device.consented;
   await waitHeard(0, "need_stream");
   ok("the viewer joining asks the device to stream");
 
