@@ -4,19 +4,61 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Cli.h"
 #include "CliContext.h"
+#include "velmorand/config/AppGroup.h"
+#include "velmorand/config/BroadcastState.h"
+#include "velmorand/desktop/BroadcastControl.h"
 #include "velmorand/platform/Bundle.h"
 #include "velmorand/ui/BroadcastExtension.h"
 
 namespace velmorand::cli {
 namespace {
+
+// The broadcast's supervisor gives its child 5 s to stop before it kills it.
+constexpr auto kStopWait = std::chrono::seconds(10);
+constexpr auto kStopPoll = std::chrono::milliseconds(50);
+
+std::optional<BroadcastControl> broadcastControl(CliContext& context) {
+    const auto container = context.groupContainers().containerDirectory(kAppGroupName);
+    return container ? std::optional<BroadcastControl>(*container) : std::nullopt;
+}
+
+int stopBroadcast(CliContext& context) {
+    const auto control = broadcastControl(context);
+    const auto pid = control ? control->runningPid() : std::nullopt;
+    if (!pid) {
+        std::cout << "No broadcast is running.\n";
+        return kExitSuccess;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + kStopWait;
+    bool asked = false;
+    std::optional<long> running = pid;
+    while (running && std::chrono::steady_clock::now() < deadline) {
+        // A broadcast that has just started may not have recorded its id yet.
+        asked = asked || control->requestStop();
+        std::this_thread::sleep_for(kStopPoll);
+        running = control->runningPid();
+    }
+    const std::string named = *pid > 0 ? " (pid " + std::to_string(*pid) + ")" : "";
+    if (running) {
+        std::cerr << "velmorand: the broadcast" << named
+                  << (asked ? " did not stop within 10 s; see `velmorand log`\n"
+                            : " cannot be asked to stop: it runs as another user\n");
+        return kExitFailure;
+    }
+    std::cout << "Stopped the broadcast" << named << ".\n";
+    return kExitSuccess;
+}
 
 // The extension takes this process's place, so that Ctrl-C, the terminal and the exit status are
 // the extension's own, exactly as when the application starts it.
@@ -48,16 +90,46 @@ int runExtension(CliContext& context, bool viewOnly) {
 
 }  // namespace
 
+BroadcastReport reportBroadcast(CliContext& context) {
+    const auto control = broadcastControl(context);
+    const auto now = BroadcastState::wallClockMs();
+    const auto seen = control
+                          ? BroadcastSighting::of(control->runningPid(), control->stateText(), now)
+                          : BroadcastSighting::of(std::nullopt, std::nullopt, now);
+    if (!seen.running) {
+        return {seen.summary, {{"running", false}}};
+    }
+    const auto& state = seen.state;
+    nlohmann::ordered_json json{
+        {"running", true},
+        {"pid", seen.pid > 0 ? nlohmann::ordered_json(seen.pid) : nullptr},
+        {"phase",
+         BroadcastState::phaseName(state ? state->phase : BroadcastState::Phase::starting)},
+        {"viewers", state ? state->viewers : 0},
+        {"viewOnly", state && state->viewOnly},
+        {"operating", state && state->operatingAt(now)},
+        {"summary", seen.summary}};
+    return {seen.pid > 0 ? seen.summary + " (pid " + std::to_string(seen.pid) + ")" : seen.summary,
+            std::move(json)};
+}
+
 void addBroadcastCommand(CLI::App& app, CliContext& context, Action& action) {
     auto* command = app.add_subcommand(
         "broadcast",
         "Run the upload extension in the foreground: keep the relay link, stream the screen to "
         "the viewers that ask for it and carry out their commands, until Ctrl-C");
     auto viewOnly = std::make_shared<bool>(false);
-    command->add_flag("--view-only", *viewOnly,
-                      "Stream the screen but carry out none of the viewers' commands");
-    command->callback([&context, &action, viewOnly] {
-        action = [&context, viewOnly] { return runExtension(context, *viewOnly); };
+    auto stop = std::make_shared<bool>(false);
+    auto* viewOnlyFlag = command->add_flag(
+        "--view-only", *viewOnly, "Stream the screen but carry out none of the viewers' commands");
+    command
+        ->add_flag("--stop", *stop,
+                   "Stop the running broadcast, whoever started it, and wait until it has")
+        ->excludes(viewOnlyFlag);
+    command->callback([&context, &action, viewOnly, stop] {
+        action = [&context, viewOnly, stop] {
+            return *stop ? stopBroadcast(context) : runExtension(context, *viewOnly);
+        };
     });
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "BroadcastCommand.h"
 #include "Cli.h"
 #include "CliContext.h"
 #include "ModelWatch.h"
@@ -309,13 +310,14 @@ int status(CliContext& context, bool asJson) {
     const auto stored = context.config().load();
     return afterStatusCheck(
         context,
-        [&model, &stored, asJson] {
+        [&context, &model, &stored, asJson] {
             model.refresh();  // what is local is in place when it returns
             if (!asJson) {
                 printForPeople(localStatus(model, stored));
+                std::cout << "Broadcast: " << reportBroadcast(context).line << std::endl;
             }
         },
-        [&model, &stored, asJson] {
+        [&context, &model, &stored, asJson] {
             if (!asJson) {
                 printForPeople(touchControlStatus(model));
                 return kExitSuccess;
@@ -326,6 +328,7 @@ int status(CliContext& context, bool asJson) {
                     object[field.name] = field.value;
                 }
             }
+            object["broadcast"] = reportBroadcast(context).json;
             printLine(std::cout, object.dump());
             return kExitSuccess;
         });
@@ -389,7 +392,7 @@ void addPairingCommands(CLI::App& app, CliContext& context, Action& action) {
     });
 
     auto* statusCommand =
-        app.add_subcommand("status", "Show the pairing state and the touch-control state");
+        app.add_subcommand("status", "Show the pairing, the broadcast and the touch-control state");
     auto asJson = std::make_shared<bool>(false);
     statusCommand->add_flag("--json", *asJson, "Print one JSON object instead of lines");
     statusCommand->callback(

@@ -17,7 +17,8 @@ Broadcast::Broadcast(Services services, std::function<void(int exitStatus)> stop
       openStream_(std::move(services.openStream)),
       openRemoteControl_(std::move(services.openRemoteControl)),
       clock_(services.clock ? std::move(services.clock) : [] { return Clock::now(); }),
-      stop_(std::move(stop)) {
+      stop_(std::move(stop)),
+      status_(services.status) {
     attach();
 }
 
@@ -44,12 +45,25 @@ void Broadcast::begin(const RelayBase& base, const StreamConfig& start) {
             remoteControl_ = std::move(std::get<std::shared_ptr<RemoteControl>>(opened));
         }
     }
+    status_.connecting();
+    refreshStatus();
     client_.connect();
+}
+
+void Broadcast::refreshStatus() {
+    statusRefresh_ =
+        mainQueue_.postAfter(kStatusRefresh, [self = std::weak_ptr<Broadcast*>(self_)] {
+            if (const auto alive = self.lock()) {
+                (*alive)->status_.refresh();
+                (*alive)->refreshStatus();
+            }
+        });
 }
 
 void Broadcast::needStream(const std::optional<std::string>& prefer) {
     notices_.write("need_stream", EventLines::needStream(prefer));
     streamWanted_ = true;
+    status_.streamWanted(true);
     if (cannotStream_) {
         return;
     }
@@ -169,9 +183,23 @@ ScreenStream::Events Broadcast::streamEvents() {
 }
 
 void Broadcast::attach() {
-    client_.onOpen = [this] { log_.write("relay: link open"); };
-    client_.onLinkLost = [this] { endCommands("the relay link was lost"); };
+    client_.onOpen = [this] {
+        log_.write("relay: link open");
+        status_.linkOpen();
+    };
+    client_.onLinkLost = [this] {
+        endCommands("the relay link was lost");
+        status_.connecting();
+    };
+    client_.onLatencyProbe = [this](const std::optional<std::string>& viewerId) {
+        if (viewerId) {
+            status_.viewerHeard(*viewerId);
+        }
+    };
     client_.onControl = [this](const Control& control) {
+        if (remoteControl_) {
+            status_.commandArrived();
+        }
         if (remoteControl_) {
             remoteControl_->execute(control);
         } else {
@@ -189,6 +217,7 @@ void Broadcast::attach() {
     client_.onStreamControl = [this](bool streaming) {
         notices_.write("stream_control", EventLines::streamControl(streaming));
         streamWanted_ = streaming;
+        status_.streamWanted(streaming);
         if (stream_) {
             stream_->setStreaming(streaming);
         } else if (streaming) {

@@ -173,10 +173,12 @@ Sessions<PortalRemoteDesktop>::Open portalOpener(const std::shared_ptr<LazyBus>&
 }
 
 // Tries each backend in turn; the first that opens wins, else one line names what each lacked.
+// A fallback is logged as it happens: the next backend may ask the person at the device.
 template <typename Result, typename Open>
-Result firstThatOpens(const std::vector<DesktopBackend>& backends, Open&& open) {
+Result firstThatOpens(const std::vector<DesktopBackend>& backends, Log& log, Open&& open) {
     std::string tried;
-    for (const auto backend : backends) {
+    for (std::size_t index = 0; index < backends.size(); ++index) {
+        const auto backend = backends[index];
         Result result = open(backend);
         auto* error = std::get_if<std::string>(&result);
         if (error == nullptr) {
@@ -184,6 +186,10 @@ Result firstThatOpens(const std::vector<DesktopBackend>& backends, Open&& open) 
         }
         if (backends.size() == 1) {
             return result;
+        }
+        if (index + 1 < backends.size()) {
+            log.write("desktop: " + backendName(backend) + ": " + *error + " — trying " +
+                      backendName(backends[index + 1]));
         }
         tried += (tried.empty() ? "" : "; ") + backendName(backend) + ": " + *error;
     }
@@ -238,20 +244,21 @@ DesktopServices desktopServices(const DesktopFacts& facts, FrameSink& sink, Log&
     auto portal = std::make_shared<Sessions<PortalRemoteDesktop>>(
         portalOpener(lazyBus, log, std::move(grants)));
 
-    auto openStream = [backends, gnome, portal, &sink](const StreamConfig& config,
-                                                       ScreenStream::Events events)
+    auto openStream = [backends, gnome, portal, &sink, &log](const StreamConfig& config,
+                                                             ScreenStream::Events events)
         -> std::variant<std::unique_ptr<ScreenStream>, std::string> {
-        auto capture = firstThatOpens<Capture>(backends, [&](DesktopBackend backend) -> Capture {
-            switch (backend) {
-                case DesktopBackend::x11:
-                    return x11Capture();
-                case DesktopBackend::gnome:
-                    return waylandCapture(*gnome);
-                case DesktopBackend::portal:
-                    return waylandCapture(*portal);
-            }
-            return std::string("unknown backend");
-        });
+        auto capture =
+            firstThatOpens<Capture>(backends, log, [&](DesktopBackend backend) -> Capture {
+                switch (backend) {
+                    case DesktopBackend::x11:
+                        return x11Capture();
+                    case DesktopBackend::gnome:
+                        return waylandCapture(*gnome);
+                    case DesktopBackend::portal:
+                        return waylandCapture(*portal);
+                }
+                return std::string("unknown backend");
+            });
         if (auto* error = std::get_if<std::string>(&capture)) {
             return *error;
         }
@@ -266,9 +273,9 @@ DesktopServices desktopServices(const DesktopFacts& facts, FrameSink& sink, Log&
             std::move(events), config);
     };
 
-    auto openRemoteControl = [backends, gnome, portal](RemoteControl::Report report)
+    auto openRemoteControl = [backends, gnome, portal, &log](RemoteControl::Report report)
         -> std::variant<std::shared_ptr<RemoteControl>, std::string> {
-        auto remote = firstThatOpens<Remote>(backends, [&](DesktopBackend backend) -> Remote {
+        auto remote = firstThatOpens<Remote>(backends, log, [&](DesktopBackend backend) -> Remote {
             switch (backend) {
                 case DesktopBackend::x11:
                     return x11Remote();

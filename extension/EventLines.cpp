@@ -125,8 +125,9 @@ std::string EventLines::relayRefused(const std::string& url, const std::string& 
 }
 
 std::string EventLines::alreadyRunning(std::optional<long> pid) {
-    return pid ? "a broadcast is already running (pid " + std::to_string(*pid) + ")"
-               : std::string("a broadcast is already running");
+    return (pid ? "a broadcast is already running (pid " + std::to_string(*pid) + ")"
+                : std::string("a broadcast is already running")) +
+           " — stop it with `velmorand broadcast --stop`";
 }
 
 std::string EventLines::control(const Control& control, const RemoteControl::Outcome& outcome) {

@@ -94,7 +94,8 @@ std::chrono::seconds Supervisor::delayAfter(Clock::duration ran) {
     return delay;
 }
 
-int Supervisor::run(Log& log, const std::function<int()>& broadcast) {
+int Supervisor::run(Log& log, const std::function<int()>& broadcast,
+                    const std::function<void(const std::string& why)>& restarting) {
     const sigset_t set = watchedSignals();
     // Blocked, so that the loop below takes it in turn with the stop signals.
     sigset_t childSignal;
@@ -134,9 +135,14 @@ int Supervisor::run(Log& log, const std::function<int()>& broadcast) {
         }
         const auto ran = Clock::now() - started;
         const auto delay = delayAfter(ran);
-        log.write("the broadcast died of signal " + std::to_string(WTERMSIG(*status)) + " (" +
-                  ::strsignal(WTERMSIG(*status)) + ") after " + secondsText(ran) +
-                  " — starting it again in " + std::to_string(delay.count()) + " s");
+        const std::string why = "the broadcast died of signal " +
+                                std::to_string(WTERMSIG(*status)) + " (" +
+                                ::strsignal(WTERMSIG(*status)) + ") after " + secondsText(ran) +
+                                " — starting it again in " + std::to_string(delay.count()) + " s";
+        log.write(why);
+        if (restarting) {
+            restarting(why);
+        }
         const auto resume = Clock::now() + delay;
         for (int signal = 0; (signal = nextSignal(set, resume)) != 0;) {
             if (signal == SIGINT || signal == SIGTERM) {

@@ -15,12 +15,15 @@
 
 #include "DesktopBroadcast.h"
 #include "velmorand/config/AppGroup.h"
+#include "velmorand/config/BroadcastState.h"
 #include "velmorand/config/RelayBase.h"
 #include "velmorand/config/SharedConfig.h"
+#include "velmorand/desktop/BroadcastControl.h"
 #include "velmorand/desktop/DesktopEnvironment.h"
 #include "velmorand/desktop/PlistSettingsStore.h"
 #include "velmorand/desktop/StderrLog.h"
 #include "velmorand/extension/Broadcast.h"
+#include "velmorand/extension/BroadcastStatus.h"
 #include "velmorand/extension/EventLines.h"
 #include "velmorand/extension/ExtensionLogWriter.h"
 #include "velmorand/extension/ExtensionOptions.h"
@@ -50,8 +53,8 @@ std::filesystem::path bundleAroundProgram() {
 
 // One broadcast, until it is stopped or the relay refuses its token; in the supervisor's child.
 int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& log,
-                 const SharedConfig::Values& values, const RelayBase& base,
-                 PortalGrantStore grants) {
+                 const SharedConfig::Values& values, const RelayBase& base, PortalGrantStore grants,
+                 const BroadcastControl& control, const BroadcastState& start) {
     QCoreApplication application(argc, argv);
     QtMainQueue mainQueue;
     auto client =
@@ -66,6 +69,9 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& lo
     if (options.viewOnly) {
         desktop.shareScreen();
     }
+    BroadcastStatus status(
+        start, [&control](const BroadcastState& state) { control.publish(state.encode()); },
+        BroadcastState::wallClockMs);
     Broadcast broadcast(
         {.client = *client,
          .log = log,
@@ -73,7 +79,8 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& lo
          .openStream = std::move(desktop.openStream),
          .openRemoteControl = options.viewOnly ? Broadcast::RemoteControlOpener()
                                                : std::move(desktop.openRemoteControl),
-         .clock = {}},
+         .clock = {},
+         .status = status},
         [](int status) { QCoreApplication::exit(status); });
     bool stopped = false;
     StopSignals stopSignals([&log, &stopped](int signal) {
@@ -99,7 +106,7 @@ int runExtension(int argc, char** argv, const ExtensionOptions& options) {
     }
     ExtensionLogWriter log(*container / "extension.log", {.echo = &stderrLog, .clock = {}});
 
-    InstanceLock lock(*container / "broadcast.lock");
+    InstanceLock lock(*container / BroadcastControl::kLockFileName);
     if (!lock.held()) {
         log.write(lock.error() ? "cannot take the broadcast lock: " + *lock.error()
                                : EventLines::alreadyRunning(lock.holder()));
@@ -135,8 +142,26 @@ int runExtension(int argc, char** argv, const ExtensionOptions& options) {
                 own.synchronize();
             },
     };
-    return Supervisor().run(
-        log, [&] { return runBroadcast(argc, argv, options, log, values, *base, grants); });
+    // What the application, the command line and the indicator show of this broadcast.
+    const BroadcastControl control(*container);
+    BroadcastState start;
+    start.pid = ::getpid();
+    start.viewOnly = options.viewOnly;
+    const auto publish = [&control, &start](BroadcastState::Phase phase, std::string detail) {
+        auto state = start;
+        state.phase = phase;
+        state.detail = std::move(detail);
+        control.publish(state.encode());
+    };
+    publish(BroadcastState::Phase::starting, "");
+    const int status = Supervisor().run(
+        log,
+        [&] {
+            return runBroadcast(argc, argv, options, log, values, *base, grants, control, start);
+        },
+        [&publish](const std::string& why) { publish(BroadcastState::Phase::restarting, why); });
+    publish(BroadcastState::Phase::stopped, "");
+    return status;
 }
 
 }  // namespace

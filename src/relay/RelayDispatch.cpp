@@ -99,11 +99,14 @@ void RelayClient::handleText(std::string_view text) {
         sendJSON(PongMessage{});
     } else if (type == "latency_ping") {
         const std::int64_t t = m.t.value_or(0);
-        const auto reply = LatencyPongMessage{t, std::move(m.viewerId)}.encode();
+        const auto reply = LatencyPongMessage{t, m.viewerId}.encode();
         const auto bare = LatencyPongMessage{t, std::nullopt}.encode();
         if (reply && bare &&
             reply->size() <= bare->size() + kViewerIdMember.size() + kMaxEchoedViewerIdBytes) {
             transmit(*reply, std::nullopt);
+        }
+        if (onLatencyProbe) {
+            onLatencyProbe(m.viewerId);
         }
     } else if (type == "need_stream") {
         if (onNeedStream) {

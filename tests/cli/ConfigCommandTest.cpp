@@ -174,6 +174,15 @@ TEST_F(ConfigCommandTest, PathsThatCannotBeReadReadAsAbsent) {
         {"bundle/PlugIns/VelmorandBroadcast.appex/Info.plist",
          {"status"},
          "Broadcast extension: co.velmorand.connect.broadcast\n"},
+        {"data/Group Containers/group.co.velmorand.connect/broadcast.lock",
+         {"status"},
+         "Broadcast: Not running\n"},
+        {"data/Group Containers/group.co.velmorand.connect/broadcast.json",
+         {"status"},
+         "Broadcast: Not running\n"},
+        {"data/Group Containers/group.co.velmorand.connect/broadcast.lock",
+         {"broadcast", "--stop"},
+         "No broadcast is running.\n"},
     };
     for (const bool pipe : {false, true}) {
         for (const auto& [path, command, expected] : cases) {

@@ -228,6 +228,7 @@ TEST(PairingCommandSlowService, StatusSaysWhatItWaitsFor) {
               "Relay region: auto\nService: " +
                   service.baseUrl() +
                   "\nBroadcast extension: co.velmorand.connect.broadcast\n"
+                  "Broadcast: Not running\n"
                   "Touch control: idle — tap Start (or use the dashboard)\n");
     EXPECT_EQ(status.err,
               "velmorand: waiting for the touch-control state from " + service.baseUrl() + "…\n");

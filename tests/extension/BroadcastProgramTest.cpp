@@ -12,6 +12,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 
+#include "../cli/CommandRunner.h"
 #include "DesktopConfig.h"
 #include "QtTestSupport.h"
 #include "TempDir.h"
@@ -96,6 +97,20 @@ class BroadcastProgramTest : public ::testing::Test {
         return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
     }
 
+    // The command line on the same stores, with a service that answers nothing.
+    testing::CommandResult cli(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(),
+                         {"--data-dir", data_.path().string(), "--bundle-dir", VELMORAND_DEV_BUNDLE,
+                          "--service-url", "http://127.0.0.1:1"});
+        return testing::runCommand(VELMORAND_CLI, arguments);
+    }
+
+    nlohmann::json broadcastStatus() const {
+        const auto status = cli({"status", "--json"});
+        return nlohmann::json::parse(status.out, nullptr, false)
+            .value("broadcast", nlohmann::json());
+    }
+
     void connected() {
         ASSERT_TRUE(pumpUntil([this] { return sandbox_->deviceConnected(); })) << extensionLog();
         EXPECT_EQ(sandbox_->lastDeviceToken(), token_);
@@ -114,8 +129,9 @@ TEST_F(BroadcastProgramTest, ASecondStartIsRefusedWithTheFirstOnesPidAndNoSecret
     connected();
     auto& second = start();
     EXPECT_EQ(finished(second), 1);
-    const std::string refusal =
-        "a broadcast is already running (pid " + std::to_string(first.processId()) + ")";
+    const std::string refusal = "a broadcast is already running (pid " +
+                                std::to_string(first.processId()) +
+                                ") — stop it with `velmorand broadcast --stop`";
     EXPECT_NE(second.readAllStandardError().toStdString().find(refusal), std::string::npos);
     EXPECT_TRUE(logHas(refusal)) << extensionLog();
     EXPECT_EQ(first.state(), QProcess::Running);
@@ -185,6 +201,70 @@ TEST_F(BroadcastProgramTest, AKilledProgramTakesItsBroadcastAlong) {
     process.kill();
     EXPECT_TRUE(pumpUntil([this] { return !sandbox_->deviceConnected(); }, 10s));
     EXPECT_TRUE(pumpUntil([this] { return logHas("stopped (SIGTERM)"); })) << extensionLog();
+}
+
+// `status` shows what the broadcast says of itself as viewers come and go through the relay, and
+// `broadcast --stop`, from another process, ends it.
+TEST_F(BroadcastProgramTest, StatusFollowsTheViewersAndAnotherProcessStopsTheBroadcast) {
+    pair();
+    auto& process = start();
+    connected();
+    const auto seen = [this](const std::string& phase, int viewers) {
+        return pumpUntil([&] {
+            const auto state = broadcastStatus();
+            return state.value("phase", "") == phase && state.value("viewers", -1) == viewers;
+        });
+    };
+    ASSERT_TRUE(seen("live", 0)) << broadcastStatus().dump();
+    const auto pid = std::to_string(process.processId());
+    EXPECT_EQ(broadcastStatus().value("pid", 0), process.processId());
+
+    QWebSocket first;
+    QWebSocket second;
+    const QUrl viewers(QString::fromStdString(sandbox_->relayWsUrl() +
+                                              "/viewer?token=" + sandbox_->viewerToken()));
+    first.open(viewers);
+    EXPECT_TRUE(seen("live", 1)) << broadcastStatus().dump();  // it asked for the stream
+    second.open(viewers);
+    ASSERT_TRUE(pumpUntil([&] {
+        return first.state() == QAbstractSocket::ConnectedState &&
+               second.state() == QAbstractSocket::ConnectedState;
+    }));
+    second.sendTextMessage(R"({"type":"latency_ping","t":1,"viewerId":"second"})");
+    EXPECT_TRUE(seen("live", 1)) << broadcastStatus().dump();  // one may be either of them
+    first.sendTextMessage(R"({"type":"latency_ping","t":1,"viewerId":"first"})");
+    EXPECT_TRUE(seen("live", 2)) << broadcastStatus().dump();
+    first.close();
+    second.close();
+    EXPECT_TRUE(seen("paused", 2)) << broadcastStatus().dump();  // heard from lately
+    EXPECT_NE(cli({"status"})
+                  .out.find("Broadcast: Paused — no viewer wants the stream (pid " + pid + ")\n"),
+              std::string::npos)
+        << cli({"status"}).out;
+
+    const auto stop = cli({"broadcast", "--stop"});
+    EXPECT_EQ(stop.exitCode, 0) << stop.err;
+    EXPECT_EQ(stop.out, "Stopped the broadcast (pid " + pid + ").\n");
+    EXPECT_EQ(finished(process), 0);
+    EXPECT_TRUE(logHas("stopped (SIGTERM)")) << extensionLog();
+    EXPECT_EQ(broadcastStatus(), (nlohmann::json{{"running", false}}));
+    EXPECT_NE(cli({"status"}).out.find("Broadcast: Not running\n"), std::string::npos);
+    EXPECT_EQ(cli({"broadcast", "--stop"}).out, "No broadcast is running.\n");
+}
+
+// Killed outright, the broadcast cannot say it stopped: what it said last is not taken for a
+// broadcast that runs.
+TEST_F(BroadcastProgramTest, AKilledBroadcastIsNotReportedAsRunning) {
+    pair();
+    auto& process = start();
+    connected();
+    ASSERT_TRUE(pumpUntil([this] { return broadcastStatus().value("phase", "") == "live"; }));
+    process.kill();
+    EXPECT_TRUE(pumpUntil([this] { return !broadcastStatus().value("running", true); }));
+    EXPECT_NE(
+        cli({"status"})
+            .out.find("Broadcast: Not running — it ended without stopping; see `velmorand log`\n"),
+        std::string::npos);
 }
 
 TEST_F(BroadcastProgramTest, RelaysThatWouldExposeTheTokenAreRefused) {

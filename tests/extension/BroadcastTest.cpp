@@ -53,6 +53,16 @@ class BroadcastTest : public ::testing::Test {
              return 0.5;
          }});
     std::vector<StreamConfig> opened_;
+    std::vector<BroadcastState> published_;
+    std::int64_t nowMs_ = 1'700'000'000'000;
+    BroadcastStatus status_{BroadcastState{.phase = BroadcastState::Phase::starting,
+                                           .pid = 4242,
+                                           .viewOnly = true,
+                                           .viewers = 0,
+                                           .operatedAtMs = 0,
+                                           .detail = ""},
+                            [this](const BroadcastState& state) { published_.push_back(state); },
+                            [this] { return nowMs_; }};
     Broadcast broadcast_{
         {.client = *client_,
          .log = log_,
@@ -64,7 +74,8 @@ class BroadcastTest : public ::testing::Test {
              return std::string("screen capture needs an X11 display (DISPLAY is not set)");
          },
          .openRemoteControl = {},
-         .clock = [] { return Broadcast::Clock::time_point{}; }},
+         .clock = [] { return Broadcast::Clock::time_point{}; },
+         .status = status_},
         [](int) {}};
     std::shared_ptr<testing::FakeWebSocketTask> task_;
     std::size_t seen_ = 0;
@@ -116,6 +127,88 @@ TEST_F(BroadcastTest, EachViewerEventIsLoggedAndStreamRequestsApplyToTheLiveSett
     EXPECT_EQ(opened_[0].encode, (SharedConfig::EncodeValues{"jpeg", 10, 0.3, 0.4}));
     deliver({R"({"type":"ping"})"});
     EXPECT_EQ(task_->sent.back(), R"({"type":"pong"})");
+}
+
+// What the application, the command line and the indicator show follows the relay: each row's
+// frame, then what was published because of it (nothing when a person would see no change).
+TEST_F(BroadcastTest, PublishesWhatAPersonWouldSeeChange) {
+    using Phase = BroadcastState::Phase;
+    const auto seen = [](Phase phase, int viewers) {
+        return BroadcastState{.phase = phase,
+                              .pid = 4242,
+                              .viewOnly = true,
+                              .viewers = viewers,
+                              .operatedAtMs = 0,
+                              .detail = ""};
+    };
+    EXPECT_EQ(published_, (std::vector{seen(Phase::starting, 0), seen(Phase::connecting, 0),
+                                       seen(Phase::live, 0)}));
+    const std::string longId(BroadcastStatus::kMaxViewerIdBytes + 1, 'v');
+    const std::pair<std::string, std::vector<BroadcastState>> cases[] = {
+        {R"({"type":"need_stream"})", {seen(Phase::live, 1)}},
+        // Probes name their viewers: the one that asked, then a second.
+        {R"({"type":"latency_ping","t":1,"viewerId":"v1"})", {}},
+        {R"({"type":"latency_ping","t":2,"viewerId":"v2"})", {seen(Phase::live, 2)}},
+        {R"({"type":"latency_ping","t":3,"viewerId":"v2"})", {}},
+        {R"({"type":"latency_ping","t":4})", {}},
+        {R"({"type":"latency_ping","t":5,"viewerId":")" + longId + R"("})", {}},
+        {R"({"type":"stream_control","streaming":false})", {seen(Phase::paused, 2)}},
+        {R"({"type":"stream_control"})", {seen(Phase::live, 2)}},
+        // Commands are not carried out view-only: nobody is operating the screen.
+        {R"({"type":"tap","x":10,"y":10})", {}},
+    };
+    for (const auto& [frame, expected] : cases) {
+        published_.clear();
+        deliver({frame});
+        EXPECT_EQ(published_, expected) << frame;
+    }
+
+    // Viewers that went quiet are forgotten, down to the one the stream is wanted by.
+    published_.clear();
+    nowMs_ += BroadcastStatus::kViewerSilenceMs;
+    queue_.advance(Broadcast::kStatusRefresh);
+    EXPECT_EQ(published_, (std::vector{seen(Phase::live, 1)}));
+
+    published_.clear();
+    task_->fail("reset by peer");
+    queue_.runReady();
+    EXPECT_EQ(published_, (std::vector{seen(Phase::connecting, 0)}));
+}
+
+// Commands are published at a grain, not one file write per pointer move; viewers' ids are kept to
+// a bound, however many a relay invents.
+TEST(BroadcastStatusTest, CommandsAndViewersArePublishedWithinBounds) {
+    std::vector<BroadcastState> published;
+    std::int64_t now = 1'000'000;
+    BroadcastStatus status(
+        {.phase = BroadcastState::Phase::live,
+         .pid = 7,
+         .viewOnly = false,
+         .viewers = 0,
+         .operatedAtMs = 0,
+         .detail = ""},
+        [&](const BroadcastState& state) { published.push_back(state); }, [&] { return now; });
+    const std::pair<std::int64_t, std::int64_t> commands[] = {
+        // when the command comes → the time published (0: nothing new published)
+        {1'000'000, 1'000'000},
+        {1'000'000 + BroadcastStatus::kOperatedGrainMs - 1, 0},
+        {1'000'000 + BroadcastStatus::kOperatedGrainMs,
+         1'000'000 + BroadcastStatus::kOperatedGrainMs},
+    };
+    for (const auto& [at, expected] : commands) {
+        published.clear();
+        now = at;
+        status.commandArrived();
+        EXPECT_EQ(published.empty() ? 0 : published.back().operatedAtMs, expected) << at;
+    }
+    for (int i = 0; i < 1000; ++i) {
+        ++now;
+        status.viewerHeard("viewer-" + std::to_string(i));
+    }
+    EXPECT_EQ(status.state().viewers, static_cast<int>(BroadcastStatus::kMaxViewersKept));
+    // The newest are the ones kept.
+    status.viewerHeard("viewer-999");
+    EXPECT_EQ(status.state().viewers, static_cast<int>(BroadcastStatus::kMaxViewersKept));
 }
 
 // A viewer can send notices as fast as the link carries them; the commands must stay in the log.

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "PlistFile.h"
+#include "FileWrite.h"
 #include "PlistHandle.h"
 #include "velmorand/platform/Files.h"
 
@@ -54,7 +54,7 @@ std::optional<std::filesystem::path> DesktopGroupContainers::containerDirectory(
         return std::nullopt;
     }
     auto directory = root_.groupContainerDirectory();
-    if (!plist::PlistFile::makeDirectories(directory)) {
+    if (!files::makeDirectories(directory)) {
         return std::nullopt;
     }
     return directory;

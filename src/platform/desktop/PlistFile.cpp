@@ -8,67 +8,15 @@
 #include <cerrno>
 #include <span>
 
+#include "FileWrite.h"
+
 namespace velmorand::plist {
-namespace {
 
-std::filesystem::path withSuffix(const std::filesystem::path& path, std::string_view suffix) {
-    auto result = path;
-    result += std::string(suffix);
-    return result;
-}
-
-bool writeAll(int descriptor, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const auto count = ::write(descriptor, bytes.data(), bytes.size());
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
-}
-
-void syncDirectory(const std::filesystem::path& directory) {
-    const int descriptor = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor >= 0) {
-        ::fsync(descriptor);
-        ::close(descriptor);
-    }
-}
-
-// Temp file beside the target, then rename: readers see the old or the new file, never a part.
-// The temp name is fixed because every writer holds the file's lock; a temp left by a killed
-// writer is simply overwritten.
-bool replaceAtomically(const std::filesystem::path& path, std::string_view bytes) {
-    const auto directory = path.parent_path();
-    if (!PlistFile::makeDirectories(directory)) {
-        return false;
-    }
-    const auto temporary = withSuffix(path, ".tmp");
-    const int descriptor =
-        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (descriptor < 0) {
-        return false;
-    }
-    const bool written =
-        ::fchmod(descriptor, 0600) == 0 && writeAll(descriptor, bytes) && ::fsync(descriptor) == 0;
-    const bool closed = ::close(descriptor) == 0;
-    if (!written || !closed || ::rename(temporary.c_str(), path.c_str()) != 0) {
-        ::unlink(temporary.c_str());
-        return false;
-    }
-    syncDirectory(directory);
-    return true;
-}
-
-}  // namespace
+using files::withSuffix;
 
 PlistFile::Lock::Lock(const PlistFile& file) {
     const auto lockPath = withSuffix(file.path(), ".lock");
-    if (!makeDirectories(lockPath.parent_path())) {
+    if (!files::makeDirectories(lockPath.parent_path())) {
         return;
     }
     descriptor_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -110,34 +58,14 @@ bool PlistFile::write(const PlistHandle& root, const Content& previous) const {
     }
     if (previous.damaged) {
         const auto aside = withSuffix(path_, ".corrupt");
-        const bool setAside = previous.bytes ? replaceAtomically(aside, *previous.bytes)
+        const bool setAside = previous.bytes ? files::replaceAtomically(aside, *previous.bytes)
                                              : ::rename(path_.c_str(), aside.c_str()) == 0;
         if (!setAside) {
             // Better to keep a damaged file than to lose what it may still hold.
             return false;
         }
     }
-    return replaceAtomically(path_, *xml);
-}
-
-bool PlistFile::makeDirectories(const std::filesystem::path& directory) {
-    if (directory.empty()) {
-        return true;
-    }
-    struct stat info {};
-    if (::stat(directory.c_str(), &info) == 0) {
-        return S_ISDIR(info.st_mode);
-    }
-    if (directory.has_parent_path() && directory.parent_path() != directory &&
-        !makeDirectories(directory.parent_path())) {
-        return false;
-    }
-    if (::mkdir(directory.c_str(), 0700) == 0) {
-        // The umask may narrow the mode, never widen it; make it exact.
-        ::chmod(directory.c_str(), 0700);
-        return true;
-    }
-    return errno == EEXIST;
+    return files::replaceAtomically(path_, *xml);
 }
 
 }  // namespace velmorand::plist

@@ -49,9 +49,6 @@ class PlistFile {
     // The version on disk now; absent when there is no file.
     std::optional<files::FileStamp> stamp() const { return files::stampOf(path_); }
 
-    // Creates the missing directories of `directory` with mode 0700.
-    static bool makeDirectories(const std::filesystem::path& directory);
-
   private:
     std::filesystem::path path_;
 };

@@ -9,6 +9,7 @@
 #include <variant>
 
 #include "velmorand/config/RelayBase.h"
+#include "velmorand/extension/BroadcastStatus.h"
 #include "velmorand/extension/NoticeThrottle.h"
 #include "velmorand/remote/RemoteControl.h"
 #include "velmorand/stream/LiveSettings.h"
@@ -51,7 +52,11 @@ class Broadcast {
         RemoteControlOpener openRemoteControl;
         // Empty: the steady clock.
         std::function<Clock::time_point()> clock;
+        // Told what people should see of the broadcast.
+        BroadcastStatus& status;
     };
+    // How often viewers that went silent are forgotten.
+    static constexpr MainQueue::Duration kStatusRefresh{5.0};
 
     // `stop` ends the program with the given status; it is called at most once, from the main
     // queue.
@@ -66,6 +71,7 @@ class Broadcast {
 
   private:
     void attach();
+    void refreshStatus();
     void needStream(const std::optional<std::string>& prefer);
     // Why the stream could not be opened; absent when it was.
     std::optional<std::string> openStream();
@@ -93,6 +99,8 @@ class Broadcast {
     bool cannotStream_ = false;
     // Viewers want the stream: it was asked for and not stopped since.
     bool streamWanted_ = false;
+    BroadcastStatus& status_;
+    std::shared_ptr<WorkItem> statusRefresh_;
     std::shared_ptr<WorkItem> reopen_;
     MainQueue::Duration reopenDelay_ = kFirstReopenDelay;
     Clock::time_point streamOpenedAt_;

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <string>
 
 namespace velmorand {
 class Log;
@@ -24,8 +25,10 @@ class Supervisor {
     std::chrono::seconds delayAfter(std::chrono::steady_clock::duration ran);
 
     // Runs `broadcast` in a child process until it ends without a signal, and returns its exit
-    // status. Call it before any thread exists, with SIGINT and SIGTERM blocked.
-    int run(Log& log, const std::function<int()>& broadcast);
+    // status; `restarting` hears why, each time it is started again. Call it before any thread
+    // exists, with SIGINT and SIGTERM blocked.
+    int run(Log& log, const std::function<int()>& broadcast,
+            const std::function<void(const std::string& why)>& restarting = {});
 
   private:
     std::chrono::seconds delay_ = kFirstDelay;

@@ -111,6 +111,9 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
                        std::optional<double> scale, std::optional<std::string> codec)>
         onEncodeSettings;
     std::function<void(bool streaming)> onStreamControl;
+    // A latency probe was answered; its viewer, when it named one. The probe carries no other
+    // sign of which viewers are watching.
+    std::function<void(const std::optional<std::string>& viewerId)> onLatencyProbe;
 
   private:
     class SessionDelegate;

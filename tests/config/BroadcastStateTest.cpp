@@ -1,0 +1,133 @@
+#include "velmorand/config/BroadcastState.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace velmorand {
+namespace {
+
+using Phase = BroadcastState::Phase;
+
+constexpr std::int64_t kNow = 1'700'000'000'000;
+
+TEST(BroadcastStateTest, WhatTheBroadcastWroteReadsBackAndAnythingElseIsRefused) {
+    const BroadcastState live{.phase = Phase::live,
+                              .pid = 4242,
+                              .viewOnly = true,
+                              .viewers = 3,
+                              .operatedAtMs = kNow,
+                              .detail = "après — 2 s"};
+    EXPECT_EQ(BroadcastState::decode(live.encode()), live);
+
+    const std::string valid =
+        R"({"phase":"paused","pid":7,"viewOnly":false,"viewers":0,"operatedAtMs":0,"detail":""})";
+    ASSERT_TRUE(BroadcastState::decode(valid));
+    const std::pair<const char*, std::string> refused[] = {
+        {"not JSON", "live"},
+        {"not an object", "[1]"},
+        {"an unknown phase",
+         R"({"phase":"watching","pid":7,"viewOnly":false,"viewers":0,"operatedAtMs":0,"detail":""})"},
+        {"no pid", R"({"phase":"live","viewOnly":false,"viewers":0,"operatedAtMs":0,"detail":""})"},
+        {"pid 0",
+         R"({"phase":"live","pid":0,"viewOnly":false,"viewers":0,"operatedAtMs":0,"detail":""})"},
+        {"a pid as text",
+         R"({"phase":"live","pid":"7","viewOnly":false,"viewers":0,"operatedAtMs":0,"detail":""})"},
+        {"negative viewers",
+         R"({"phase":"live","pid":7,"viewOnly":false,"viewers":-1,"operatedAtMs":0,"detail":""})"},
+        {"a million viewers",
+         R"({"phase":"live","pid":7,"viewOnly":false,"viewers":1000000,"operatedAtMs":0,"detail":""})"},
+        {"viewOnly as a number",
+         R"({"phase":"live","pid":7,"viewOnly":1,"viewers":0,"operatedAtMs":0,"detail":""})"},
+        {"a negative time",
+         R"({"phase":"live","pid":7,"viewOnly":false,"viewers":0,"operatedAtMs":-5,"detail":""})"},
+        {"an escape in the detail",
+         R"({"phase":"restarting","pid":7,"viewOnly":false,"viewers":0,"operatedAtMs":0,"detail":"\u001b[2J"})"},
+        {"a line break in the detail",
+         R"({"phase":"restarting","pid":7,"viewOnly":false,"viewers":0,"operatedAtMs":0,"detail":"a\nb"})"},
+        {"a long detail",
+         R"({"phase":"restarting","pid":7,"viewOnly":false,"viewers":0,"operatedAtMs":0,"detail":")" +
+             std::string(BroadcastState::kMaxDetailBytes + 1, 'x') + R"("})"},
+        {"a large file", valid + std::string(BroadcastState::kMaxEncodedBytes, ' ')},
+    };
+    for (const auto& [what, text] : refused) {
+        EXPECT_FALSE(BroadcastState::decode(text)) << what;
+    }
+}
+
+TEST(BroadcastStateTest, SaysWhatAPersonNeedsToKnow) {
+    // -1: never operated.
+    const auto at = [](Phase phase, int viewers, std::int64_t operatedAgoMs, bool viewOnly = false,
+                       std::string detail = "") {
+        return BroadcastState{.phase = phase,
+                              .pid = 7,
+                              .viewOnly = viewOnly,
+                              .viewers = viewers,
+                              .operatedAtMs = operatedAgoMs == -1 ? 0 : kNow - operatedAgoMs,
+                              .detail = std::move(detail)};
+    };
+    const std::pair<BroadcastState, std::string> cases[] = {
+        {at(Phase::starting, 0, -1), "Starting…"},
+        {at(Phase::connecting, 0, -1), "Connecting to the relay…"},
+        {at(Phase::live, 0, -1), "Live — nobody is watching"},
+        {at(Phase::live, 1, -1), "Live — 1 viewer watching"},
+        {at(Phase::live, 2, 0), "Live — 2 viewers watching, one is operating the screen"},
+        {at(Phase::live, 2, BroadcastState::kOperatingWindowMs - 1),
+         "Live — 2 viewers watching, one is operating the screen"},
+        // Commands long past, and times from a clock since set back, are not someone operating now.
+        {at(Phase::live, 2, BroadcastState::kOperatingWindowMs), "Live — 2 viewers watching"},
+        {at(Phase::live, 2, -60'000), "Live — 2 viewers watching"},
+        {at(Phase::live, 1, 0, true), "Live — 1 viewer watching (view only)"},
+        {at(Phase::paused, 1, 0), "Paused — no viewer wants the stream"},
+        {at(Phase::restarting, 0, -1, false, "it died — starting it again in 2 s"),
+         "Restarting — it died — starting it again in 2 s"},
+        {at(Phase::stopped, 0, -1), "Stopping…"},
+    };
+    for (const auto& [state, line] : cases) {
+        EXPECT_EQ(state.summary(kNow), line) << state.encode();
+    }
+}
+
+// The process that holds the lock is the one running; what the file says is believed only when
+// that process wrote it.
+TEST(BroadcastStateTest, ARunningBroadcastIsTheLocksHolderAndOnlyItsOwnStateCounts) {
+    const auto written = [](Phase phase, long pid) {
+        return BroadcastState{.phase = phase,
+                              .pid = pid,
+                              .viewOnly = false,
+                              .viewers = 1,
+                              .operatedAtMs = 0,
+                              .detail = ""}
+            .encode();
+    };
+    struct Row {
+        std::optional<long> runningPid;
+        std::optional<std::string> text;
+        bool running;
+        bool stateBelieved;
+        std::string summary;
+    };
+    const Row rows[] = {
+        {std::nullopt, std::nullopt, false, false, "Not running"},
+        {std::nullopt, written(Phase::stopped, 7), false, false, "Not running"},
+        {std::nullopt, "{garbage", false, false, "Not running"},
+        // Killed outright, or the machine lost power: it never said it stopped.
+        {std::nullopt, written(Phase::live, 7), false, false,
+         "Not running — it ended without stopping; see `velmorand log`"},
+        {7, written(Phase::live, 7), true, true, "Live — 1 viewer watching"},
+        // An earlier broadcast's state, and a broadcast that has just taken the lock.
+        {8, written(Phase::live, 7), true, false, "Starting…"},
+        {0, std::nullopt, true, false, "Starting…"},
+    };
+    for (const auto& row : rows) {
+        const auto seen = BroadcastSighting::of(row.runningPid, row.text, kNow);
+        SCOPED_TRACE(row.text.value_or("(no file)"));
+        EXPECT_EQ(seen.running, row.running);
+        EXPECT_EQ(seen.pid, row.runningPid.value_or(0));
+        EXPECT_EQ(seen.state.has_value(), row.stateBelieved);
+        EXPECT_EQ(seen.summary, row.summary);
+    }
+}
+
+}  // namespace
+}  // namespace velmorand
