@@ -3,17 +3,28 @@
 #include <QPointer>
 #include <QProcess>
 
+#include "velmorand/config/AppGroup.h"
+#include "velmorand/config/BroadcastState.h"
 #include "velmorand/pairing/PairingModel.h"
+#include "velmorand/platform/Bundle.h"
 #include "velmorand/ui/BroadcastExtension.h"
 
 namespace velmorand::app {
 
 BroadcastBridge::BroadcastBridge(std::shared_ptr<PairingModel> model, const Bundle& bundle,
-                                 QStringList extensionArguments, QObject* parent)
+                                 const GroupContainers& containers, QStringList extensionArguments,
+                                 QObject* parent)
     : QObject(parent),
       model_(std::move(model)),
       bundle_(bundle),
       extensionArguments_(std::move(extensionArguments)) {
+    if (const auto container = containers.containerDirectory(kAppGroupName)) {
+        control_.emplace(*container);
+    }
+    statePoll_.setInterval(kStatePollMs);
+    connect(&statePoll_, &QTimer::timeout, this, &BroadcastBridge::readState);
+    statePoll_.start();
+    readState();
     model_->addObserver([self = QPointer(this)](PairingModel::Field field) {
         if (!self || field != PairingModel::Field::paired) {
             return;
@@ -48,7 +59,7 @@ void BroadcastBridge::update() {
     emit changed();
 }
 
-bool BroadcastBridge::start() {
+bool BroadcastBridge::start(bool viewOnly) {
     if (!extensionID_) {
         return false;
     }
@@ -56,7 +67,33 @@ bool BroadcastBridge::start() {
     if (!program) {
         return false;
     }
-    return QProcess::startDetached(QString::fromStdString(program->string()), extensionArguments_);
+    auto arguments = extensionArguments_;
+    if (viewOnly) {
+        arguments << QStringLiteral("--view-only");
+    }
+    const bool started =
+        QProcess::startDetached(QString::fromStdString(program->string()), arguments);
+    readState();
+    return started;
+}
+
+bool BroadcastBridge::stop() {
+    const bool asked = control_ && control_->requestStop();
+    readState();
+    return asked;
+}
+
+void BroadcastBridge::readState() {
+    const auto seen = BroadcastSighting::of(control_ ? control_->runningPid() : std::nullopt,
+                                            control_ ? control_->stateText() : std::nullopt,
+                                            BroadcastState::wallClockMs());
+    const auto stateText = QString::fromStdString(seen.summary);
+    if (seen.running == running_ && stateText == stateText_) {
+        return;
+    }
+    running_ = seen.running;
+    stateText_ = stateText;
+    emit stateChanged();
 }
 
 }  // namespace velmorand::app

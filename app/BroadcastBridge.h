@@ -3,22 +3,26 @@
 #include <QObject>
 #include <QString>
 #include <QStringList>
+#include <QTimer>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "velmorand/desktop/BroadcastControl.h"
 #include "velmorand/ui/MainScreen.h"
 
 namespace velmorand {
 class Bundle;
+class GroupContainers;
 class PairingModel;
 }  // namespace velmorand
 
 namespace velmorand::app {
 
-// The broadcast section: the start button's identifier, title and state, its notes, and the
-// start itself, which runs the upload extension's program as a detached process — the desktop's
-// system broadcast with that extension preselected.
+// The broadcast section: the start button's identifier, title and state, its notes, the start
+// itself, which runs the upload extension's program as a detached process — the desktop's
+// system broadcast with that extension preselected — and the running broadcast, whoever started
+// it: what it says of itself, and its stop.
 class BroadcastBridge : public QObject {
     Q_OBJECT
     Q_PROPERTY(bool enabled READ enabled NOTIFY changed)
@@ -27,12 +31,17 @@ class BroadcastBridge : public QObject {
     Q_PROPERTY(bool showsPairFirst READ showsPairFirst NOTIFY changed)
     Q_PROPERTY(bool showsStartHelp READ showsStartHelp NOTIFY changed)
     Q_PROPERTY(bool showsMissingExtension READ showsMissingExtension NOTIFY changed)
+    Q_PROPERTY(bool running READ running NOTIFY stateChanged)
+    Q_PROPERTY(QString stateText READ stateText NOTIFY stateChanged)
 
   public:
     // `extensionArguments` are handed to the extension's program: the locations this program
     // was given, so that both use the same stores and bundle.
     BroadcastBridge(std::shared_ptr<PairingModel> model, const Bundle& bundle,
-                    QStringList extensionArguments, QObject* parent = nullptr);
+                    const GroupContainers& containers, QStringList extensionArguments,
+                    QObject* parent = nullptr);
+    // How often the running broadcast's state is read again.
+    static constexpr int kStatePollMs = 1000;
 
     bool enabled() const { return extensionID_.has_value(); }
     QString title() const;
@@ -40,14 +49,21 @@ class BroadcastBridge : public QObject {
     bool showsPairFirst() const { return notes_.pairFirst; }
     bool showsStartHelp() const { return notes_.startHelp; }
     bool showsMissingExtension() const { return notes_.missingExtension; }
+    bool running() const { return running_; }
+    QString stateText() const { return stateText_; }
 
     // Looks the extension up again; the model's changes do this on their own.
     Q_INVOKABLE void update();
     // Does nothing without an identifier, or when there is no program to run.
-    Q_INVOKABLE bool start();
+    Q_INVOKABLE bool start(bool viewOnly);
+    // Asks the running broadcast to stop; the state follows when it has.
+    Q_INVOKABLE bool stop();
+    // Reads the running broadcast's state again; the timer does this on its own.
+    Q_INVOKABLE void readState();
 
   signals:
     void changed();
+    void stateChanged();
 
   private:
     std::shared_ptr<PairingModel> model_;
@@ -55,6 +71,10 @@ class BroadcastBridge : public QObject {
     QStringList extensionArguments_;
     std::optional<std::string> extensionID_;
     MainScreen::BroadcastNotes notes_;
+    std::optional<BroadcastControl> control_;
+    QTimer statePoll_;
+    bool running_ = false;
+    QString stateText_;
 };
 
 }  // namespace velmorand::app

@@ -7,7 +7,8 @@ namespace velmorand::app {
 ScreenBridges::ScreenBridges(AppServices& services, const QStringList& extensionArguments)
     : pairing(services.model, [&config = services.config] { return config.load().relayWsUrl; }),
       encode(services.config),
-      broadcast(services.model, services.environment.bundle, extensionArguments),
+      broadcast(services.model, services.environment.bundle, services.environment.groupContainers,
+                extensionArguments),
       extensionLog(services.appGroup, services.environment.groupContainers) {}
 
 void ScreenBridges::exposeTo(QQmlContext& context) {

@@ -11,6 +11,9 @@ ApplicationWindow {
                                      ? Qt.application.font.pointSize : 10
     readonly property color green: "#1f8a3a"
     property alias scannerSheet: scannerSheet
+    property alias broadcastSheet: broadcastSheet
+    property alias keepsRunningNotice: keepsRunningNotice
+    property bool toldBroadcastKeepsRunning: false
     property alias form: form
 
     title: "Velmorand"
@@ -367,7 +370,7 @@ ApplicationWindow {
                         border.width: broadcastButton.enabled ? 0 : 1
                     }
                     text: broadcast.title
-                    onClicked: broadcast.start()
+                    onClicked: broadcastSheet.open()
                     contentItem: Item {
                         implicitHeight: broadcastRow.implicitHeight
                         implicitWidth: broadcastRow.implicitWidth
@@ -404,6 +407,25 @@ ApplicationWindow {
                         }
                     }
                 }
+                RowLayout {
+                    Layout.fillWidth: true
+                    spacing: 8
+                    visible: broadcast.running
+
+                    // The recording dot.
+                    Rectangle {
+                        width: 10
+                        height: 10
+                        radius: 5
+                        color: "#d12c2c"
+                    }
+                    PlainLabel {
+                        objectName: "broadcastStateText"
+                        Layout.fillWidth: true
+                        wrapMode: Text.Wrap
+                        text: broadcast.stateText
+                    }
+                }
                 Footnote {
                     objectName: "startHelpText"
                     visible: broadcast.showsStartHelp
@@ -437,5 +459,50 @@ ApplicationWindow {
     ScannerSheet {
         id: scannerSheet
         onCodeFound: (code) => pairing.applyScannedCode(code)
+    }
+
+    BroadcastSheet {
+        id: broadcastSheet
+    }
+
+    // Closing leaves a running broadcast running, as on the phone; the first close says so.
+    onClosing: (close) => {
+        if (broadcast.running && !toldBroadcastKeepsRunning) {
+            close.accepted = false
+            toldBroadcastKeepsRunning = true
+            keepsRunningNotice.open()
+        }
+    }
+
+    Dialog {
+        id: keepsRunningNotice
+        objectName: "keepsRunningNotice"
+        modal: true
+        parent: Overlay.overlay
+        anchors.centerIn: parent
+        width: Math.min(parent ? parent.width - 32 : 420, 420)
+        title: "The broadcast keeps running"
+
+        contentItem: PlainLabel {
+            wrapMode: Text.Wrap
+            text: "Velmorand Connect closes; the broadcast does not, and viewers still see this screen. Stop it from its indicator or with velmorand broadcast --stop."
+        }
+        footer: DialogButtonBox {
+            Button {
+                objectName: "stopAndCloseButton"
+                text: "Stop Broadcast"
+                DialogButtonBox.buttonRole: DialogButtonBox.ActionRole
+                onClicked: {
+                    broadcast.stop()
+                    window.close()
+                }
+            }
+            Button {
+                objectName: "keepAndCloseButton"
+                text: "Close"
+                DialogButtonBox.buttonRole: DialogButtonBox.AcceptRole
+                onClicked: window.close()
+            }
+        }
     }
 }

@@ -4,6 +4,7 @@
 #include <QImage>
 #include <QQmlContext>
 #include <QQmlEngine>
+#include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QVideoFrame>
 #include <QVideoFrameFormat>
@@ -69,6 +70,7 @@ class Setup : public QObject {
     Q_PROPERTY(QString demoKey MEMBER demoKey_ CONSTANT)
     Q_PROPERTY(QString dataDir READ dataDir CONSTANT)
     Q_PROPERTY(QString bundleDir READ bundleDir CONSTANT)
+    Q_PROPERTY(QString screenshotDir MEMBER screenshotDir_ CONSTANT)
 
   public:
     QString dataDir() const { return QString::fromStdString((root() / "data").string()); }
@@ -95,10 +97,10 @@ class Setup : public QObject {
                "<key>CFBundleExecutable</key><string>upload</string>"
                "<key>NSExtension</key><dict><key>NSExtensionPointIdentifier</key>"
                "<string>com.apple.broadcast-services-upload</string></dict></dict></plist>";
-        const auto record = launchRecordFile().string();
+        // It records its arguments, then broadcasts until it is asked to stop.
         std::ofstream(extension / "upload")
-            << "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" << record << ".part' && mv '" << record
-            << ".part' '" << record << "'\n";
+            << "#!/bin/sh\nexec '" VELMORAND_BROADCASTING_EXTENSION "' '"
+            << launchRecordFile().string() << "' '" << containerDir().string() << "' \"$@\"\n";
         fs::permissions(extension / "upload", fs::perms::owner_all);
         fs::remove(launchRecordFile());
     }
@@ -106,6 +108,17 @@ class Setup : public QObject {
     Q_INVOKABLE QString launchRecord() const {
         QFile file(QString::fromStdString(launchRecordFile().string()));
         return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    }
+
+    // What `window` shows in `area` (scene coordinates) and a margin around it, as a PNG.
+    Q_INVOKABLE bool saveWindowArea(QQuickWindow* window, const QRectF& area,
+                                    const QString& path) const {
+        constexpr qreal kMargin = 16;
+        const QImage image = window->grabWindow();
+        const QRectF around = area.adjusted(-kMargin, -kMargin, kMargin, kMargin);
+        const qreal scale = image.devicePixelRatio();
+        return image.copy(QRectF(around.topLeft() * scale, around.size() * scale).toAlignedRect())
+            .save(path);
     }
 
     // Frames from a stand-in camera, fed straight into the scanner.
@@ -157,8 +170,12 @@ class Setup : public QObject {
     fs::path root() const { return scratch_.path().toStdString(); }
     fs::path extensionDir() const { return root() / "bundle" / "PlugIns" / "Upload.appex"; }
     fs::path launchRecordFile() const { return root() / "launched.txt"; }
+    fs::path containerDir() const {
+        return root() / "data" / "Group Containers" / "group.co.velmorand.connect";
+    }
 
     QTemporaryDir scratch_;
+    const QString screenshotDir_ = QStringLiteral(VELMORAND_SCREENSHOT_DIR);
     const QUrl mainUrl_{QStringLiteral("qrc:/velmorand/qml/Main.qml")};
     const QString demoKey_ = QString::fromStdString(std::string(sandbox::SandboxOptions::kDemoKey));
     QVideoSink camera_;

@@ -26,6 +26,7 @@ TestCase {
     }
 
     function cleanupTestCase() {
+        stopBroadcast()
         // A handshake still running would outlive the services it uses.
         tryCompare(pairing, "busy", false, 20000)
         window.close()
@@ -33,8 +34,21 @@ TestCase {
         wait(50)
     }
 
-    // Every test starts unpaired, with nothing stored, no extension and an empty key field.
+    // A broadcast the test extension started ends when asked, as the real one does.
+    function stopBroadcast() {
+        broadcast.readState()
+        if (broadcast.running) {
+            broadcast.stop()
+            tryCompare(broadcast, "running", false, 5000)
+        }
+    }
+
+    // Every test starts unpaired, with nothing stored, no extension, no broadcast and an empty
+    // key field.
     function init() {
+        stopBroadcast()
+        window.broadcastSheet.close()
+        window.keepsRunningNotice.close()
         tryCompare(pairing, "busy", false, 20000)
         support.clearStore()
         support.removeExtension()
@@ -49,8 +63,17 @@ TestCase {
 
     function item(name) {
         const found = findChild(window.contentItem, name) || findChild(window.scannerSheet, name)
+                      || findChild(window.broadcastSheet.contentItem, name)
+                      || findChild(window.broadcastSheet.footer, name)
+                      || findChild(window.keepsRunningNotice.footer, name)
         verify(found, "no item named " + name)
         return found
+    }
+
+    // Where the broadcast sheet is in the window.
+    function sheetArea() {
+        const background = window.broadcastSheet.background
+        return background.mapToItem(null, 0, 0, background.width, background.height)
     }
 
     // Brings an item into the form's view, then clicks it as a user would.
@@ -167,9 +190,73 @@ TestCase {
         compare(item("missingExtensionText").visible, false)
 
         click("broadcastButton")
+        tryCompare(window.broadcastSheet, "opened", true)
+        compare(support.launchRecord(), "")  // the sheet starts it, not the button
+        mouseClick(item("startButton"))
         tryVerify(() => support.launchRecord() !== "", 5000)
         compare(support.launchRecord(), "--data-dir\n" + support.dataDir + "\n--bundle-dir\n"
                 + support.bundleDir + "\n")
+    }
+
+    // The sheet names what will run and what viewers may do, starts it view-only when asked,
+    // shows what the running broadcast says of itself (here and in the section) and stops it.
+    function test_theSheetStartsShowsAndStopsTheBroadcast() {
+        typeInto("keyField", support.demoKey)
+        click("pairButton")
+        tryCompare(pairing, "paired", true, 10000)
+        support.installExtension()
+        pairing.refresh()
+        tryCompare(item("broadcastButton"), "enabled", true)
+
+        click("broadcastButton")
+        tryCompare(window.broadcastSheet, "opened", true)
+        compare(item("sheetExtensionText").text, "Upload extension: co.velmorand.connect.test-upload")
+        const viewers = item("sheetViewersText")
+        verify(viewers.text.indexOf("and can operate it: tap, type") > 0, viewers.text)
+        mouseClick(item("viewOnlyBox"))
+        verify(viewers.text.indexOf("and nothing more") > 0, viewers.text)
+        compare(item("broadcastStateText").visible, false)
+        waitForRendering(window.contentItem)
+        verify(support.saveWindowArea(window, sheetArea(), support.screenshotDir + "/broadcast-sheet.png"))
+
+        mouseClick(item("startButton"))
+        tryCompare(broadcast, "running", true, 5000)
+        verify(support.launchRecord().endsWith("--view-only\n"), support.launchRecord())
+        compare(item("sheetStateText").text, "Live — 1 viewer watching (view only)")
+        compare(item("stopButton").visible, true)
+        compare(item("startButton").visible, false)
+        compare(item("broadcastStateText").text, "Live — 1 viewer watching (view only)")
+        compare(item("broadcastStateText").visible, true)
+        waitForRendering(window.contentItem)
+        verify(support.saveWindowArea(window, sheetArea(), support.screenshotDir + "/broadcast-sheet-live.png"))
+
+        mouseClick(item("stopButton"))
+        tryCompare(broadcast, "running", false, 5000)
+        compare(broadcast.stateText, "Not running")
+        compare(item("startButton").visible, true)
+        compare(item("broadcastStateText").visible, false)
+    }
+
+    // Closing the window leaves the broadcast running and says so, once.
+    function test_closingSaysTheBroadcastKeepsRunning() {
+        typeInto("keyField", support.demoKey)
+        click("pairButton")
+        tryCompare(pairing, "paired", true, 10000)
+        support.installExtension()
+        pairing.refresh()
+        tryCompare(item("broadcastButton"), "enabled", true)
+        click("broadcastButton")
+        mouseClick(item("startButton"))
+        tryCompare(broadcast, "running", true, 5000)
+        window.broadcastSheet.close()
+
+        window.toldBroadcastKeepsRunning = false
+        window.close()
+        tryCompare(window.keepsRunningNotice, "opened", true)
+        compare(window.visible, true)
+        compare(broadcast.running, true)
+        window.keepsRunningNotice.close()
+        compare(window.toldBroadcastKeepsRunning, true)
     }
 
     function test_scannerDeliversTheFirstUsableCodeOnce() {
