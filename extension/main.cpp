@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QProcess>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -44,6 +46,8 @@ using namespace velmorand::extension;
 // The portal's restore token for the screen cast it granted.
 constexpr std::string_view kPortalGrantKey = "portalRestoreToken";
 
+constexpr const char* kIndicatorProgram = "velmorand-indicator";
+
 // The extension lives at <bundle>/PlugIns/<name>.appex/<program>.
 std::filesystem::path bundleAroundProgram() {
     std::error_code error;
@@ -51,11 +55,39 @@ std::filesystem::path bundleAroundProgram() {
     return error ? std::filesystem::path(".") : program.parent_path().parent_path().parent_path();
 }
 
+// A person at a graphical desktop sees the broadcast in its status area, from a program of its
+// own beside this one; headless, or without that program, nothing is shown. It goes with this
+// process.
+std::unique_ptr<QProcess> startIndicator(const std::filesystem::path& container) {
+    const auto set = [](const char* name) {
+        const char* value = std::getenv(name);
+        return value != nullptr && *value != '\0';
+    };
+    std::error_code error;
+    const auto program =
+        std::filesystem::read_symlink("/proc/self/exe", error).parent_path() / kIndicatorProgram;
+    if ((!set("DISPLAY") && !set("WAYLAND_DISPLAY")) || error ||
+        !std::filesystem::exists(program, error)) {
+        return nullptr;
+    }
+    auto indicator = std::make_unique<QProcess>();
+    indicator->setProgram(QString::fromStdString(program.string()));
+    indicator->setArguments(
+        {QStringLiteral("--container"), QString::fromStdString(container.string())});
+    // Its platform's complaints are not the broadcast's log.
+    indicator->setStandardOutputFile(QProcess::nullDevice());
+    indicator->setStandardErrorFile(QProcess::nullDevice());
+    indicator->start();
+    return indicator;
+}
+
 // One broadcast, until it is stopped or the relay refuses its token; in the supervisor's child.
 int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& log,
                  const SharedConfig::Values& values, const RelayBase& base, PortalGrantStore grants,
-                 const BroadcastControl& control, const BroadcastState& start) {
+                 const std::filesystem::path& container, const BroadcastControl& control,
+                 const BroadcastState& start) {
     QCoreApplication application(argc, argv);
+    const auto indicator = startIndicator(container);
     QtMainQueue mainQueue;
     auto client =
         RelayClient::make(base.url, *values.deviceToken,
@@ -157,7 +189,8 @@ int runExtension(int argc, char** argv, const ExtensionOptions& options) {
     const int status = Supervisor().run(
         log,
         [&] {
-            return runBroadcast(argc, argv, options, log, values, *base, grants, control, start);
+            return runBroadcast(argc, argv, options, log, values, *base, grants, *container,
+                                control, start);
         },
         [&publish](const std::string& why) { publish(BroadcastState::Phase::restarting, why); });
     publish(BroadcastState::Phase::stopped, "");

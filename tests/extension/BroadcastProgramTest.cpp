@@ -14,6 +14,7 @@
 
 #include "../cli/CommandRunner.h"
 #include "DesktopConfig.h"
+#include "FakeNotifications.h"
 #include "QtTestSupport.h"
 #include "TempDir.h"
 #include "velmorand/sandbox/Sandbox.h"
@@ -76,11 +77,15 @@ class BroadcastProgramTest : public ::testing::Test {
 
     // Started as the application starts it: by the path its lookup finds, with the data root, on
     // a desktop without X11.
-    QProcess& start() {
+    // `sessionBus`: where its indicator finds the notification server; none by default.
+    QProcess& start(const QString& sessionBus = "unix:path=/nonexistent") {
         auto process = std::make_unique<QProcess>();
         auto environment = QProcessEnvironment::systemEnvironment();
         environment.remove("DISPLAY");
         environment.insert("WAYLAND_DISPLAY", "wayland-0");
+        // Its indicator draws nowhere, and there is no status area: its notifications carry Stop.
+        environment.insert("QT_QPA_PLATFORM", "offscreen");
+        environment.insert("DBUS_SESSION_BUS_ADDRESS", sessionBus);
         process->setProcessEnvironment(environment);
         process->start(QString::fromStdString(
                            BroadcastExtension::executable(desktop_.bundle).value_or("").string()),
@@ -265,6 +270,33 @@ TEST_F(BroadcastProgramTest, AKilledBroadcastIsNotReportedAsRunning) {
         cli({"status"})
             .out.find("Broadcast: Not running — it ended without stopping; see `velmorand log`\n"),
         std::string::npos);
+}
+
+// On a desktop without a status area, a notification says the screen is being broadcast and
+// carries the Stop; choosing it ends the broadcast. Another notification's Stop does not.
+TEST_F(BroadcastProgramTest, ItsNotificationAnnouncesTheBroadcastAndStopsIt) {
+    const testing::PrivateSessionBus bus;
+    ASSERT_FALSE(bus.address().isEmpty()) << "dbus-daemon did not start";
+    testing::FakeNotifications server(bus.connection());
+    ASSERT_TRUE(server.serve());
+    pair();
+    auto& process = start(bus.address());
+    connected();
+    ASSERT_TRUE(pumpUntil([&] { return !server.notices().empty(); }, 15s));
+    const auto notice = server.notices().front();
+    EXPECT_EQ(notice.summary.toStdString(), "Your screen is being broadcast");
+    EXPECT_EQ(notice.body.toStdString(),
+              "Viewers on the Velmorand dashboard can see this screen and operate it.");
+    EXPECT_EQ(notice.actions, (QStringList{"stop", "Stop Broadcast"}));
+    EXPECT_EQ(notice.timeout, 0);  // it stays until answered
+
+    server.choose(notice.id + 1, "stop");
+    server.choose(notice.id, "default");
+    EXPECT_FALSE(pumpUntil([&] { return process.state() == QProcess::NotRunning; }, 1500ms));
+    server.choose(notice.id, "stop");
+    EXPECT_EQ(finished(process), 0);
+    EXPECT_TRUE(logHas("stopped (SIGTERM)")) << extensionLog();
+    EXPECT_EQ(server.notices().size(), 1u);
 }
 
 TEST_F(BroadcastProgramTest, RelaysThatWouldExposeTheTokenAreRefused) {
