@@ -44,8 +44,14 @@ int stopBroadcast(CliContext& context) {
     bool asked = false;
     std::optional<long> running = pid;
     while (running && std::chrono::steady_clock::now() < deadline) {
-        // A broadcast that has just started may not have recorded its id yet.
-        asked = asked || control->requestStop();
+        if (!asked) {
+            asked = control->requestStop();
+            // A broadcast that has just started may not have recorded its id yet; an id that is
+            // recorded and not answered will not be.
+            if (!asked && *running > 0) {
+                break;
+            }
+        }
         std::this_thread::sleep_for(kStopPoll);
         running = control->runningPid();
     }
@@ -53,7 +59,8 @@ int stopBroadcast(CliContext& context) {
     if (running) {
         std::cerr << "velmorand: the broadcast" << named
                   << (asked ? " did not stop within 10 s; see `velmorand log`\n"
-                            : " cannot be asked to stop: it runs as another user\n");
+                            : " cannot be asked to stop: no process of yours on this machine "
+                              "holds its lock\n");
         return kExitFailure;
     }
     std::cout << "Stopped the broadcast" << named << ".\n";
@@ -97,17 +104,24 @@ BroadcastReport reportBroadcast(CliContext& context) {
                           ? BroadcastSighting::of(control->runningPid(), control->stateText(), now)
                           : BroadcastSighting::of(std::nullopt, std::nullopt, now);
     if (!seen.running) {
-        return {seen.summary, {{"running", false}}};
+        return {seen.summary,
+                {{"running", false},
+                 {"endedWithoutStopping", seen.endedWithoutStopping},
+                 {"summary", seen.summary}}};
     }
+    // Until the broadcast has said anything, it is starting and nothing else is known.
     const auto& state = seen.state;
+    const auto known = [&state](const auto& value) {
+        return state ? nlohmann::ordered_json(value) : nlohmann::ordered_json();
+    };
     nlohmann::ordered_json json{
         {"running", true},
         {"pid", seen.pid > 0 ? nlohmann::ordered_json(seen.pid) : nullptr},
         {"phase",
          BroadcastState::phaseName(state ? state->phase : BroadcastState::Phase::starting)},
-        {"viewers", state ? state->viewers : 0},
-        {"viewOnly", state && state->viewOnly},
-        {"operating", state && state->operatingAt(now)},
+        {"viewers", known(state ? state->viewers : 0)},
+        {"viewOnly", known(state && state->viewOnly)},
+        {"operating", known(state && state->operatingAt(now))},
         {"summary", seen.summary}};
     return {seen.pid > 0 ? seen.summary + " (pid " + std::to_string(seen.pid) + ")" : seen.summary,
             std::move(json)};

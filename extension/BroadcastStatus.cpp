@@ -1,13 +1,24 @@
 #include "velmorand/extension/BroadcastStatus.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace velmorand::extension {
 
-BroadcastStatus::BroadcastStatus(BroadcastState start, Publish publish, WallClock now)
-    : state_(std::move(start)), publish_(std::move(publish)), now_(std::move(now)) {
-    publish_(state_);
+BroadcastStatus::BroadcastStatus(BroadcastState start, Publish publish, WallClock now,
+                                 MainQueue& mainQueue)
+    : state_(std::move(start)),
+      publish_(std::move(publish)),
+      now_(std::move(now)),
+      mainQueue_(mainQueue) {
+    publishNow(now_());
+}
+
+BroadcastStatus::~BroadcastStatus() {
+    if (pending_) {
+        pending_->cancel();
+    }
 }
 
 void BroadcastStatus::connecting() {
@@ -57,7 +68,8 @@ void BroadcastStatus::viewerHeard(std::string_view viewerId) {
 
 void BroadcastStatus::commandArrived() {
     const auto now = now_();
-    if (now - state_.operatedAtMs < kOperatedGrainMs) {
+    // A clock set back since the last command must not hide the ones that follow.
+    if (now >= state_.operatedAtMs && now - state_.operatedAtMs < kOperatedGrainMs) {
         return;
     }
     auto next = state_;
@@ -87,6 +99,23 @@ void BroadcastStatus::publishWith(BroadcastState next) {
         return;
     }
     state_ = std::move(next);
+    if (pending_) {
+        return;  // the write already due takes this change along
+    }
+    const auto now = now_();
+    const auto since = now - publishedAtMs_;
+    if (since < 0 || since >= kPublishIntervalMs) {
+        publishNow(now);
+        return;
+    }
+    pending_ = mainQueue_.postAfter(std::chrono::milliseconds(kPublishIntervalMs - since), [this] {
+        pending_.reset();
+        publishNow(now_());
+    });
+}
+
+void BroadcastStatus::publishNow(std::int64_t nowMs) {
+    publishedAtMs_ = nowMs;
     publish_(state_);
 }
 

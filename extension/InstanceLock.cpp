@@ -5,12 +5,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 namespace velmorand::extension {
 namespace {
+
+constexpr int kLookerRetries = 10;
+constexpr auto kLookerRetryPause = std::chrono::milliseconds(20);
 
 std::optional<long> recordedPid(int descriptor) {
     char buffer[32] = {};
@@ -34,15 +39,27 @@ InstanceLock::InstanceLock(std::filesystem::path file) : file_(std::move(file)) 
         error_ = file_.string() + ": " + std::strerror(errno);
         return;
     }
-    int result = 0;
-    do {
-        result = ::flock(descriptor_, LOCK_EX | LOCK_NB);
-    } while (result != 0 && errno == EINTR);
-    if (result != 0) {
-        if (errno == EWOULDBLOCK) {
-            holder_ = recordedPid(descriptor_);
-        } else {
-            error_ = file_.string() + ": " + std::strerror(errno);
+    // Programs that only look whether a broadcast runs hold the lock shared for a moment and
+    // record no id: a lock held without one is tried again, briefly, before it counts as taken.
+    int failure = 0;
+    for (int attempt = 0;; ++attempt) {
+        int result = 0;
+        do {
+            result = ::flock(descriptor_, LOCK_EX | LOCK_NB);
+        } while (result != 0 && errno == EINTR);
+        failure = result == 0 ? 0 : errno;
+        if (failure != EWOULDBLOCK) {
+            break;
+        }
+        holder_ = recordedPid(descriptor_);
+        if (holder_ || attempt == kLookerRetries) {
+            break;
+        }
+        std::this_thread::sleep_for(kLookerRetryPause);
+    }
+    if (failure != 0) {
+        if (failure != EWOULDBLOCK) {
+            error_ = file_.string() + ": " + std::strerror(failure);
         }
         ::close(descriptor_);
         descriptor_ = -1;

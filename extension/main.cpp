@@ -2,10 +2,11 @@
 // broadcast; reads the shared configuration once, keeps the device's relay link until stopped,
 // streams the screen while viewers ask for it, carries out their remote-control commands, and
 // writes what happens to extension.log in the group container.
+#include <fcntl.h>
+#include <spawn.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
-#include <QProcess>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -56,9 +57,9 @@ std::filesystem::path bundleAroundProgram() {
 }
 
 // A person at a graphical desktop sees the broadcast in its status area, from a program of its
-// own beside this one; headless, or without that program, nothing is shown. It goes with this
-// process.
-std::unique_ptr<QProcess> startIndicator(const std::filesystem::path& container) {
+// own beside this one, for as long as the broadcast runs (restarts included): it goes by itself
+// once the lock is free. Headless, or without that program, nothing is shown.
+void startIndicator(const std::filesystem::path& container) {
     const auto set = [](const char* name) {
         const char* value = std::getenv(name);
         return value != nullptr && *value != '\0';
@@ -68,26 +69,35 @@ std::unique_ptr<QProcess> startIndicator(const std::filesystem::path& container)
         std::filesystem::read_symlink("/proc/self/exe", error).parent_path() / kIndicatorProgram;
     if ((!set("DISPLAY") && !set("WAYLAND_DISPLAY")) || error ||
         !std::filesystem::exists(program, error)) {
-        return nullptr;
+        return;
     }
-    auto indicator = std::make_unique<QProcess>();
-    indicator->setProgram(QString::fromStdString(program.string()));
-    indicator->setArguments(
-        {QStringLiteral("--container"), QString::fromStdString(container.string())});
+    posix_spawn_file_actions_t files;
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_init(&files);
+    posix_spawnattr_init(&attributes);
     // Its platform's complaints are not the broadcast's log.
-    indicator->setStandardOutputFile(QProcess::nullDevice());
-    indicator->setStandardErrorFile(QProcess::nullDevice());
-    indicator->start();
-    return indicator;
+    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&files, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    // The stop signals are blocked here for the supervisor to take in turn; not there.
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    std::string path = program.string();
+    std::string option = "--container";
+    std::string directory = container.string();
+    char* argv[] = {path.data(), option.data(), directory.data(), nullptr};
+    pid_t pid = 0;
+    ::posix_spawn(&pid, path.c_str(), &files, &attributes, argv, environ);
+    posix_spawnattr_destroy(&attributes);
+    posix_spawn_file_actions_destroy(&files);
 }
 
 // One broadcast, until it is stopped or the relay refuses its token; in the supervisor's child.
 int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& log,
                  const SharedConfig::Values& values, const RelayBase& base, PortalGrantStore grants,
-                 const std::filesystem::path& container, const BroadcastControl& control,
-                 const BroadcastState& start) {
+                 const BroadcastControl& control, const BroadcastState& start) {
     QCoreApplication application(argc, argv);
-    const auto indicator = startIndicator(container);
     QtMainQueue mainQueue;
     auto client =
         RelayClient::make(base.url, *values.deviceToken,
@@ -103,7 +113,7 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& lo
     }
     BroadcastStatus status(
         start, [&control](const BroadcastState& state) { control.publish(state.encode()); },
-        BroadcastState::wallClockMs);
+        BroadcastState::wallClockMs, mainQueue);
     Broadcast broadcast(
         {.client = *client,
          .log = log,
@@ -186,11 +196,11 @@ int runExtension(int argc, char** argv, const ExtensionOptions& options) {
         control.publish(state.encode());
     };
     publish(BroadcastState::Phase::starting, "");
+    startIndicator(*container);
     const int status = Supervisor().run(
         log,
         [&] {
-            return runBroadcast(argc, argv, options, log, values, *base, grants, *container,
-                                control, start);
+            return runBroadcast(argc, argv, options, log, values, *base, grants, control, start);
         },
         [&publish](const std::string& why) { publish(BroadcastState::Phase::restarting, why); });
     publish(BroadcastState::Phase::stopped, "");

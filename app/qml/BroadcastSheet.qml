@@ -24,7 +24,7 @@ Dialog {
 
     Connections {
         target: broadcast
-        function onRunningChanged() {
+        function onStateChanged() {
             if (broadcast.running)
                 sheet.starting = false
         }

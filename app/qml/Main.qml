@@ -358,7 +358,8 @@ ApplicationWindow {
                     objectName: "broadcastButton"
                     Layout.fillWidth: true
                     Layout.preferredHeight: 48
-                    enabled: broadcast.enabled
+                    // A running broadcast can be stopped whatever else holds.
+                    enabled: broadcast.enabled || broadcast.running
                     // Filled, as the platform's prominent button.
                     background: Rectangle {
                         radius: 6

@@ -6,6 +6,7 @@
 #include <QDBusPendingReply>
 #include <QStringList>
 #include <QVariantMap>
+#include <utility>
 
 namespace velmorand::indicator {
 namespace {
@@ -15,6 +16,7 @@ const QString kPath = QStringLiteral("/org/freedesktop/Notifications");
 const QString kInterface = QStringLiteral("org.freedesktop.Notifications");
 const QString kStopAction = QStringLiteral("stop");
 constexpr int kCallTimeoutMs = 5000;
+constexpr int kCloseTimeoutMs = 1000;
 // Servers that show everything somewhere keep these; one that forgets is shown again by nobody.
 constexpr int kServerDefaultTimeout = -1;
 constexpr int kNeverExpires = 0;
@@ -47,6 +49,16 @@ void DesktopNotifications::show(const QString& summary, const QString& body, boo
                 }
                 call->deleteLater();
             });
+}
+
+void DesktopNotifications::closeAll() {
+    for (const uint id : std::as_const(ours_)) {
+        auto message = QDBusMessage::createMethodCall(kService, kPath, kInterface,
+                                                      QStringLiteral("CloseNotification"));
+        message << id;
+        QDBusConnection::sessionBus().call(message, QDBus::Block, kCloseTimeoutMs);
+    }
+    ours_.clear();
 }
 
 void DesktopNotifications::onActionInvoked(uint id, const QString& action) {

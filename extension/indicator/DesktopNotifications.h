@@ -17,6 +17,9 @@ class DesktopNotifications : public QObject {
 
     // `withStop`: the notification stays until answered and carries "Stop Broadcast".
     void show(const QString& summary, const QString& body, bool withStop);
+    // Takes ours off the screen, waiting a moment for the server: for the end of the broadcast,
+    // after which they would tell of a broadcast that is gone and offer a Stop that does nothing.
+    void closeAll();
 
   signals:
     void stopChosen();

@@ -56,6 +56,8 @@ void StatusIndicator::refresh() {
                                                         BroadcastState::wallClockMs()),
                                   BroadcastState::wallClockMs());
     if (view.ended) {
+        timer_.stop();
+        notifications_.closeAll();
         QApplication::quit();
         return;
     }

@@ -16,7 +16,8 @@ namespace velmorand::indicator {
 // The running broadcast in the desktop's status area: an icon while it runs (a ring around the
 // dot while a viewer operates the screen), its state atop a menu that stops it, and notifications
 // when it goes live and when a viewer first takes control. Without a status area the
-// notifications carry the Stop. Quits once the broadcast has ended.
+// notifications carry the Stop. Once the broadcast has ended, takes its notifications back and
+// quits.
 class StatusIndicator : public QObject {
     Q_OBJECT
 

@@ -1,27 +1,15 @@
 // velmorand-indicator: the running broadcast in the desktop's status area and notifications.
-// Started by the broadcast on a graphical desktop; ends with it.
-#include <sys/prctl.h>
+// Started by the broadcast on a graphical desktop; ends once the broadcast's lock is free.
 #include <unistd.h>
 
 #include <QApplication>
 #include <QCommandLineParser>
-#include <csignal>
 #include <cstdlib>
 #include <string>
 
 #include "StatusIndicator.h"
 
 int main(int argc, char** argv) {
-    // The broadcast blocks its stop signals before it starts anything; they are ours to take.
-    sigset_t none;
-    sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    const pid_t broadcast = ::getppid();
-    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-    if (::getppid() != broadcast) {
-        return 0;
-    }
-
     // The desktop's session bus is where its login put it; libdbus would otherwise launch a bus
     // of its own on the X display, for nothing to listen on.
     if (std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr) {

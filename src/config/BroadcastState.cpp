@@ -136,11 +136,12 @@ BroadcastSighting BroadcastSighting::of(std::optional<long> runningPid,
     using Phase = BroadcastState::Phase;
     auto said = text ? BroadcastState::decode(*text) : std::nullopt;
     if (!runningPid) {
-        // One that never said it stopped ended by a kill, a crash or a power cut.
+        const bool unexpected = said && said->phase != Phase::stopped;
         return {.running = false,
                 .pid = 0,
                 .state = std::nullopt,
-                .summary = said && said->phase != Phase::stopped
+                .endedWithoutStopping = unexpected,
+                .summary = unexpected
                                ? "Not running — it ended without stopping; see `velmorand log`"
                                : "Not running"};
     }
@@ -152,6 +153,7 @@ BroadcastSighting BroadcastSighting::of(std::optional<long> runningPid,
     return {.running = true,
             .pid = *runningPid,
             .state = std::move(said),
+            .endedWithoutStopping = false,
             .summary = std::move(summary)};
 }
 

@@ -234,6 +234,9 @@ TestCase {
         tryCompare(broadcast, "running", false, 5000)
         compare(broadcast.stateText, "Not running")
         compare(item("startButton").visible, true)
+        // Ready for the next one at once, not after a wait.
+        compare(item("startButton").text, "Start Broadcast")
+        compare(item("startButton").enabled, true)
         compare(item("broadcastStateText").visible, false)
     }
 

@@ -9,6 +9,8 @@
 #include <QTcpSocket>
 #include <QWebSocket>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
 
@@ -252,7 +254,9 @@ TEST_F(BroadcastProgramTest, StatusFollowsTheViewersAndAnotherProcessStopsTheBro
     EXPECT_EQ(stop.out, "Stopped the broadcast (pid " + pid + ").\n");
     EXPECT_EQ(finished(process), 0);
     EXPECT_TRUE(logHas("stopped (SIGTERM)")) << extensionLog();
-    EXPECT_EQ(broadcastStatus(), (nlohmann::json{{"running", false}}));
+    EXPECT_EQ(broadcastStatus(), (nlohmann::json{{"running", false},
+                                                 {"endedWithoutStopping", false},
+                                                 {"summary", "Not running"}}));
     EXPECT_NE(cli({"status"}).out.find("Broadcast: Not running\n"), std::string::npos);
     EXPECT_EQ(cli({"broadcast", "--stop"}).out, "No broadcast is running.\n");
 }
@@ -266,6 +270,7 @@ TEST_F(BroadcastProgramTest, AKilledBroadcastIsNotReportedAsRunning) {
     ASSERT_TRUE(pumpUntil([this] { return broadcastStatus().value("phase", "") == "live"; }));
     process.kill();
     EXPECT_TRUE(pumpUntil([this] { return !broadcastStatus().value("running", true); }));
+    EXPECT_EQ(broadcastStatus().value("endedWithoutStopping", false), true);
     EXPECT_NE(
         cli({"status"})
             .out.find("Broadcast: Not running — it ended without stopping; see `velmorand log`\n"),
@@ -297,6 +302,35 @@ TEST_F(BroadcastProgramTest, ItsNotificationAnnouncesTheBroadcastAndStopsIt) {
     EXPECT_EQ(finished(process), 0);
     EXPECT_TRUE(logHas("stopped (SIGTERM)")) << extensionLog();
     EXPECT_EQ(server.notices().size(), 1u);
+    // Gone with the broadcast: no notification tells of it or offers a Stop that does nothing.
+    EXPECT_TRUE(pumpUntil([&] { return server.closed() == std::vector<uint>{notice.id}; }, 5s));
+}
+
+// An id in the lock file is believed only of a process that holds the lock: a stale or planted
+// one never has an unrelated process signalled.
+TEST_F(BroadcastProgramTest, StopSignalsOnlyTheProcessThatHoldsTheLock) {
+    const auto container = data_.path() / "Group Containers" / "group.co.velmorand.connect";
+    std::filesystem::create_directories(container);
+    QProcess bystander;
+    bystander.start("sleep", {"30"});
+    ASSERT_TRUE(bystander.waitForStarted());
+    QProcess holder;
+    holder.start("flock", {"-n", QString::fromStdString((container / "broadcast.lock").string()),
+                           "sleep", "30"});
+    ASSERT_TRUE(holder.waitForStarted());
+    ASSERT_TRUE(pumpUntil([&] { return broadcastStatus().value("running", false); }));
+    std::ofstream(container / "broadcast.lock") << bystander.processId() << "\n";
+
+    const auto stop = cli({"broadcast", "--stop"});
+    EXPECT_EQ(stop.exitCode, 1);
+    EXPECT_EQ(stop.err, "velmorand: the broadcast (pid " + std::to_string(bystander.processId()) +
+                            ") cannot be asked to stop: no process of yours on this machine "
+                            "holds its lock\n");
+    EXPECT_EQ(bystander.state(), QProcess::Running);
+    holder.kill();
+    bystander.kill();
+    holder.waitForFinished();
+    bystander.waitForFinished();
 }
 
 TEST_F(BroadcastProgramTest, RelaysThatWouldExposeTheTokenAreRefused) {

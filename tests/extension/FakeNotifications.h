@@ -63,6 +63,7 @@ class FakeNotifications : public QObject {
     }
 
     const std::vector<Notice>& notices() const { return notices_; }
+    const std::vector<uint>& closed() const { return closed_; }
 
     void choose(uint id, const QString& action) {
         auto signal =
@@ -79,6 +80,7 @@ class FakeNotifications : public QObject {
         notices_.push_back({++lastId_, summary, body, actions, timeout});
         return lastId_;
     }
+    void CloseNotification(uint id) { closed_.push_back(id); }
     QStringList GetCapabilities() const {
         return {QStringLiteral("actions"), QStringLiteral("body")};
     }
@@ -87,6 +89,7 @@ class FakeNotifications : public QObject {
     static inline const QString kPath = QStringLiteral("/org/freedesktop/Notifications");
     QDBusConnection bus_;
     std::vector<Notice> notices_;
+    std::vector<uint> closed_;
     uint lastId_ = 40;
 };
 

@@ -25,11 +25,19 @@ BroadcastSighting running(Phase phase, std::int64_t operatedAtMs = 0, bool viewO
                                .viewers = 1,
                                .operatedAtMs = operatedAtMs,
                                .detail = ""};
-    return {.running = true, .pid = 7, .state = state, .summary = state.summary(kStart)};
+    return {.running = true,
+            .pid = 7,
+            .state = state,
+            .endedWithoutStopping = false,
+            .summary = state.summary(kStart)};
 }
 
 BroadcastSighting gone() {
-    return {.running = false, .pid = 0, .state = {}, .summary = "Not running"};
+    return {.running = false,
+            .pid = 0,
+            .state = {},
+            .endedWithoutStopping = false,
+            .summary = "Not running"};
 }
 
 // Each row is one reading, a second after the last: what the broadcast said, then what the
@@ -45,7 +53,11 @@ TEST(IndicatorModelTest, AnnouncesTheLiveBroadcastAndTheFirstOperatorOnceAndGoes
     const Row rows[] = {
         {"not running yet", gone(), {}, false, false},
         {"just took the lock",
-         {.running = true, .pid = 0, .state = {}, .summary = "Starting…"},
+         {.running = true,
+          .pid = 0,
+          .state = {},
+          .endedWithoutStopping = false,
+          .summary = "Starting…"},
          {},
          false,
          false},
@@ -54,7 +66,6 @@ TEST(IndicatorModelTest, AnnouncesTheLiveBroadcastAndTheFirstOperatorOnceAndGoes
         {"still live", running(Phase::live), {}, false, false},
         {"a viewer operates", running(Phase::live, kStart + 3'000), {kOperated}, true, false},
         {"and goes on", running(Phase::live, kStart + 5'000), {}, true, false},
-        {"after a reconnect", running(Phase::live, kStart + 5'000), {}, true, false},
         {"paused, nobody operating", running(Phase::paused), {}, false, false},
         {"operated again", running(Phase::live, kStart + 8'000), {}, true, false},
         {"stopped", gone(), {}, false, true},

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "FileRead.h"
 #include "FileWrite.h"
 
 namespace velmorand {
@@ -44,6 +44,27 @@ long recordedPid(int descriptor) {
     return end != buffer && pid > 0 ? pid : 0;
 }
 
+// Whether process `pid` of this machine has `file` open: the id written in the lock file is
+// believed only then, so that a stale id, or one written on another machine sharing the
+// directory, never has an unrelated process signalled.
+bool holdsOpen(long pid, const std::filesystem::path& file) {
+    struct stat wanted {};
+    if (::stat(file.c_str(), &wanted) != 0) {
+        return false;
+    }
+    std::error_code error;
+    const std::filesystem::path descriptors = "/proc/" + std::to_string(pid) + "/fd";
+    for (std::filesystem::directory_iterator entry(descriptors, error), end; !error && entry != end;
+         entry.increment(error)) {
+        struct stat open {};
+        if (::stat(entry->path().c_str(), &open) == 0 && open.st_dev == wanted.st_dev &&
+            open.st_ino == wanted.st_ino) {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 BroadcastControl::BroadcastControl(const std::filesystem::path& container)
@@ -71,19 +92,40 @@ std::optional<long> BroadcastControl::runningPid() const {
 }
 
 std::optional<std::string> BroadcastControl::stateText() const {
-    const auto stamp = files::stampOf(stateFile_);
-    std::string text;
-    if (!stamp || stamp->size < 0 || static_cast<std::size_t>(stamp->size) > kMaxStateBytes ||
-        files::readRegularFile(stateFile_, text) != files::ReadStatus::ok ||
-        text.size() > kMaxStateBytes) {
+    // The file is checked and read through one descriptor, and never past the bound: a larger
+    // file, or one that grows, is not the broadcast's.
+    const Descriptor file(
+        ::open(stateFile_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    struct stat info {};
+    if (file.get() < 0 || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) ||
+        info.st_size < 0 || static_cast<std::size_t>(info.st_size) > kMaxStateBytes) {
         return std::nullopt;
     }
+    std::string text(kMaxStateBytes + 1, '\0');
+    std::size_t filled = 0;
+    while (filled < text.size()) {
+        const auto count = ::read(file.get(), text.data() + filled, text.size() - filled);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return std::nullopt;
+        }
+        if (count == 0) {
+            break;
+        }
+        filled += static_cast<std::size_t>(count);
+    }
+    if (filled > kMaxStateBytes) {
+        return std::nullopt;
+    }
+    text.resize(filled);
     return text;
 }
 
 bool BroadcastControl::requestStop() const {
     const auto pid = runningPid();
-    if (!pid || *pid <= 1 || *pid == ::getpid()) {
+    if (!pid || *pid <= 1 || *pid == ::getpid() || !holdsOpen(*pid, lockFile_)) {
         return false;
     }
     return ::kill(static_cast<pid_t>(*pid), SIGTERM) == 0;

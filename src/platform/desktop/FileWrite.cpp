@@ -48,8 +48,11 @@ bool replaceAtomically(const std::filesystem::path& path, std::string_view bytes
         return false;
     }
     const auto temporary = withSuffix(path, ".tmp");
+    // Made anew: whatever was left or planted under the name (a pipe that would block the open,
+    // a hard link to another file) is not written through.
+    ::unlink(temporary.c_str());
     const int descriptor =
-        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (descriptor < 0) {
         return false;
     }

@@ -10,7 +10,7 @@ std::filesystem::path withSuffix(const std::filesystem::path& path, std::string_
 
 // Writes `bytes` to a temp file beside `path` (mode 0600), then renames it over `path`: readers
 // see the old or the new file, never a part. The temp name is fixed, so writers of one file take
-// turns (a lock, or a single writer); a temp left by a killed writer is simply overwritten.
+// turns (a lock, or a single writer); a temp left by a killed writer is simply replaced.
 // `synced` waits for the disk, for what must survive a power cut; a state that dies with its
 // process need not.
 enum class Durability { synced, unsynced };

@@ -53,6 +53,8 @@ struct BroadcastSighting {
     long pid = 0;
     // What the running broadcast said last; absent when it has said nothing yet.
     std::optional<BroadcastState> state;
+    // Not running, and the last one never said it stopped: killed, crashed, or the power went.
+    bool endedWithoutStopping = false;
     // "Not running", or what it says, e.g. "Live — 1 viewer watching".
     std::string summary;
 
