@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QProcessEnvironment>
 #include <QSocketNotifier>
@@ -14,6 +15,8 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <map>
+#include <vector>
 
 namespace velmorand::bench {
 namespace {
@@ -93,37 +96,85 @@ void pumpFor(std::chrono::milliseconds duration) {
     pumpUntil([] { return false; }, duration);
 }
 
-std::optional<double> cpuSeconds(std::int64_t pid) {
+namespace {
+
+// The fields of /proc/<pid>/stat from the state (field 3) on: the command name before them may
+// hold spaces and parentheses.
+std::optional<QList<QByteArray>> statFields(std::int64_t pid) {
     QFile file(QStringLiteral("/proc/%1/stat").arg(pid));
     if (!file.open(QIODevice::ReadOnly)) {
         return std::nullopt;
     }
     const QByteArray text = file.readAll();
-    // The command name may hold spaces and parentheses; the fields after its last ')' do not.
     const auto close = text.lastIndexOf(')');
     if (close < 0) {
         return std::nullopt;
     }
-    const auto fields = text.mid(close + 2).split(' ');
-    // Fields 14 and 15 of stat(5), utime and stime, counted from the state (field 3).
+    auto fields = text.mid(close + 2).split(' ');
     if (fields.size() < 13) {
         return std::nullopt;
     }
-    const double ticks = static_cast<double>(fields[11].toLongLong() + fields[12].toLongLong());
-    return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    return fields;
 }
 
-std::optional<long> residentKiB(std::int64_t pid) {
+// `pid` and every process below it.
+std::vector<std::int64_t> processTree(std::int64_t pid) {
+    std::multimap<std::int64_t, std::int64_t> children;
+    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        bool numeric = false;
+        const auto process = entry.toLongLong(&numeric);
+        if (const auto fields = numeric ? statFields(process) : std::nullopt) {
+            children.emplace(fields->at(1).toLongLong(), process);  // field 4, the parent
+        }
+    }
+    std::vector<std::int64_t> tree{pid};
+    for (std::size_t next = 0; next < tree.size(); ++next) {
+        const auto [first, last] = children.equal_range(tree[next]);
+        for (auto child = first; child != last; ++child) {
+            tree.push_back(child->second);
+        }
+    }
+    return tree;
+}
+
+long vmRssKiB(std::int64_t pid) {
     QFile status(QStringLiteral("/proc/%1/status").arg(pid));
     if (!status.open(QIODevice::ReadOnly)) {
-        return std::nullopt;
+        return 0;
     }
     for (const QByteArray& line : status.readAll().split('\n')) {
         if (line.startsWith("VmRSS:")) {
             return line.mid(6).trimmed().split(' ').front().toLong();
         }
     }
-    return std::nullopt;
+    return 0;
+}
+
+}  // namespace
+
+std::optional<double> cpuSeconds(std::int64_t pid) {
+    if (!statFields(pid)) {
+        return std::nullopt;
+    }
+    long long ticks = 0;
+    for (const auto process : processTree(pid)) {
+        // Fields 14 and 15 of stat(5), utime and stime, counted from the state (field 3).
+        if (const auto fields = statFields(process)) {
+            ticks += fields->at(11).toLongLong() + fields->at(12).toLongLong();
+        }
+    }
+    return static_cast<double>(ticks) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+std::optional<long> residentKiB(std::int64_t pid) {
+    if (!statFields(pid)) {
+        return std::nullopt;
+    }
+    long total = 0;
+    for (const auto process : processTree(pid)) {
+        total += vmRssKiB(process);
+    }
+    return total;
 }
 
 double loadAverage() {

@@ -42,9 +42,11 @@ bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds limi
 // Runs the event loop for `duration`.
 void pumpFor(std::chrono::milliseconds duration);
 
-// User plus system CPU time of a process so far, in seconds; nothing once it is gone.
+// User plus system CPU time so far of a process and every process below it, in seconds: the
+// extension's supervisor runs the broadcast in a child, which starts the indicator. Nothing once
+// the process is gone.
 std::optional<double> cpuSeconds(std::int64_t pid);
-// VmRSS in KiB.
+// VmRSS of a process and every process below it, in KiB.
 std::optional<long> residentKiB(std::int64_t pid);
 // The 1-minute load average, as `uptime` shows it.
 double loadAverage();

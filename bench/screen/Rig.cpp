@@ -1,6 +1,7 @@
 #include "Rig.h"
 
 #include <QFile>
+#include <QStringList>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -26,8 +27,9 @@ std::filesystem::path dataDirectory(const QString& root) {
 
 }  // namespace
 
-Rig::Rig(Programs programs, bool keepFiles)
+Rig::Rig(Programs programs, Desktop desktop, bool keepFiles)
     : programs_(std::move(programs)),
+      desktop_(desktop),
       directory_(QDir::tempPath() + QStringLiteral("/velmorand-bench-XXXXXX")),
       keepFiles_(keepFiles) {
     if (!directory_.isValid()) {
@@ -35,10 +37,34 @@ Rig::Rig(Programs programs, bool keepFiles)
     }
     directory_.setAutoRemove(!keepFiles);
     std::filesystem::create_directories(dataDirectory(directory_.path()));
-    xvfb_ = std::make_unique<velmorand::testing::Xvfb>(kScreenWidth, kScreenHeight);
+    if (desktop_ == Desktop::wayland) {
+        if (qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
+            throw HarnessFailure(
+                "--desktop wayland runs inside a Wayland session, e.g. "
+                "tests/wayland/headless-gnome --size 1920x1080 -- velmorand_bench_stream …");
+        }
+        return;
+    }
+    xvfb_ = std::make_unique<Xvfb>(kScreenWidth, kScreenHeight);
     if (!xvfb_->running()) {
         throw HarnessFailure("Xvfb did not start");
     }
+}
+
+const std::string& Rig::display() const {
+    if (!xvfb_) {
+        throw HarnessFailure("this measurement needs the X11 desktop (--desktop x11)");
+    }
+    return xvfb_->display();
+}
+
+QStringList Rig::desktopEnvironment() const {
+    // Chosen, not guessed: inside a Wayland session the X11 bench must not stream the session.
+    if (desktop_ == Desktop::wayland) {
+        return {QStringLiteral("VELMORAND_DESKTOP=gnome")};
+    }
+    return {QStringLiteral("DISPLAY=") + QString::fromStdString(display()),
+            QStringLiteral("VELMORAND_DESKTOP=x11")};
 }
 
 Rig::~Rig() {
@@ -58,17 +84,25 @@ void Rig::startScene(bool still, double fps) {
         arguments << QStringLiteral("--still");
     }
     scene_ = std::make_unique<Child>(
-        programs_.scene, arguments,
-        QStringList{QStringLiteral("DISPLAY=") + QString::fromStdString(display())},
+        desktop_ == Desktop::wayland ? programs_.waylandScene : programs_.scene, arguments,
+        desktopEnvironment(),
         Child::Output{directory_.filePath(QStringLiteral("scene.stderr")), true});
     auto& process = scene_->process();
     const bool ready = pumpUntil(
         [&process] { return process.canReadLine() || process.state() == QProcess::NotRunning; },
         20s);
-    if (!ready || !process.readLine().startsWith("ready")) {
+    const QByteArray line = ready ? process.readLine().trimmed() : QByteArray();
+    if (!line.startsWith("ready")) {
         QFile errors(directory_.filePath(QStringLiteral("scene.stderr")));
         errors.open(QIODevice::ReadOnly);
         throw HarnessFailure("the scene did not start: " + errors.readAll().toStdString());
+    }
+    const QByteArray expected =
+        "ready " + QByteArray::number(kScreenWidth) + "x" + QByteArray::number(kScreenHeight);
+    if (line != expected) {
+        throw HarnessFailure("the scene says \"" + line.toStdString() + "\", not \"" +
+                             expected.toStdString() + "\": the screen must be " +
+                             std::to_string(kScreenWidth) + "x" + std::to_string(kScreenHeight));
     }
 }
 
@@ -96,13 +130,13 @@ void Rig::pair(const std::string& relayWsUrl, const EncodePreferences& encode) {
 
 Child& Rig::startExtension() {
     extension_.reset();
-    // As the application starts it: its data and bundle directories, on the bench's display.
+    // As the application starts it: its data and bundle directories, on the bench's desktop.
     extension_ = std::make_unique<Child>(
         programs_.broadcast,
         QStringList{QStringLiteral("--data-dir"),
                     QString::fromStdString(dataDirectory(directory_.path()).string()),
                     QStringLiteral("--bundle-dir"), programs_.bundle},
-        QStringList{QStringLiteral("DISPLAY=") + QString::fromStdString(display())},
+        desktopEnvironment(),
         Child::Output{directory_.filePath(QStringLiteral("extension.stderr")), false});
     return *extension_;
 }

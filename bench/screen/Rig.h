@@ -18,8 +18,13 @@ namespace velmorand::bench {
 struct Programs {
     QString broadcast;
     QString scene;
+    QString waylandScene;
     QString bundle;
 };
+
+// X11: a private Xvfb of the bench's own. Wayland: the session the bench runs in, through the
+// compositor's own screen cast (GNOME).
+enum class Desktop { x11, wayland };
 
 struct EncodePreferences {
     std::string codec = "jpeg";
@@ -34,12 +39,13 @@ class Rig {
     static constexpr int kScreenHeight = 1080;
     static constexpr const char* kToken = "bench-device-token";
 
-    Rig(Programs programs, bool keepFiles);
+    Rig(Programs programs, Desktop desktop, bool keepFiles);
     ~Rig();
     Rig(const Rig&) = delete;
     Rig& operator=(const Rig&) = delete;
 
-    const std::string& display() const { return xvfb_->display(); }
+    // The X display; X11 only.
+    const std::string& display() const;
     QString directory() const { return directory_.path(); }
 
     // Starts (or restarts) the scene and waits until its first picture is on the screen.
@@ -54,9 +60,13 @@ class Rig {
     std::string streamLines() const;
 
   private:
+    // What the scene and the extension are started with to use this rig's desktop.
+    QStringList desktopEnvironment() const;
+
     Programs programs_;
+    Desktop desktop_;
     QTemporaryDir directory_;
-    std::unique_ptr<velmorand::testing::Xvfb> xvfb_;
+    std::unique_ptr<Xvfb> xvfb_;
     std::unique_ptr<Child> scene_;
     std::unique_ptr<Child> extension_;
     bool keepFiles_;

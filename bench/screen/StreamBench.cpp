@@ -72,6 +72,7 @@ struct Options {
     std::string dumpDirectory;
     QString ffmpeg;
     Programs programs;
+    Desktop desktop = Desktop::x11;
     bool keepFiles = false;
 };
 
@@ -105,15 +106,16 @@ int jpegQuality(const Options& o) {
 std::string settingsLine(const Options& o) {
     char line[200];
     std::snprintf(
-        line, sizeof line, "%s, scale %.2g (%dx%d), %lld fps, quality %.2g%s",
-        o.encode.codec.c_str(), o.encode.scale, pictureWidth(o), pictureHeight(o),
-        static_cast<long long>(o.encode.fps), o.encode.quality,
+        line, sizeof line, "%s, %s, scale %.2g (%dx%d), %lld fps, quality %.2g%s",
+        o.desktop == Desktop::wayland ? "Wayland" : "X11", o.encode.codec.c_str(), o.encode.scale,
+        pictureWidth(o), pictureHeight(o), static_cast<long long>(o.encode.fps), o.encode.quality,
         o.encode.codec == "h264" ? (", " + std::to_string(streamKbps(o)) + " kbit/s").c_str() : "");
     return line;
 }
 
 json settingsJson(const Options& o) {
-    json settings = {{"codec", o.encode.codec},
+    json settings = {{"desktop", o.desktop == Desktop::wayland ? "wayland" : "x11"},
+                     {"codec", o.encode.codec},
                      {"scale", o.encode.scale},
                      {"fps", o.encode.fps},
                      {"quality", o.encode.quality},
@@ -183,7 +185,7 @@ void dumpLuma(const std::string& directory, int index, const LumaPlane& plane) {
 
 json runGlass(const Options& o) {
     const double seconds = o.seconds > 0 ? o.seconds : 30;
-    Rig rig(o.programs, o.keepFiles);
+    Rig rig(o.programs, o.desktop, o.keepFiles);
     rig.startScene(false, o.sceneFps);
     BenchRelay relay(Rig::kToken);
     rig.pair(relay.baseUrl(), o.encode);
@@ -253,7 +255,7 @@ json runGlass(const Options& o) {
     };
 
     const double loadBefore = loadAverage();
-    rig.startExtension();
+    const auto& extension = rig.startExtension();
     awaitDevice(rig, relay, [&] { return relay.connected(); });
     relay.sendText(needStream(o.encode.codec));
     if (!pumpUntil([&] { return received > 0; }, 30s)) {
@@ -262,11 +264,19 @@ json runGlass(const Options& o) {
     }
     pumpFor(milliseconds(o.warmupSeconds));
     measuring = true;
+    const auto cpu0 = cpuSeconds(extension.pid());
     const auto start = SteadyClock::now();
     pumpFor(milliseconds(seconds));
     measuring = false;
+    const auto cpu1 = cpuSeconds(extension.pid());
     const double elapsed = secondsSince(start);
     rig.stopExtension();
+    if (!cpu0 || !cpu1) {
+        throw HarnessFailure("the extension ended during the measurement");
+    }
+    // The extension's own processes; the compositor's or X server's share is not in it.
+    const double cpuMsPerFrame =
+        measured > 0 ? (*cpu1 - *cpu0) * 1000.0 / static_cast<double>(measured) : 0.0;
     const double loadAfter = loadAverage();
 
     const auto g = summarize(glass);
@@ -280,6 +290,8 @@ json runGlass(const Options& o) {
         static_cast<unsigned long long>(gaps),
         measured > 0 ? static_cast<double>(payloadBytes) / 1024.0 / static_cast<double>(measured)
                      : 0.0);
+    std::printf("  extension CPU %.2f ms per frame (%.1f%% of one core)\n", cpuMsPerFrame,
+                (*cpu1 - *cpu0) / elapsed * 100.0);
     std::printf("  time code unreadable %llu, undecodable %llu%s%s, other codec %llu\n",
                 static_cast<unsigned long long>(unreadable),
                 static_cast<unsigned long long>(undecodable),
@@ -294,8 +306,8 @@ json runGlass(const Options& o) {
     printStreamLines(rig);
     std::printf(
         "summary: glass %s scale %.2g: p50 %.1f ms, p95 %.1f ms, p99 %.1f ms, mean %.1f ms; "
-        "%.1f fps received; %llu unreadable\n",
-        o.encode.codec.c_str(), o.encode.scale, g.p50, g.p95, g.p99, g.mean, fps,
+        "%.1f fps received; %.2f ms CPU per frame; %llu unreadable\n",
+        o.encode.codec.c_str(), o.encode.scale, g.p50, g.p95, g.p99, g.mean, fps, cpuMsPerFrame,
         static_cast<unsigned long long>(unreadable + undecodable));
     return {
         {"seconds", elapsed},
@@ -303,6 +315,7 @@ json runGlass(const Options& o) {
         {"loadAfter", loadAfter},
         {"frames", measured},
         {"fps", fps},
+        {"cpuMsPerFrame", cpuMsPerFrame},
         {"keyFrames", keyFrames},
         {"sequenceGaps", gaps},
         {"unreadable", unreadable},
@@ -320,7 +333,7 @@ json runGlass(const Options& o) {
 
 json runStages(const Options& o) {
     constexpr int kWarmupFrames = 10;
-    Rig rig(o.programs, o.keepFiles);
+    Rig rig(o.programs, o.desktop, o.keepFiles);
     rig.startScene(false, o.sceneFps);
     auto opened = XcbScreenCapture::open(rig.display().c_str());
     if (const auto* error = std::get_if<CaptureError>(&opened)) {
@@ -662,7 +675,7 @@ CpuRun measureFfmpeg(const Options& o, Rig& rig, double seconds, const QStringLi
 
 json runCpu(const Options& o) {
     const double seconds = o.seconds > 0 ? o.seconds : 20;
-    Rig rig(o.programs, o.keepFiles);
+    Rig rig(o.programs, o.desktop, o.keepFiles);
     rig.startScene(false, o.sceneFps);
     BenchRelay relay(Rig::kToken);
     rig.pair(relay.baseUrl(), o.encode);
@@ -714,7 +727,7 @@ json runCpu(const Options& o) {
 
 json runProbes(const Options& o) {
     const double seconds = o.seconds > 0 ? o.seconds : 10;
-    Rig rig(o.programs, o.keepFiles);
+    Rig rig(o.programs, o.desktop, o.keepFiles);
     rig.startScene(false, o.sceneFps);
     BenchRelay relay(Rig::kToken);
     rig.pair(relay.baseUrl(), o.encode);
@@ -842,7 +855,7 @@ json runProbes(const Options& o) {
 
 json runStill(const Options& o) {
     const double seconds = o.seconds > 0 ? o.seconds : 30;
-    Rig rig(o.programs, o.keepFiles);
+    Rig rig(o.programs, o.desktop, o.keepFiles);
     rig.startScene(true, o.sceneFps);
     BenchRelay relay(Rig::kToken);
     rig.pair(relay.baseUrl(), o.encode);
@@ -892,7 +905,7 @@ json runStill(const Options& o) {
 
 json runMemory(const Options& o) {
     const double totalSeconds = o.minutes * 60;
-    Rig rig(o.programs, o.keepFiles);
+    Rig rig(o.programs, o.desktop, o.keepFiles);
     rig.startScene(false, o.sceneFps);
     ThrottledRelay relay(Rig::kToken, o.pace, needStream(o.encode.codec));
     rig.pair(relay.baseUrl(), o.encode);
@@ -1020,6 +1033,12 @@ int main(int argc, char** argv) {
     const auto broadcast =
         option("broadcast", "The extension program.", "PATH", VELMORAND_BROADCAST);
     const auto scene = option("scene", "The scene program.", "PATH", VELMORAND_BENCH_SCENE);
+    const auto waylandScene = option("wayland-scene", "The scene program on Wayland.", "PATH",
+                                     VELMORAND_BENCH_WAYLAND_SCENE);
+    const auto desktop = option("desktop",
+                                "x11 (a private Xvfb) or wayland (the GNOME session the bench "
+                                "runs in; glass, probes, still and memory).",
+                                "DESKTOP", "x11");
     const auto bundle = option("bundle", "The bundle directory.", "DIR", VELMORAND_DEV_BUNDLE);
     const QCommandLineOption keep(QStringLiteral("keep"),
                                   QStringLiteral("Keep the temporary directory (logs)."));
@@ -1048,7 +1067,13 @@ int main(int argc, char** argv) {
     o.jsonPath = parser.value(jsonFile).toStdString();
     o.dumpDirectory = parser.value(dump).toStdString();
     o.ffmpeg = parser.value(ffmpeg);
-    o.programs = {parser.value(broadcast), parser.value(scene), parser.value(bundle)};
+    o.programs = {parser.value(broadcast), parser.value(scene), parser.value(waylandScene),
+                  parser.value(bundle)};
+    if (parser.value(desktop) != "x11" && parser.value(desktop) != "wayland") {
+        std::fprintf(stderr, "velmorand_bench_stream: --desktop x11|wayland\n");
+        return kHarnessFailure;
+    }
+    o.desktop = parser.value(desktop) == "wayland" ? Desktop::wayland : Desktop::x11;
     o.keepFiles = parser.isSet(keep);
     if ((o.encode.codec != "jpeg" && o.encode.codec != "h264") || !(o.encode.scale >= 0.1) ||
         o.encode.scale > 1.0 || o.encode.fps < 1 || o.encode.fps > 60 ||
