@@ -15,6 +15,9 @@
 //   --mode probes  latency probe round trips with no stream, then under a 1080p stream
 //   --mode still   the extension's CPU while the screen does not change
 //   --mode memory  the extension's resident memory while the relay reads slowly (--minutes N)
+//   --mode arrival paint to arrival through GNOME's screen cast, read in process (Wayland only)
+// --desktop wayland runs inside a Wayland session (tests/wayland/headless-gnome --size 1920x1080)
+// with the same picture in a Qt window; x11, the default, on a private Xvfb.
 // Exit status 0 whatever the figures, 2 when the bench itself could not run, 130 when stopped by
 // a signal.
 #include <QCommandLineParser>
@@ -36,6 +39,7 @@
 #include <vector>
 
 #include "Decoder.h"
+#include "GnomeScreenCast.h"
 #include "Harness.h"
 #include "Relay.h"
 #include "Rig.h"
@@ -725,6 +729,76 @@ json runCpu(const Options& o) {
 
 // ---------------------------------------------------------------------------------------------
 
+// Painted -> arrived: GNOME's screen cast read in this process, each picture's time code read as
+// it arrives. The compositor's part of glass to glass, with nothing of the stream in it.
+json runArrival(const Options& o) {
+    if (o.desktop != Desktop::wayland) {
+        throw HarnessFailure("--mode arrival measures the Wayland desktop (--desktop wayland)");
+    }
+    const double seconds = o.seconds > 0 ? o.seconds : 20;
+    Rig rig(o.programs, o.desktop, o.keepFiles);
+    rig.startScene(false, o.sceneFps);
+    auto opened = openGnomeScreenCast();
+    if (const auto* error = std::get_if<std::string>(&opened)) {
+        throw HarnessFailure(*error);
+    }
+    auto capture = std::move(std::get<std::unique_ptr<ScreenCapture>>(opened));
+
+    std::vector<double> arrivedMs;
+    std::vector<std::uint8_t> luma;
+    int unreadable = 0;
+    const double loadBefore = loadAverage();
+    const auto end = SteadyClock::now() + milliseconds(seconds);
+    while (SteadyClock::now() < end) {
+        checkInterrupted();
+        if (!capture->waitForChange(SteadyClock::now() + 1s)) {
+            continue;
+        }
+        const std::uint64_t arrivedUs = realtimeUs();
+        auto grabbed = capture->grab();
+        if (const auto* error = std::get_if<CaptureError>(&grabbed)) {
+            throw HarnessFailure("grab: " + error->description);
+        }
+        const auto& image = std::get<ScreenImage>(grabbed);
+        luma.resize(static_cast<std::size_t>(image.width) * static_cast<std::size_t>(image.height));
+        for (int y = 0; y < image.height; ++y) {
+            const std::uint8_t* row = image.pixels + static_cast<std::ptrdiff_t>(y) * image.stride;
+            for (int x = 0; x < image.width; ++x) {
+                const std::uint8_t* pixel = row + x * 4;  // B, G, R, x
+                luma[static_cast<std::size_t>(y) * static_cast<std::size_t>(image.width) +
+                     static_cast<std::size_t>(x)] =
+                    static_cast<std::uint8_t>((pixel[0] * 29 + pixel[1] * 150 + pixel[2] * 77) >>
+                                              8);
+            }
+        }
+        const LumaPlane plane{luma.data(),  image.width, image.width,
+                              image.height, image.width, image.height};
+        const auto code = readTimeCode(plane);
+        if (!code) {
+            ++unreadable;
+            continue;
+        }
+        const auto paintedUs = unwrapTimeCode(code->low48, arrivedUs);
+        arrivedMs.push_back((static_cast<double>(arrivedUs) - static_cast<double>(paintedUs)) /
+                            1000.0);
+    }
+    const double loadAfter = loadAverage();
+    const auto arrived = summarize(arrivedMs);
+    std::printf(
+        "arrival: GNOME's screen cast read in process, scene at %.0f Hz, %.0f s; load %.2f "
+        "before, %.2f after; time code unreadable in %d\n",
+        o.sceneFps, seconds, loadBefore, loadAfter, unreadable);
+    printHeader();
+    printRow("painted -> arrived", arrived);
+    std::printf("summary: arrival p50 %.1f ms, p95 %.1f ms, %zu pictures\n", arrived.p50,
+                arrived.p95, arrivedMs.size());
+    return {{"seconds", seconds},       {"loadBefore", loadBefore},
+            {"loadAfter", loadAfter},   {"pictures", arrivedMs.size()},
+            {"unreadable", unreadable}, {"paintedToArrivedMs", toJson(arrived)}};
+}
+
+// ---------------------------------------------------------------------------------------------
+
 json runProbes(const Options& o) {
     const double seconds = o.seconds > 0 ? o.seconds : 10;
     Rig rig(o.programs, o.desktop, o.keepFiles);
@@ -1007,7 +1081,8 @@ int main(int argc, char** argv) {
         parser.addOption(made);
         return made;
     };
-    const auto mode = option("mode", "glass, stages, cpu, probes, still or memory.", "MODE", "");
+    const auto mode =
+        option("mode", "glass, stages, cpu, probes, still, memory or arrival.", "MODE", "");
     const auto codec = option("codec", "jpeg or h264.", "CODEC", "jpeg");
     const auto scale = option("scale", "Stream scale, 0.1 to 1.0 (probes: 1.0).", "S", "0.5");
     const auto fps = option("fps", "Stream frame rate.", "N", "30");
@@ -1037,7 +1112,7 @@ int main(int argc, char** argv) {
                                      VELMORAND_BENCH_WAYLAND_SCENE);
     const auto desktop = option("desktop",
                                 "x11 (a private Xvfb) or wayland (the GNOME session the bench "
-                                "runs in; glass, probes, still and memory).",
+                                "runs in; glass, probes, still, memory and arrival).",
                                 "DESKTOP", "x11");
     const auto bundle = option("bundle", "The bundle directory.", "DIR", VELMORAND_DEV_BUNDLE);
     const QCommandLineOption keep(QStringLiteral("keep"),
@@ -1085,12 +1160,13 @@ int main(int argc, char** argv) {
     }
 
     const std::map<std::string, json (*)(const Options&)> modes = {
-        {"glass", runGlass},   {"stages", runStages}, {"cpu", runCpu},
-        {"probes", runProbes}, {"still", runStill},   {"memory", runMemory}};
+        {"glass", runGlass}, {"stages", runStages}, {"cpu", runCpu},        {"probes", runProbes},
+        {"still", runStill}, {"memory", runMemory}, {"arrival", runArrival}};
     const auto chosen = modes.find(o.mode);
     if (chosen == modes.end()) {
         std::fprintf(stderr,
-                     "velmorand_bench_stream: --mode glass|stages|cpu|probes|still|memory\n");
+                     "velmorand_bench_stream: --mode "
+                     "glass|stages|cpu|probes|still|memory|arrival\n");
         return kHarnessFailure;
     }
     try {

@@ -1,0 +1,17 @@
+#pragma once
+
+// GNOME's screen cast of the session the bench runs in, read in process. On its own, without Qt:
+// Qt's keywords would clash with the D-Bus session's names.
+
+#include <memory>
+#include <string>
+#include <variant>
+
+#include "velmorand/platform/ScreenCapture.h"
+
+namespace velmorand::bench {
+
+// The capture, which keeps its session open; or why there is none.
+std::variant<std::unique_ptr<ScreenCapture>, std::string> openGnomeScreenCast();
+
+}  // namespace velmorand::bench
