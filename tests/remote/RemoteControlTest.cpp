@@ -26,6 +26,12 @@ TEST(KeyCombination, NamesIgnoreCaseAndSpaceAndEndInOneKey) {
         {"ctrl+c", KeyCombination{{K::control}, U'c'}},
         {"CTRL + Shift + T", KeyCombination{{K::control, K::shift}, U't'}},
         {"alt+f4", KeyCombination{{K::alt}, K::f4}},
+        // The keys that move through a text, each by its own name.
+        {"home", KeyCombination{{}, K::home}},
+        {"shift+End", KeyCombination{{K::shift}, K::end}},
+        {"ctrl+pageup", KeyCombination{{K::control}, K::pageUp}},
+        {"PageDown", KeyCombination{{}, K::pageDown}},
+        {"alt+left", KeyCombination{{K::alt}, K::left}},
         {"control+super+é", KeyCombination{{K::control, K::super}, U'é'}},
         {"+", KeyCombination{{}, U'+'}},
         {"ctrl++", KeyCombination{{K::control}, U'+'}},
