@@ -24,6 +24,8 @@ BroadcastBridge::BroadcastBridge(std::shared_ptr<PairingModel> model, const Bund
     statePoll_.setInterval(kStatePollMs);
     connect(&statePoll_, &QTimer::timeout, this, &BroadcastBridge::readState);
     statePoll_.start();
+    stopRetry_.setInterval(kStopRetryMs);
+    connect(&stopRetry_, &QTimer::timeout, this, &BroadcastBridge::retryStop);
     readState();
     model_->addObserver([self = QPointer(this)](PairingModel::Field field) {
         if (!self || field != PairingModel::Field::paired) {
@@ -78,9 +80,32 @@ bool BroadcastBridge::start(bool viewOnly) {
 }
 
 bool BroadcastBridge::stop() {
-    const bool asked = control_ && control_->requestStop();
+    stopRetry_.stop();
+    if (!control_) {
+        return false;
+    }
+    bool asked = control_->requestStop();
+    // A broadcast that has just started may hold its lock before it has recorded its id: the
+    // stop is asked again until it has, rather than lost.
+    if (!asked && control_->runningPid() == 0) {
+        stopRetriesLeft_ = kStopRetries;
+        stopRetry_.start();
+        asked = true;
+    }
     readState();
     return asked;
+}
+
+void BroadcastBridge::retryStop() {
+    const auto pid = control_->runningPid();
+    if (pid == 0 && --stopRetriesLeft_ > 0) {
+        return;
+    }
+    stopRetry_.stop();
+    if (pid) {
+        control_->requestStop();
+    }
+    readState();
 }
 
 void BroadcastBridge::readState() {

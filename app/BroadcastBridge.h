@@ -42,6 +42,10 @@ class BroadcastBridge : public QObject {
                     QObject* parent = nullptr);
     // How often the running broadcast's state is read again.
     static constexpr int kStatePollMs = 1000;
+    // How often, and how many times, a stop is asked again of a broadcast that has not yet
+    // recorded its id.
+    static constexpr int kStopRetryMs = 100;
+    static constexpr int kStopRetries = 100;
 
     bool enabled() const { return extensionID_.has_value(); }
     QString title() const;
@@ -66,6 +70,8 @@ class BroadcastBridge : public QObject {
     void stateChanged();
 
   private:
+    void retryStop();
+
     std::shared_ptr<PairingModel> model_;
     const Bundle& bundle_;
     QStringList extensionArguments_;
@@ -73,6 +79,8 @@ class BroadcastBridge : public QObject {
     MainScreen::BroadcastNotes notes_;
     std::optional<BroadcastControl> control_;
     QTimer statePoll_;
+    QTimer stopRetry_;
+    int stopRetriesLeft_ = 0;
     bool running_ = false;
     QString stateText_;
 };

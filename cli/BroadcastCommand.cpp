@@ -27,6 +27,9 @@ namespace {
 // The broadcast's supervisor gives its child 5 s to stop before it kills it.
 constexpr auto kStopWait = std::chrono::seconds(10);
 constexpr auto kStopPoll = std::chrono::milliseconds(50);
+// A broadcast records its id moments after it takes its lock; one that is not known by then
+// belongs to another user or machine.
+constexpr auto kHolderWait = std::chrono::seconds(2);
 
 std::optional<BroadcastControl> broadcastControl(CliContext& context) {
     const auto container = context.groupContainers().containerDirectory(kAppGroupName);
@@ -40,22 +43,23 @@ int stopBroadcast(CliContext& context) {
         std::cout << "No broadcast is running.\n";
         return kExitSuccess;
     }
-    const auto deadline = std::chrono::steady_clock::now() + kStopWait;
+    const auto started = std::chrono::steady_clock::now();
     bool asked = false;
     std::optional<long> running = pid;
-    while (running && std::chrono::steady_clock::now() < deadline) {
+    long holder = *pid;
+    while (running) {
+        const auto waited = std::chrono::steady_clock::now() - started;
         if (!asked) {
             asked = control->requestStop();
-            // A broadcast that has just started may not have recorded its id yet; an id that is
-            // recorded and not answered will not be.
-            if (!asked && *running > 0) {
-                break;
-            }
+        }
+        if (waited > kStopWait || (!asked && waited > kHolderWait)) {
+            break;
         }
         std::this_thread::sleep_for(kStopPoll);
         running = control->runningPid();
+        holder = running && *running > 0 ? *running : holder;
     }
-    const std::string named = *pid > 0 ? " (pid " + std::to_string(*pid) + ")" : "";
+    const std::string named = holder > 0 ? " (pid " + std::to_string(holder) + ")" : "";
     if (running) {
         std::cerr << "velmorand: the broadcast" << named
                   << (asked ? " did not stop within 10 s; see `velmorand log`\n"

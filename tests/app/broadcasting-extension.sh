@@ -1,6 +1,7 @@
 #!/bin/sh
 # Stands in for the upload extension: records its arguments, then broadcasts as the real one is
-# seen from outside (holding the lock, saying it is live with one viewer) until asked to stop.
+# seen from outside (holding the lock, recording its id a moment later, saying it is live with one
+# viewer) until asked to stop.
 # Usage: broadcasting-extension.sh RECORD CONTAINER [the extension's arguments...]
 record=$1
 container=$2
@@ -14,11 +15,12 @@ mkdir -p "$container"
 exec flock -n "$container/broadcast.lock" sh -c '
   container=$1
   view_only=$2
-  echo $$ > "$container/broadcast.lock"
   say() {
     printf "{\"phase\":\"%s\",\"pid\":%s,\"viewOnly\":%s,\"viewers\":1,\"operatedAtMs\":0,\"detail\":\"\"}" \
       "$1" $$ "$view_only" > "$container/broadcast.json"
   }
   trap "say stopped; exit 0" TERM
+  sleep 0.5
+  echo $$ > "$container/broadcast.lock"
   say live
   while :; do sleep 0.1; done' sh "$container" "$view_only"

@@ -222,7 +222,7 @@ TestCase {
         mouseClick(item("startButton"))
         tryCompare(broadcast, "running", true, 5000)
         verify(support.launchRecord().endsWith("--view-only\n"), support.launchRecord())
-        compare(item("sheetStateText").text, "Live — 1 viewer watching (view only)")
+        tryCompare(item("sheetStateText"), "text", "Live — 1 viewer watching (view only)", 5000)
         compare(item("stopButton").visible, true)
         compare(item("startButton").visible, false)
         compare(item("broadcastStateText").text, "Live — 1 viewer watching (view only)")
@@ -238,6 +238,23 @@ TestCase {
         compare(item("startButton").text, "Start Broadcast")
         compare(item("startButton").enabled, true)
         compare(item("broadcastStateText").visible, false)
+    }
+
+    // A stop asked while the broadcast is still starting, before it has recorded its id, is not
+    // lost.
+    function test_aStopAskedAtTheStartIsKept() {
+        typeInto("keyField", support.demoKey)
+        click("pairButton")
+        tryCompare(pairing, "paired", true, 10000)
+        support.installExtension()
+        pairing.refresh()
+        tryCompare(item("broadcastButton"), "enabled", true)
+        click("broadcastButton")
+        mouseClick(item("startButton"))
+        tryVerify(() => { broadcast.readState(); return broadcast.running }, 5000)
+        mouseClick(item("stopButton"))
+        tryCompare(broadcast, "running", false, 5000)
+        compare(broadcast.stateText, "Not running")
     }
 
     // Closing the window leaves the broadcast running and says so, once.

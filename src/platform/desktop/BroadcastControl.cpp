@@ -88,7 +88,10 @@ std::optional<long> BroadcastControl::runningPid() const {
     if (errno != EWOULDBLOCK) {
         return std::nullopt;
     }
-    return recordedPid(lock.get());
+    // An id left by a broadcast that was killed stays in the file until the next one has
+    // recorded its own: until then the holder is not yet known.
+    const long pid = recordedPid(lock.get());
+    return pid != 0 && holdsOpen(pid, lockFile_) ? pid : 0;
 }
 
 std::optional<std::string> BroadcastControl::stateText() const {
@@ -125,7 +128,7 @@ std::optional<std::string> BroadcastControl::stateText() const {
 
 bool BroadcastControl::requestStop() const {
     const auto pid = runningPid();
-    if (!pid || *pid <= 1 || *pid == ::getpid() || !holdsOpen(*pid, lockFile_)) {
+    if (!pid || *pid <= 1 || *pid == ::getpid()) {
         return false;
     }
     return ::kill(static_cast<pid_t>(*pid), SIGTERM) == 0;

@@ -20,8 +20,9 @@ class BroadcastControl {
 
     explicit BroadcastControl(const std::filesystem::path& container);
 
-    // The id of the process running the broadcast now: 0 while it has not recorded its id yet
-    // (it has just started); absent when no broadcast runs.
+    // The id of the process running the broadcast now: 0 while it is not known (the broadcast
+    // has just started and not yet recorded it, or it is not a process of this user on this
+    // machine); absent when no broadcast runs.
     std::optional<long> runningPid() const;
     // What the last broadcast published last, whether it still runs or not.
     std::optional<std::string> stateText() const;
