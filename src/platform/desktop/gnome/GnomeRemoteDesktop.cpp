@@ -286,6 +286,11 @@ std::variant<std::shared_ptr<GnomeRemoteDesktop>, std::string> GnomeRemoteDeskto
     // A new session loses its first key event, and its seat has no keyboard until one came.
     desktop->setKeysym(XKB_KEY_Shift_L, true);
     desktop->setKeysym(XKB_KEY_Shift_L, false);
+    // Likewise a seat with no pointer of its own gets one only with the first pointer event, and
+    // the windows learn of it too late for the button events that follow at once: a motion by
+    // nothing lets them learn of it now, before any viewer points.
+    bus->send(kBusName, desktop->session_, kRemoteDesktopSession, "NotifyPointerMotionRelative",
+              g_variant_new("(dd)", 0.0, 0.0));
 
     bus->call(kBusName, desktop->session_, kRemoteDesktopSession, "EnableClipboard",
               g_variant_new("(@a{sv})", vardict({})));

@@ -223,6 +223,11 @@ std::variant<std::unique_ptr<ScreenCapture>, CaptureError> PipeWireScreenCapture
     if (capture->ended_) {
         return CaptureError{*capture->ended_};
     }
+    if (!arrived && !capture->linked_) {
+        return CaptureError{
+            "PipeWire did not link the screen cast to this program within 10 s — is its session "
+            "manager (WirePlumber) running?"};
+    }
     if (!arrived) {
         return CaptureError{"the screen cast sent no picture within 10 s"};
     }
@@ -249,6 +254,10 @@ void PipeWireScreenCapture::formatChanged(const void* param) {
     }
     order_ = static_cast<int>(*order);
     format_ = {static_cast<int>(info.size.width), static_cast<int>(info.size.height)};
+    {
+        std::lock_guard lock(mutex_);
+        linked_ = true;
+    }
     std::uint8_t bytes[256];
     spa_pod_builder builder{};
     spa_pod_builder_init(&builder, bytes, sizeof bytes);

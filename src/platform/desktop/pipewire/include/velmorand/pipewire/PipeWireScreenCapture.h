@@ -57,6 +57,8 @@ class PipeWireScreenCapture : public ScreenCapture {
     ScreenSize incomingSize_;
     bool fresh_ = false;
     bool woken_ = false;
+    // A format was agreed: something linked the compositor's stream to ours.
+    bool linked_ = false;
     std::optional<std::string> ended_;
 
     // PipeWire's thread only: the negotiated format, and where the next copy goes.
