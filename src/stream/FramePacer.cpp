@@ -4,9 +4,27 @@
 
 namespace velmorand {
 
+namespace {
+
+// How far ahead of its schedule a frame may be: two intervals.
+constexpr int kIntervalsAhead = 2;
+
+}  // namespace
+
 void FramePacer::setFrameRate(std::int64_t frameRate) {
     const auto perSecond = std::clamp<std::int64_t>(frameRate, 1, 60);
-    interval_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / perSecond;
+    const auto interval =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / perSecond;
+    if (interval != interval_) {
+        // A new rate's schedule starts from the last frame.
+        interval_ = interval;
+        scheduled_ = lastCapture_ + interval_;
+    }
+}
+
+void FramePacer::captured(Clock::time_point at) {
+    lastCapture_ = at;
+    scheduled_ = std::max(scheduled_, at) + interval_;
 }
 
 FramePacer::Decision FramePacer::decide(Clock::time_point now, bool changed,
@@ -14,7 +32,8 @@ FramePacer::Decision FramePacer::decide(Clock::time_point now, bool changed,
     if (!changed && !frameWanted) {
         return {Decision::Kind::waitForChange, {}};
     }
-    const auto earliest = lastCapture_ + interval_;
+    const auto earliest = std::max(lastCapture_ + interval_ - interval_ / 4,
+                                   scheduled_ - kIntervalsAhead * interval_);
     if (now >= earliest) {
         return {Decision::Kind::captureNow, {}};
     }

@@ -67,10 +67,14 @@ TEST(FramePacer, CapturesOnlyForAChangeOrARequestAndAtMostAtTheFrameRate) {
     const Row rows[] = {
         {20, 0ms, false, false, Kind::waitForChange, 0ms},
         {20, 50ms, true, false, Kind::captureNow, 0ms},
-        {20, 10ms, false, true, Kind::waitUntil, 40ms},
+        {20, 10ms, false, true, Kind::waitUntil, 27ms},
+        // Up to a quarter of the interval early.
+        {20, 37ms, true, false, Kind::waitUntil, 0ms},
+        {20, 38ms, true, false, Kind::captureNow, 0ms},
         // Rates outside 1 to 60 are held to those bounds.
-        {0, 999ms, true, false, Kind::waitUntil, 1ms},
-        {240, 16ms, true, false, Kind::waitUntil, 0ms},
+        {0, 700ms, true, false, Kind::waitUntil, 50ms},
+        {240, 12ms, true, false, Kind::waitUntil, 0ms},
+        {240, 13ms, true, false, Kind::captureNow, 0ms},
     };
     for (const auto& row : rows) {
         FramePacer pacer;
@@ -86,6 +90,72 @@ TEST(FramePacer, CapturesOnlyForAChangeOrARequestAndAtMostAtTheFrameRate) {
     }
     FramePacer fresh;
     EXPECT_EQ(fresh.decide(t0, true, false).kind, Kind::captureNow);
+}
+
+// A minute of a screen painted at a steady rate, each paint up to `lateness` after its time,
+// streamed as the stream does: a paint is taken when the pacer allows, or as soon as it does. The
+// first frame, asked for by a viewer, falls between two paints; after a second the waits are
+// what they will stay.
+TEST(FramePacer, TakesPaintsAsTheyComeYetNeverExceedsTheFrameRate) {
+    struct Row {
+        std::int64_t fps;
+        double sceneHz;
+        std::chrono::microseconds lateness;
+        std::chrono::microseconds longestWait;
+    };
+    const Row rows[] = {
+        // At the frame rate: each paint is taken as it comes, late or not.
+        {30, 30, 5ms, 0ms},
+        {60, 60, 4ms, 0ms},
+        {20, 20, 0ms, 0ms},
+        // Faster than the frame rate: once a slot.
+        {30, 60, 5ms, 25ms},
+        {30, 240, 0ms, 25ms},
+        {60, 144, 1ms, 13ms},
+        // Slower: every paint, at once.
+        {30, 25, 5ms, 0ms},
+    };
+    constexpr auto kMinute = 60s;
+    for (const auto& row : rows) {
+        FramePacer pacer;
+        pacer.setFrameRate(row.fps);
+        const auto start = FramePacer::Clock::time_point{} + 100s;
+        const auto period = std::chrono::duration_cast<FramePacer::Clock::duration>(
+            std::chrono::duration<double>(1.0 / row.sceneHz));
+        std::uint64_t lateSeed = 7;
+        pacer.captured(start - period / 3);
+        std::int64_t frames = 1;
+        FramePacer::Clock::duration longestWait{};
+        auto paint = start;
+        for (auto due = start; due < start + kMinute; due += period) {
+            lateSeed = lateSeed * 6364136223846793005ULL + 1442695040888963407ULL;
+            const auto late =
+                row.lateness.count() == 0
+                    ? 0us
+                    : std::chrono::microseconds((lateSeed >> 33) % row.lateness.count());
+            const auto next = due + late;
+            // A paint not yet taken when the next one comes is replaced by it.
+            const auto decision = pacer.decide(paint, true, false);
+            const auto takenAt =
+                decision.kind == FramePacer::Decision::Kind::captureNow ? paint : decision.until;
+            if (paint != start && takenAt < next) {
+                pacer.captured(takenAt);
+                ++frames;
+                if (paint > start + 1s) {
+                    longestWait = std::max(longestWait, takenAt - paint);
+                }
+            }
+            paint = next;
+        }
+        const auto label =
+            std::to_string(row.fps) + " fps, scene at " + std::to_string(row.sceneHz) + " Hz";
+        // The first frame, and two ahead of the schedule at most.
+        EXPECT_LE(frames, row.fps * kMinute.count() + 3) << label;
+        EXPECT_GE(frames, std::min<std::int64_t>(row.fps, static_cast<std::int64_t>(row.sceneHz)) *
+                              kMinute.count() * 98 / 100)
+            << label;
+        EXPECT_LE(longestWait, row.longestWait + 1ms) << label;
+    }
 }
 
 TEST(LiveSettings, ViewersChangeTheRunningStreamWithinTheStoredBounds) {
