@@ -14,9 +14,10 @@
 namespace velmorand {
 namespace {
 
-// The encoder shares two cores with the capture and the colour conversion, so what counts is the
-// CPU time one picture costs, not how fast several threads could finish it.
-constexpr int kEncoderThreads = 1;
+// Each picture is cut in two slices encoded side by side: a picture costs 1 to 5 % more CPU than
+// on one thread, and is ready 3 to 8 ms sooner, which is what holds 60 frames a second at
+// 1920x1080 on two cores. Threads that each take a whole picture would add a picture of delay.
+constexpr int kEncoderThreads = 2;
 // Annex E's value for BT.601 (SMPTE 170M): what the pictures are converted with. Untagged, a
 // decoder may guess BT.709 for larger pictures and shift the colours.
 constexpr int kBt601 = 6;
@@ -60,7 +61,7 @@ std::variant<std::unique_ptr<H264CompressionSession>, EncodeError> X264Compressi
     param.pf_log = discardLog;
     param.i_log_level = X264_LOG_NONE;
     param.i_threads = kEncoderThreads;
-    param.b_sliced_threads = 0;
+    param.b_sliced_threads = 1;
     param.i_width = settings.width;
     param.i_height = settings.height;
     param.i_csp = X264_CSP_I420;
