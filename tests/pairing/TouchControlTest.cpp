@@ -68,5 +68,32 @@ TEST(TouchControl, TheStatusCheckSetsOnlyTheTouchControlLine) {
     }
 }
 
+// Without an access key the service cannot be asked; a paired device is told how to mend that.
+TEST(TouchControl, WithoutAnAccessKeyTheServiceIsNotAsked) {
+    const struct {
+        bool paired;
+        std::string text;
+        bool failure;
+    } cases[] = {
+        {true, "Missing access key — re-pair this device", true},
+        {false, "", false},
+    };
+    for (const auto& c : cases) {
+        testing::PairingHarness h;
+        h.update([&c](auto& values) {
+            values.accessKey = "";
+            values.deviceToken = c.paired ? std::optional<std::string>("T") : std::nullopt;
+            values.relayWsUrl = c.paired ? std::optional<std::string>("wss://relay") : std::nullopt;
+        });
+        h.model->refresh();
+        h.model->refreshWdaStatus();
+        h.queue.runReady();
+        EXPECT_EQ(h.model->paired(), c.paired);
+        EXPECT_EQ(h.model->wdaStatus(), c.text);
+        EXPECT_EQ(h.model->touchControlFailed(), c.failure);
+        EXPECT_TRUE(h.http.requests("GET", kBridgeURL).empty());
+    }
+}
+
 }  // namespace
 }  // namespace velmorand

@@ -33,5 +33,24 @@ TEST(TextTest, IsValidUtf8) {
     }
 }
 
+TEST(TextTest, LastGraphemesCountsWhatAPersonSeesAsOneCharacter) {
+    const struct {
+        const char* text;
+        std::size_t count;
+        const char* expected;
+    } cases[] = {
+        {"", 3, ""},
+        {"abc", 0, ""},
+        {"abc", 2, "bc"},
+        {"abc", 5, "abc"},
+        // A letter and its combining accent; a thumb and its skin tone.
+        {"e\u0301e\u0301", 1, "e\u0301"},
+        {"x\U0001F44D\U0001F3FD", 1, "\U0001F44D\U0001F3FD"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(lastGraphemes(c.text, c.count), c.expected) << c.text << " " << c.count;
+    }
+}
+
 }  // namespace
 }  // namespace velmorand
