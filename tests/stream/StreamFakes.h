@@ -125,6 +125,8 @@ struct FakeJpeg : JpegCompressor {
 struct FakeH264Session : H264CompressionSession {
     struct Script {
         bool repeatParameterSets = true;
+        // A broken session's key frames: the SPS without its PPS.
+        bool withoutPps = false;
         std::optional<int> failAtCall;
         bool retunes = true;
         std::vector<H264SessionSettings> opened;
@@ -145,7 +147,9 @@ struct FakeH264Session : H264CompressionSession {
         keyFrame = keyFrame || first;
         if (keyFrame && (script.repeatParameterSets || first)) {
             nal(0x67, 0x42);
-            nal(0x68, 0xCE);
+            if (!script.withoutPps) {
+                nal(0x68, 0xCE);
+            }
         }
         nal(keyFrame ? 0x65 : 0x41, y);
         first = false;

@@ -304,6 +304,31 @@ TEST(H264Encoder, HandsOnKeyFramesWithParameterSetsAndReportsAFailureOnce) {
     }
 }
 
+// An SPS without its PPS describes no stream a decoder could start: it is never taken for the
+// configuration, and a key frame that has nothing better is the encoder's failure.
+TEST(H264Encoder, TakesParameterSetsOnlyAsAPair) {
+    testing::FakeH264Session::Script script;
+    script.withoutPps = true;
+    H264Encoder encoder = smallEncoder();
+    int configurations = 0;
+    encoder.onConfiguration = [&](const Bytes&, const Bytes&) { ++configurations; };
+    std::vector<std::string> delivered;
+    encoder.onAccessUnit = [&](std::span<const std::uint8_t> unit, bool key, bool sets) {
+        delivered.push_back(describe(unit, key, sets));
+    };
+    std::vector<std::string> failures;
+    encoder.onFatalError = [&](const std::string& why) { failures.push_back(why); };
+    ASSERT_TRUE(encoder.start(testing::FakeH264Session::factory(script)));
+    I420Picture picture;
+    picture.resize(64, 48);
+    encoder.encode(picture, 0);
+    EXPECT_EQ(configurations, 0);
+    EXPECT_TRUE(encoder.sps.empty() && encoder.pps.empty());
+    EXPECT_TRUE(delivered.empty());
+    EXPECT_EQ(failures,
+              std::vector<std::string>{"the encoder made a key frame without parameter sets"});
+}
+
 TEST(H264Encoder, RetunesInPlaceWhenTheSessionCanElseStartsAgainWithAKeyFrame) {
     testing::FakeH264Session::Script script;
     H264Encoder encoder = smallEncoder();
