@@ -16,9 +16,12 @@ void FramePacer::setFrameRate(std::int64_t frameRate) {
     const auto interval =
         std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) / perSecond;
     if (interval != interval_) {
-        // A new rate's schedule starts from the last frame.
+        // The schedule keeps its lead over the last frame, counted in intervals of the new rate:
+        // starting it afresh would let each change of rate buy frames beyond the cap.
+        const std::chrono::duration<double> lead = scheduled_ - lastCapture_;
+        const double places = lead / std::chrono::duration<double>(interval_);
         interval_ = interval;
-        scheduled_ = lastCapture_ + interval_;
+        scheduled_ = lastCapture_ + std::chrono::duration_cast<Clock::duration>(interval_ * places);
     }
 }
 

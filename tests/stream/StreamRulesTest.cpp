@@ -158,6 +158,29 @@ TEST(FramePacer, TakesPaintsAsTheyComeYetNeverExceedsTheFrameRate) {
     }
 }
 
+// A screen that changes all the time while the viewer's rate changes every tenth of a second:
+// no change of rate lets more frames through than the rates allow.
+TEST(FramePacer, ChangesOfRateBuyNoFrames) {
+    FramePacer pacer;
+    auto now = FramePacer::Clock::time_point{} + 100s;
+    const auto end = now + 60s;
+    std::int64_t frames = 0;
+    for (int tenth = 0; now < end; ++tenth) {
+        pacer.setFrameRate(tenth % 2 == 0 ? 60 : 59);
+        for (const auto until = now + 100ms; now < until;) {
+            const auto decision = pacer.decide(now, true, false);
+            if (decision.kind == FramePacer::Decision::Kind::captureNow) {
+                pacer.captured(now);
+                ++frames;
+            }
+            now += 1ms;
+        }
+    }
+    // 59.5 a second on average, and the lead of three frames the schedule allows.
+    EXPECT_LE(frames, 59.5 * 60 + 3);
+    EXPECT_GE(frames, 59 * 60);
+}
+
 TEST(LiveSettings, ViewersChangeTheRunningStreamWithinTheStoredBounds) {
     const StreamConfig started{{"jpeg", 20, 0.4, 0.5}, std::nullopt};
     struct Row {
