@@ -84,10 +84,10 @@ bool BroadcastBridge::stop() {
     if (!control_) {
         return false;
     }
-    bool asked = control_->requestStop();
+    bool asked = control_->requestStop().has_value();
     // A broadcast that has just started may hold its lock before it has recorded its id: the
     // stop is asked again until it has, rather than lost.
-    if (!asked && control_->runningPid() == 0) {
+    if (!asked && control_->runningPid()) {
         stopRetriesLeft_ = kStopRetries;
         stopRetry_.start();
         asked = true;
@@ -102,7 +102,7 @@ void BroadcastBridge::retryStop() {
         return;
     }
     stopRetry_.stop();
-    if (pid) {
+    if (pid && *pid > 0) {
         control_->requestStop();
     }
     readState();

@@ -27,8 +27,8 @@ namespace {
 // The broadcast's supervisor gives its child 5 s to stop before it kills it.
 constexpr auto kStopWait = std::chrono::seconds(10);
 constexpr auto kStopPoll = std::chrono::milliseconds(50);
-// A broadcast records its id moments after it takes its lock; one that is not known by then
-// belongs to another user or machine.
+// A broadcast records its id moments after it takes its lock; one still unknown by then is not
+// going to be.
 constexpr auto kHolderWait = std::chrono::seconds(2);
 
 std::optional<BroadcastControl> broadcastControl(CliContext& context) {
@@ -44,27 +44,28 @@ int stopBroadcast(CliContext& context) {
         return kExitSuccess;
     }
     const auto started = std::chrono::steady_clock::now();
-    bool asked = false;
+    std::optional<long> asked;
     std::optional<long> running = pid;
-    long holder = *pid;
     while (running) {
         const auto waited = std::chrono::steady_clock::now() - started;
         if (!asked) {
             asked = control->requestStop();
         }
-        if (waited > kStopWait || (!asked && waited > kHolderWait)) {
+        // A holder that is known and could not be asked will not be; one not yet known is waited
+        // for a moment.
+        if (waited > kStopWait || (!asked && (*running > 0 || waited > kHolderWait))) {
             break;
         }
         std::this_thread::sleep_for(kStopPoll);
         running = control->runningPid();
-        holder = running && *running > 0 ? *running : holder;
     }
+    const long holder = asked ? *asked : running.value_or(0);
     const std::string named = holder > 0 ? " (pid " + std::to_string(holder) + ")" : "";
     if (running) {
         std::cerr << "velmorand: the broadcast" << named
                   << (asked ? " did not stop within 10 s; see `velmorand log`\n"
-                            : " cannot be asked to stop: no process of yours on this machine "
-                              "holds its lock\n");
+                            : " cannot be asked to stop: the process that holds its lock is not "
+                              "one of yours on this machine, or has not recorded its id\n");
         return kExitFailure;
     }
     std::cout << "Stopped the broadcast" << named << ".\n";

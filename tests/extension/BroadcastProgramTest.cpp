@@ -324,8 +324,8 @@ TEST_F(BroadcastProgramTest, StopSignalsOnlyTheProcessThatHoldsTheLock) {
     const auto stop = cli({"broadcast", "--stop"});
     EXPECT_EQ(stop.exitCode, 1);
     EXPECT_EQ(stop.err,
-              "velmorand: the broadcast cannot be asked to stop: no process of yours on this "
-              "machine holds its lock\n");
+              "velmorand: the broadcast cannot be asked to stop: the process that holds its lock "
+              "is not one of yours on this machine, or has not recorded its id\n");
     EXPECT_EQ(bystander.state(), QProcess::Running);
     holder.kill();
     bystander.kill();

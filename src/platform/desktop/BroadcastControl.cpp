@@ -126,12 +126,12 @@ std::optional<std::string> BroadcastControl::stateText() const {
     return text;
 }
 
-bool BroadcastControl::requestStop() const {
+std::optional<long> BroadcastControl::requestStop() const {
     const auto pid = runningPid();
-    if (!pid || *pid <= 1 || *pid == ::getpid()) {
-        return false;
+    if (!pid || *pid <= 1 || *pid == ::getpid() || ::kill(static_cast<pid_t>(*pid), SIGTERM) != 0) {
+        return std::nullopt;
     }
-    return ::kill(static_cast<pid_t>(*pid), SIGTERM) == 0;
+    return pid;
 }
 
 bool BroadcastControl::publish(std::string_view stateText) const {

@@ -27,9 +27,10 @@ class BroadcastControl {
     // What the last broadcast published last, whether it still runs or not.
     std::optional<std::string> stateText() const;
 
-    // Asks the running broadcast to stop, as Ctrl-C would; it stops within a few seconds.
-    // False when none runs, or when it cannot be asked (not this user's).
-    bool requestStop() const;
+    // Asks the running broadcast to stop, as Ctrl-C would; it stops within a few seconds. The id
+    // of the process asked; absent when none runs, or when it cannot be asked (its holder is not
+    // known yet, or not this user's).
+    std::optional<long> requestStop() const;
 
     // Replaces what the broadcast says about itself; readers see the old or the new text.
     bool publish(std::string_view stateText) const;
