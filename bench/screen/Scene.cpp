@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "SceneOptions.h"
 #include "ScenePicture.h"
 #include "TimeCode.h"
 
@@ -60,22 +61,11 @@ int fail(const std::string& message) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    double fps = 60;
-    bool still = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
-        if (argument == "--still") {
-            still = true;
-        } else if (argument == "--fps" && i + 1 < argc) {
-            fps = std::atof(argv[++i]);
-        } else {
-            std::fprintf(stderr, "usage: velmorand_bench_scene [--fps N] [--still]\n");
-            return 2;
-        }
+    const auto parsed = velmorand::bench::parseSceneOptions(argc, argv, "velmorand_bench_scene");
+    if (const auto* status = std::get_if<int>(&parsed)) {
+        return *status;
     }
-    if (!(fps > 0 && fps <= 1000)) {
-        return fail("--fps must be within (0, 1000]");
-    }
+    const auto [fps, still] = std::get<velmorand::bench::SceneOptions>(parsed);
 
     // Taken synchronously below: no handler can interrupt a request half-written.
     sigset_t stopSignals;

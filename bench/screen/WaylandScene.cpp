@@ -19,6 +19,7 @@
 #include <memory>
 #include <string>
 
+#include "SceneOptions.h"
 #include "ScenePicture.h"
 #include "TimeCode.h"
 
@@ -79,23 +80,12 @@ class SceneWindow : public QRasterWindow {
 }  // namespace
 
 int main(int argc, char** argv) {
-    double fps = 60;
-    bool still = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
-        if (argument == "--still") {
-            still = true;
-        } else if (argument == "--fps" && i + 1 < argc) {
-            fps = std::atof(argv[++i]);
-        } else {
-            std::fprintf(stderr, "usage: velmorand_bench_wayland_scene [--fps N] [--still]\n");
-            return 2;
-        }
+    const auto parsed =
+        velmorand::bench::parseSceneOptions(argc, argv, "velmorand_bench_wayland_scene");
+    if (const auto* status = std::get_if<int>(&parsed)) {
+        return *status;
     }
-    if (!(fps > 0 && fps <= 1000)) {
-        std::fprintf(stderr, "velmorand_bench_wayland_scene: --fps must be within (0, 1000]\n");
-        return 1;
-    }
+    const auto [fps, still] = std::get<velmorand::bench::SceneOptions>(parsed);
     ::setenv("QT_QPA_PLATFORM", "wayland", 1);
     QGuiApplication application(argc, argv);
     SceneWindow window(fps, still);
