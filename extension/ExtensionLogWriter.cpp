@@ -9,26 +9,14 @@
 #include <cstdint>
 #include <ctime>
 
+#include "velmorand/desktop/FileWrite.h"
+
 namespace velmorand::extension {
 namespace {
 
 constexpr std::string_view kRedacted = "<redacted>";
 constexpr std::string_view kEllipsis = "…";
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
-
-bool writeAll(int descriptor, std::string_view text) {
-    while (!text.empty()) {
-        const auto count = ::write(descriptor, text.data(), text.size());
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
-}
 
 std::string readAll(int descriptor) {
     std::string content;
@@ -223,7 +211,7 @@ bool ExtensionLogWriter::replaceFile(const std::filesystem::path& path, std::str
     if (fresh < 0) {
         return false;
     }
-    const bool written = writeAll(fresh, content);
+    const bool written = files::writeAll(fresh, content);
     ::close(fresh);
     if (!written || ::rename(temporary.c_str(), path.c_str()) != 0) {
         ::unlink(temporary.c_str());
@@ -271,7 +259,7 @@ void ExtensionLogWriter::write(std::string_view line) {
             rotate(entry.size() + 1);
         }
         if (descriptor_ >= 0) {
-            writeAll(descriptor_, entry + "\n");
+            files::writeAll(descriptor_, entry + "\n");
         }
     }
     if (echo_) {

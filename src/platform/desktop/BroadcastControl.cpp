@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "FileWrite.h"
+#include "velmorand/desktop/FileWrite.h"
 
 namespace velmorand {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "FileWrite.h"
+#include "velmorand/desktop/FileWrite.h"
 #include "PlistHandle.h"
 #include "velmorand/platform/Files.h"
 

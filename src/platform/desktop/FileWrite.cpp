@@ -1,4 +1,4 @@
-#include "FileWrite.h"
+#include "velmorand/desktop/FileWrite.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +8,6 @@
 #include <string>
 
 namespace velmorand::files {
-namespace {
 
 bool writeAll(int descriptor, std::string_view bytes) {
     while (!bytes.empty()) {
@@ -23,6 +22,8 @@ bool writeAll(int descriptor, std::string_view bytes) {
     }
     return true;
 }
+
+namespace {
 
 void syncDirectory(const std::filesystem::path& directory) {
     const int descriptor = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

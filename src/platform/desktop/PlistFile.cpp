@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <span>
 
-#include "FileWrite.h"
+#include "velmorand/desktop/FileWrite.h"
 
 namespace velmorand::plist {
 

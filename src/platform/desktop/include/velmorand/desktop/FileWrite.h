@@ -5,6 +5,9 @@
 
 namespace velmorand::files {
 
+// Writes all of `bytes` to a blocking `descriptor`, through interruptions and short writes.
+bool writeAll(int descriptor, std::string_view bytes);
+
 // `path` with `suffix` appended to its last component: "a.plist" and ".lock" give "a.plist.lock".
 std::filesystem::path withSuffix(const std::filesystem::path& path, std::string_view suffix);
 
