@@ -344,7 +344,7 @@ TEST_F(BroadcastProgramTest, RelaysThatWouldExposeTheTokenAreRefused) {
          "or password"},
     };
     for (const auto& [url, line] : rows) {
-        pair([&url](SharedConfig::Values& values) { values.relayOverride = url; });
+        pair([relay = url](SharedConfig::Values& values) { values.relayOverride = relay; });
         EXPECT_EQ(finished(start()), 1) << url;
         EXPECT_TRUE(logHas(line)) << extensionLog();
     }
