@@ -57,6 +57,18 @@ class Person {
         return {pixel[2], pixel[1], pixel[0]};
     }
 
+    // Whether the point at (dx, dy) turns blue within `patience`: the dialog animates its
+    // switches, and a loaded machine's compositor draws late.
+    bool turnsBlue(int dx, int dy, std::chrono::milliseconds patience) {
+        const auto until = std::chrono::steady_clock::now() + patience;
+        while (!blue(at(dx, dy))) {
+            if (std::chrono::steady_clock::now() > until) {
+                return false;
+            }
+        }
+        return true;
+    }
+
     // The screen as a PPM file, for a look after a failure.
     void dump(const std::string& path) {
         const auto grabbed = screen_->grab();
@@ -160,10 +172,18 @@ int main(int argc, char** argv) {
     }
 
     if (interaction) {
-        person.click(kInteractionX, kInteractionY);
-        // On, the switch's track is blue where its knob was.
-        if (!Person::blue(person.at(kInteractionX - 12, kInteractionY))) {
+        // On, the switch's track is blue where its knob was. Clicked again only once it has
+        // surely not switched: a second click on a switch that is on would turn it off.
+        bool on = false;
+        for (int tries = 0; tries < 2 && !on; ++tries) {
+            person.click(kInteractionX, kInteractionY);
+            on = person.turnsBlue(kInteractionX - 12, kInteractionY, 3s);
+        }
+        if (!on) {
             std::fprintf(stderr, "portal consent: remote interaction did not switch on\n");
+            if (!dumpPath.empty()) {
+                person.dump(dumpPath);
+            }
             return 1;
         }
     }

@@ -2,6 +2,7 @@
 
 #include <gio/gio.h>
 #include <unistd.h>
+#include <xkbcommon/xkbcommon-keysyms.h>
 
 #include <algorithm>
 #include <atomic>
@@ -235,6 +236,16 @@ std::variant<std::shared_ptr<PortalRemoteDesktop>, SessionDenied> PortalRemoteDe
         return SessionDenied{
             "the person at the device shared the screen but not its keyboard and pointer", true};
     }
+    if (desktop->inputGranted()) {
+        // The compositor behind the portal loses a new session's first key event, and gives
+        // windows its pointer too late for the first press: a key and a motion that change
+        // nothing spend both before any viewer types or points.
+        desktop->setKeysym(XKB_KEY_Shift_L, true);
+        desktop->setKeysym(XKB_KEY_Shift_L, false);
+        desktop->notify(
+            "NotifyPointerMotion",
+            g_variant_new("(o@a{sv}dd)", desktop->session_.c_str(), vardict({}), 0.0, 0.0));
+    }
     return desktop;
 }
 
@@ -261,21 +272,29 @@ SessionEnd PortalRemoteDesktop::ended() const {
     return shared_->closed ? SessionEnd::stoppedAtDevice : SessionEnd::none;
 }
 
+// The portal handles each call on a thread of its own, so events sent without waiting reach the
+// compositor in any order (a key before the Control held for it, a release before its press).
+// Each waits for the portal's reply, which comes once it has passed the event on; a portal that
+// hangs holds each event at most this long.
+constexpr std::chrono::milliseconds kNotifyTimeout{1'000};
+
+void PortalRemoteDesktop::notify(const char* method, GVariant* arguments) {
+    bus_->call(kPortal, kPortalPath, kRemoteDesktop, method, arguments, kNotifyTimeout);
+}
+
 void PortalRemoteDesktop::movePointer(double x, double y) {
-    bus_->send(kPortal, kPortalPath, kRemoteDesktop, "NotifyPointerMotionAbsolute",
-               g_variant_new("(o@a{sv}udd)", session_.c_str(), vardict({}), grant_.node, x, y));
+    notify("NotifyPointerMotionAbsolute",
+           g_variant_new("(o@a{sv}udd)", session_.c_str(), vardict({}), grant_.node, x, y));
 }
 
 void PortalRemoteDesktop::setButton(std::int32_t button, bool pressed) {
-    bus_->send(
-        kPortal, kPortalPath, kRemoteDesktop, "NotifyPointerButton",
-        g_variant_new("(o@a{sv}iu)", session_.c_str(), vardict({}), button, pressed ? 1U : 0U));
+    notify("NotifyPointerButton",
+           g_variant_new("(o@a{sv}iu)", session_.c_str(), vardict({}), button, pressed ? 1U : 0U));
 }
 
 void PortalRemoteDesktop::setKeysym(std::uint32_t keysym, bool pressed) {
-    bus_->send(kPortal, kPortalPath, kRemoteDesktop, "NotifyKeyboardKeysym",
-               g_variant_new("(o@a{sv}iu)", session_.c_str(), vardict({}),
-                             static_cast<gint32>(keysym), pressed ? 1U : 0U));
+    notify("NotifyKeyboardKeysym", g_variant_new("(o@a{sv}iu)", session_.c_str(), vardict({}),
+                                                 static_cast<gint32>(keysym), pressed ? 1U : 0U));
 }
 
 void PortalRemoteDesktop::sync() {

@@ -69,6 +69,8 @@ class PortalRemoteDesktop : public RemoteDesktopSession {
     struct Shared;
 
     PortalRemoteDesktop(std::shared_ptr<DBusSession> bus, std::string portal);
+    // One input event, passed on before the next is sent.
+    void notify(const char* method, GVariant* arguments);
 
     std::shared_ptr<DBusSession> bus_;
     // The portal's unique name on the bus.
