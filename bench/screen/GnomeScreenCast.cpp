@@ -10,8 +10,7 @@ namespace {
 // The screen cast goes with its session: the capture holds both.
 class HeldScreenCast : public ScreenCapture {
   public:
-    HeldScreenCast(std::shared_ptr<GnomeRemoteDesktop> session,
-                   std::unique_ptr<ScreenCapture> capture)
+    HeldScreenCast(std::shared_ptr<void> session, std::unique_ptr<ScreenCapture> capture)
         : session_(std::move(session)), capture_(std::move(capture)) {}
     ~HeldScreenCast() override { capture_.reset(); }
 
@@ -23,13 +22,13 @@ class HeldScreenCast : public ScreenCapture {
     std::variant<ScreenImage, CaptureError> grab() override { return capture_->grab(); }
 
   private:
-    std::shared_ptr<GnomeRemoteDesktop> session_;
+    std::shared_ptr<void> session_;
     std::unique_ptr<ScreenCapture> capture_;
 };
 
 }  // namespace
 
-std::variant<std::unique_ptr<ScreenCapture>, std::string> openGnomeScreenCast() {
+std::variant<GnomeScreenCastNode, std::string> openGnomeScreenCastNode() {
     auto bus = DBusSession::connect();
     if (const auto* error = std::get_if<std::string>(&bus)) {
         return "session bus: " + *error;
@@ -39,12 +38,21 @@ std::variant<std::unique_ptr<ScreenCapture>, std::string> openGnomeScreenCast() 
         return "GNOME: " + *error;
     }
     auto& open = std::get<std::shared_ptr<GnomeRemoteDesktop>>(session);
-    auto capture = PipeWireScreenCapture::open(-1, open->pipeWireNode());
+    return GnomeScreenCastNode{open, open->pipeWireNode()};
+}
+
+std::variant<std::unique_ptr<ScreenCapture>, std::string> openGnomeScreenCast() {
+    auto cast = openGnomeScreenCastNode();
+    if (const auto* error = std::get_if<std::string>(&cast)) {
+        return *error;
+    }
+    auto& open = std::get<GnomeScreenCastNode>(cast);
+    auto capture = PipeWireScreenCapture::open(-1, open.node);
     if (const auto* error = std::get_if<CaptureError>(&capture)) {
         return "PipeWire: " + error->description;
     }
     return std::make_unique<HeldScreenCast>(
-        open, std::move(std::get<std::unique_ptr<ScreenCapture>>(capture)));
+        open.session, std::move(std::get<std::unique_ptr<ScreenCapture>>(capture)));
 }
 
 }  // namespace velmorand::bench

@@ -11,7 +11,8 @@
 //       [--fps N] [--quality Q] [--seconds N] [--json FILE]
 //   --mode glass   glass-to-glass latency: decoded by the bench − the time drawn in the picture
 //   --mode stages  capture, conversion, encoding and decoding timed alone, in process (--frames N)
-//   --mode cpu     CPU per frame of the extension against ffmpeg doing the same work (--pairs N)
+//   --mode cpu     CPU per frame of the extension against ffmpeg (X11) or GStreamer (Wayland)
+//                  doing the same work (--pairs N)
 //   --mode probes  latency probe round trips with no stream, then under a 1080p stream
 //   --mode still   the extension's CPU while the screen does not change
 //   --mode memory  the extension's resident memory while the relay reads slowly (--minutes N)
@@ -75,6 +76,7 @@ struct Options {
     std::string jsonPath;
     std::string dumpDirectory;
     QString ffmpeg;
+    QString gstreamer;
     Programs programs;
     Desktop desktop = Desktop::x11;
     bool keepFiles = false;
@@ -609,72 +611,141 @@ CpuRun measureExtension(const Options& o, Rig& rig, BenchRelay& relay, double se
     return run;
 }
 
-CpuRun measureFfmpeg(const Options& o, Rig& rig, double seconds, const QStringList& arguments) {
+// What a rival program has made so far.
+struct Progress {
+    std::uint64_t frames = 0;
+    std::uint64_t bytes = 0;
+};
+
+// Reads what the rival wrote to its standard output into `made`; true when that completes a
+// report worth timing.
+using ProgressReader = std::function<bool(QProcess& process, Progress& made)>;
+
+// ffmpeg's -progress blocks, each closed by a progress= line.
+bool readFfmpegProgress(QProcess& process, Progress& made) {
+    bool complete = false;
+    while (process.canReadLine()) {
+        const QByteArray line = process.readLine().trimmed();
+        if (line.startsWith("frame=")) {
+            made.frames = line.mid(6).toULongLong();
+        } else if (line.startsWith("total_size=")) {
+            made.bytes = line.mid(11).toULongLong();
+        } else if (line.startsWith("progress=")) {
+            complete = true;
+        }
+    }
+    return complete;
+}
+
+// An H.264 byte stream, a frame for each picture's first slice: a coded slice NAL unit (type 1
+// or 5) whose first_mb_in_slice, the first field, is 0 (coded as a single 1 bit). A start code
+// split between two reads is found in the bytes kept from the first.
+ProgressReader pictureCounter() {
+    return [kept = QByteArray()](QProcess& process, Progress& made) mutable {
+        static const QByteArray kStartCode("\x00\x00\x01", 3);
+        const QByteArray data = process.readAllStandardOutput();
+        made.bytes += static_cast<std::uint64_t>(data.size());
+        const QByteArray scanned = kept + data;
+        qsizetype at = scanned.indexOf(kStartCode);
+        for (; at >= 0 && at + 4 < scanned.size(); at = scanned.indexOf(kStartCode, at + 1)) {
+            const auto type = static_cast<std::uint8_t>(scanned[at + 3]) & 0x1fU;
+            const bool firstSlice = (static_cast<std::uint8_t>(scanned[at + 4]) & 0x80U) != 0;
+            made.frames += (type == 1 || type == 5) && firstSlice ? 1 : 0;
+        }
+        // A start code whose NAL header has not come yet is read again with what follows.
+        kept = at >= 0 ? scanned.mid(at) : scanned.right(kStartCode.size() - 1);
+        return !data.isEmpty();
+    };
+}
+
+// The program the extension is measured against, doing the same work.
+struct Rival {
+    QString name;
+    QString program;
+    QStringList arguments;
+    std::function<ProgressReader()> reader;
+};
+
+CpuRun measureRival(const Options& o, Rig& rig, double seconds, const Rival& rival) {
     struct Report {
-        std::uint64_t frame = 0;
-        std::uint64_t bytes = 0;
+        Progress made;
         double cpu = 0;
         SteadyClock::time_point at;
     };
-    const QString errors = rig.directory() + QStringLiteral("/ffmpeg.stderr");
+    const QString errors = rig.directory() + QStringLiteral("/%1.stderr").arg(rival.name);
     QFile::remove(errors);
-    Child ffmpeg(o.ffmpeg, arguments, {}, Child::Output{errors, true});
+    Child child(rival.program, rival.arguments, {}, Child::Output{errors, true});
     std::vector<Report> reports;
-    Report pending;
-    auto& process = ffmpeg.process();
+    Progress made;
+    auto read = rival.reader();
+    auto& process = child.process();
     QObject::connect(&process, &QProcess::readyReadStandardOutput, &process, [&] {
-        while (process.canReadLine()) {
-            const QByteArray line = process.readLine().trimmed();
-            if (line.startsWith("frame=")) {
-                pending.frame = line.mid(6).toULongLong();
-            } else if (line.startsWith("total_size=")) {
-                pending.bytes = line.mid(11).toULongLong();
-            } else if (line.startsWith("progress=")) {
-                // Read at once, so that the CPU time and the frame count belong together.
-                const auto cpu = cpuSeconds(ffmpeg.pid());
-                if (cpu) {
-                    pending.cpu = *cpu;
-                    pending.at = SteadyClock::now();
-                    reports.push_back(pending);
-                }
+        // Read at once, so that the CPU time and the frame count belong together.
+        if (read(process, made)) {
+            if (const auto cpu = cpuSeconds(child.pid())) {
+                reports.push_back({made, *cpu, SteadyClock::now()});
             }
         }
     });
     const auto failed = [&](const std::string& what) {
         QFile text(errors);
         text.open(QIODevice::ReadOnly);
-        return HarnessFailure("ffmpeg " + what + ": " + text.readAll().toStdString());
+        return HarnessFailure(rival.name.toStdString() + " " + what + ": " +
+                              text.readAll().toStdString());
     };
     if (!pumpUntil(
-            [&] { return (!reports.empty() && reports.back().frame > 0) || !ffmpeg.running(); },
+            [&] {
+                return (!reports.empty() && reports.back().made.frames > 0) || !child.running();
+            },
             30s) ||
-        !ffmpeg.running()) {
+        !child.running()) {
         throw failed("made no frame within 30 s");
     }
     pumpFor(milliseconds(o.warmupSeconds));
     std::size_t seen = reports.size();
-    if (!pumpUntil([&] { return reports.size() > seen || !ffmpeg.running(); }, 10s)) {
+    if (!pumpUntil([&] { return reports.size() > seen || !child.running(); }, 10s)) {
         throw failed("stopped reporting progress");
     }
     const Report first = reports.back();
     pumpFor(milliseconds(seconds));
     seen = reports.size();
-    if (!pumpUntil([&] { return reports.size() > seen || !ffmpeg.running(); }, 10s) ||
-        !ffmpeg.running()) {
+    if (!pumpUntil([&] { return reports.size() > seen || !child.running(); }, 10s) ||
+        !child.running()) {
         throw failed("stopped during the measurement");
     }
     const Report last = reports.back();
-    ffmpeg.stop();
+    child.stop();
     CpuRun run;
-    run.frames = last.frame - first.frame;
+    run.frames = last.made.frames - first.made.frames;
     run.seconds = std::chrono::duration<double>(last.at - first.at).count();
     if (run.frames > 0) {
         run.msPerFrame = (last.cpu - first.cpu) * 1000.0 / static_cast<double>(run.frames);
-        run.bytesPerFrame =
-            static_cast<double>(last.bytes - first.bytes) / static_cast<double>(run.frames);
+        run.bytesPerFrame = static_cast<double>(last.made.bytes - first.made.bytes) /
+                            static_cast<double>(run.frames);
     }
     run.fps = static_cast<double>(run.frames) / run.seconds;
     return run;
+}
+
+// GStreamer reading a screen cast of GNOME's over PipeWire, copying each picture out of its
+// buffer, scaling, converting and encoding with libx264 as the extension does: the same preset,
+// bit rate, buffer, threads and profile, no key frame but the first, each frame written as soon
+// as it is made. It encodes every picture the compositor delivers, so compare per frame.
+QStringList gstreamerArguments(const Options& o, std::uint32_t node) {
+    // The stream's VBV buffer holds half a second of its bit rate.
+    return QStringLiteral(
+               "-q pipewiresrc path=%1 always-copy=true ! videoconvertscale ! "
+               "video/x-raw,format=I420,width=%2,height=%3 ! x264enc speed-preset=ultrafast "
+               "tune=zerolatency bitrate=%4 vbv-buf-capacity=500 threads=%5 sliced-threads=true "
+               "key-int-max=2147483647 option-string=scenecut=0 ! "
+               "video/x-h264,profile=constrained-baseline,stream-format=byte-stream ! fdsink fd=1 "
+               "sync=false")
+        .arg(node)
+        .arg(pictureWidth(o))
+        .arg(pictureHeight(o))
+        .arg(streamKbps(o))
+        .arg(X264CompressionSession::kThreads)
+        .split(QLatin1Char(' '));
 }
 
 json runCpu(const Options& o) {
@@ -683,10 +754,27 @@ json runCpu(const Options& o) {
     rig.startScene(false, o.sceneFps);
     BenchRelay relay(Rig::kToken);
     rig.pair(relay.baseUrl(), o.encode);
-    const auto arguments = ffmpegArguments(o, rig.display());
+    // On Wayland the rival reads a screen cast of the bench's own, held open for the whole run.
+    std::variant<GnomeScreenCastNode, std::string> cast = std::string();
+    Rival rival;
+    if (o.desktop == Desktop::wayland) {
+        if (o.encode.codec != "h264") {
+            throw HarnessFailure("--mode cpu on Wayland compares H.264 (--codec h264)");
+        }
+        cast = openGnomeScreenCastNode();
+        if (const auto* error = std::get_if<std::string>(&cast)) {
+            throw HarnessFailure(*error);
+        }
+        rival = {QStringLiteral("gstreamer"), o.gstreamer,
+                 gstreamerArguments(o, std::get<GnomeScreenCastNode>(cast).node), pictureCounter};
+    } else {
+        rival = {QStringLiteral("ffmpeg"), o.ffmpeg, ffmpegArguments(o, rig.display()),
+                 [] { return ProgressReader(readFfmpegProgress); }};
+    }
+    const std::string name = rival.name.toStdString();
     std::printf("cpu per frame: %s; %d pairs of %.0f s after %.0f s of warm-up\n",
                 settingsLine(o).c_str(), o.pairs, seconds, o.warmupSeconds);
-    std::printf("  ffmpeg %s\n", qPrintable(arguments.join(' ')));
+    std::printf("  %s %s\n", qPrintable(rival.program), qPrintable(rival.arguments.join(' ')));
     if (o.encode.codec != "h264") {
         std::printf(
             "  (quality %d -> -q:v %d: the mjpeg table nearest libjpeg's luma table at that "
@@ -694,13 +782,13 @@ json runCpu(const Options& o) {
             jpegQuality(o), ffmpegQscaleFor(jpegQuality(o)));
     }
     std::printf("  %-5s %6s | %10s %7s %9s | %10s %7s %9s | %6s\n", "pair", "load", "ours ms/f",
-                "fps", "KiB/f", "ffmpeg ms/f", "fps", "KiB/f", "ratio");
+                "fps", "KiB/f", (name + " ms/f").c_str(), "fps", "KiB/f", "ratio");
     json pairs = json::array();
     std::vector<double> ratios;
     for (int pair = 1; pair <= o.pairs; ++pair) {
         const double load = loadAverage();
         const auto ours = measureExtension(o, rig, relay, seconds);
-        const auto theirs = measureFfmpeg(o, rig, seconds, arguments);
+        const auto theirs = measureRival(o, rig, seconds, rival);
         const double ratio = ours.msPerFrame / theirs.msPerFrame;
         ratios.push_back(ratio);
         std::printf("  %-5d %6.2f | %10.2f %7.1f %9.1f | %10.2f %7.1f %9.1f | %5.2fx\n", pair, load,
@@ -715,16 +803,15 @@ json runCpu(const Options& o) {
                         {"bytesPerFrame", run.bytesPerFrame}};
         };
         pairs.push_back(
-            {{"load", load}, {"ours", side(ours)}, {"ffmpeg", side(theirs)}, {"ratio", ratio}});
+            {{"load", load}, {"ours", side(ours)}, {name, side(theirs)}, {"ratio", ratio}});
     }
     const double medianRatio = median(ratios);
     printStreamLines(rig);
-    std::printf("summary: cpu %s scale %.2g: median ratio ours/ffmpeg %.2fx over %d pairs\n",
-                o.encode.codec.c_str(), o.encode.scale, medianRatio, o.pairs);
-    QStringList shown = arguments;
+    std::printf("summary: cpu %s scale %.2g: median ratio ours/%s %.2fx over %d pairs\n",
+                o.encode.codec.c_str(), o.encode.scale, name.c_str(), medianRatio, o.pairs);
     return {{"pairs", pairs},
             {"medianRatio", medianRatio},
-            {"ffmpegArguments", shown.join(' ').toStdString()}};
+            {name + "Arguments", rival.arguments.join(' ').toStdString()}};
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -1104,7 +1191,9 @@ int main(int argc, char** argv) {
     const auto gap = option("probe-gap-ms", "probes: pause between probes.", "MS", "0");
     const auto jsonFile = option("json", "Also write the results to FILE.", "FILE", "");
     const auto dump = option("dump", "Save unreadable pictures (PGM) in DIR.", "DIR", "");
-    const auto ffmpeg = option("ffmpeg", "The ffmpeg program.", "PATH", "ffmpeg");
+    const auto ffmpeg = option("ffmpeg", "cpu on X11: the ffmpeg program.", "PATH", "ffmpeg");
+    const auto gstreamer = option("gst-launch", "cpu on Wayland: GStreamer's gst-launch program.",
+                                  "PATH", "gst-launch-1.0");
     const auto broadcast =
         option("broadcast", "The extension program.", "PATH", VELMORAND_BROADCAST);
     const auto scene = option("scene", "The scene program.", "PATH", VELMORAND_BENCH_SCENE);
@@ -1112,7 +1201,7 @@ int main(int argc, char** argv) {
                                      VELMORAND_BENCH_WAYLAND_SCENE);
     const auto desktop = option("desktop",
                                 "x11 (a private Xvfb) or wayland (the GNOME session the bench "
-                                "runs in; glass, probes, still, memory and arrival).",
+                                "runs in; glass, cpu, probes, still, memory and arrival).",
                                 "DESKTOP", "x11");
     const auto bundle = option("bundle", "The bundle directory.", "DIR", VELMORAND_DEV_BUNDLE);
     const QCommandLineOption keep(QStringLiteral("keep"),
@@ -1142,6 +1231,7 @@ int main(int argc, char** argv) {
     o.jsonPath = parser.value(jsonFile).toStdString();
     o.dumpDirectory = parser.value(dump).toStdString();
     o.ffmpeg = parser.value(ffmpeg);
+    o.gstreamer = parser.value(gstreamer);
     o.programs = {parser.value(broadcast), parser.value(scene), parser.value(waylandScene),
                   parser.value(bundle)};
     if (parser.value(desktop) != "x11" && parser.value(desktop) != "wayland") {

@@ -14,10 +14,6 @@
 namespace velmorand {
 namespace {
 
-// Each picture is cut in two slices encoded side by side: a picture costs 1 to 5 % more CPU than
-// on one thread, and is ready 3 to 8 ms sooner, which is what holds 60 frames a second at
-// 1920x1080 on two cores. Threads that each take a whole picture would add a picture of delay.
-constexpr int kEncoderThreads = 2;
 // Annex E's value for BT.601 (SMPTE 170M): what the pictures are converted with. Untagged, a
 // decoder may guess BT.709 for larger pictures and shift the colours.
 constexpr int kBt601 = 6;
@@ -60,7 +56,7 @@ std::variant<std::unique_ptr<H264CompressionSession>, EncodeError> X264Compressi
     }
     param.pf_log = discardLog;
     param.i_log_level = X264_LOG_NONE;
-    param.i_threads = kEncoderThreads;
+    param.i_threads = kThreads;
     param.b_sliced_threads = 1;
     param.i_width = settings.width;
     param.i_height = settings.height;
