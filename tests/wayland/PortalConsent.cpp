@@ -179,6 +179,9 @@ int main(int argc, char** argv) {
             person.click(kInteractionX, kInteractionY);
             on = person.turnsBlue(kInteractionX - 12, kInteractionY, 3s);
         }
+        // A first click drawn late and a second click both landing would leave it off again.
+        std::this_thread::sleep_for(500ms);
+        on = on && Person::blue(person.at(kInteractionX - 12, kInteractionY));
         if (!on) {
             std::fprintf(stderr, "portal consent: remote interaction did not switch on\n");
             if (!dumpPath.empty()) {

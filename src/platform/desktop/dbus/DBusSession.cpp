@@ -177,8 +177,9 @@ void DBusSession::send(const std::string& bus, const std::string& path,
     g_object_unref(message);
 }
 
-void DBusSession::sync(const std::string& bus, const std::string& path) {
-    call(bus, path, "org.freedesktop.DBus.Peer", "Ping", nullptr);
+bool DBusSession::sync(const std::string& bus, const std::string& path) {
+    return std::holds_alternative<Reply>(
+        call(bus, path, "org.freedesktop.DBus.Peer", "Ping", nullptr));
 }
 
 std::variant<Variant, std::string> DBusSession::property(const std::string& bus,

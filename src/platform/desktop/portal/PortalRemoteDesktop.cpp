@@ -274,12 +274,21 @@ SessionEnd PortalRemoteDesktop::ended() const {
 
 // The portal handles each call on a thread of its own, so events sent without waiting reach the
 // compositor in any order (a key before the Control held for it, a release before its press).
-// Each waits for the portal's reply, which comes once it has passed the event on; a portal that
-// hangs holds each event at most this long.
+// Each waits for the portal's reply, which comes once it has passed the event on. An event
+// still unanswered after this long may yet be carried out, after anything sent behind it: the
+// events that follow are dropped instead, until the portal answers a sync again.
 constexpr std::chrono::milliseconds kNotifyTimeout{1'000};
 
 void PortalRemoteDesktop::notify(const char* method, GVariant* arguments) {
-    bus_->call(kPortal, kPortalPath, kRemoteDesktop, method, arguments, kNotifyTimeout);
+    if (stalled_) {
+        g_variant_unref(g_variant_ref_sink(arguments));
+        return;
+    }
+    const auto result =
+        bus_->call(kPortal, kPortalPath, kRemoteDesktop, method, arguments, kNotifyTimeout);
+    if (std::holds_alternative<std::string>(result)) {
+        stalled_ = true;
+    }
 }
 
 void PortalRemoteDesktop::movePointer(double x, double y) {
@@ -298,7 +307,9 @@ void PortalRemoteDesktop::setKeysym(std::uint32_t keysym, bool pressed) {
 }
 
 void PortalRemoteDesktop::sync() {
-    bus_->sync(kPortal, kPortalPath);
+    if (bus_->sync(kPortal, kPortalPath)) {
+        stalled_ = false;
+    }
 }
 
 }  // namespace velmorand

@@ -61,7 +61,8 @@ class DBusSession {
     void send(const std::string& bus, const std::string& path, const std::string& interface,
               const std::string& method, GVariant* arguments);
     // Returns once the peer has taken everything sent to it before: its answer to a ping.
-    void sync(const std::string& bus, const std::string& path);
+    // Whether it answered in time.
+    bool sync(const std::string& bus, const std::string& path);
 
     // A property's value, or why there is none.
     std::variant<Variant, std::string> property(const std::string& bus, const std::string& path,

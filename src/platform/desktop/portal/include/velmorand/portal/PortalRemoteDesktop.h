@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -79,6 +80,8 @@ class PortalRemoteDesktop : public RemoteDesktopSession {
     std::string session_;
     PortalGrant grant_;
     std::vector<unsigned> subscriptions_;
+    // An event went unanswered: those after it are dropped until a sync is answered.
+    std::atomic<bool> stalled_{false};
 };
 
 }  // namespace velmorand

@@ -38,7 +38,8 @@ class RemoteDesktopSession {
     // (a bus call) once it has closed.
     virtual SessionEnd ended() const = 0;
 
-    // Sent in order, without waiting for the compositor.
+    // Sent in order, without waiting for the compositor (a portal's session waits for the
+    // portal to pass each on).
     virtual void movePointer(double x, double y) = 0;
     // An evdev button code (BTN_LEFT is 0x110).
     virtual void setButton(std::int32_t button, bool pressed) = 0;
