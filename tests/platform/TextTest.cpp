@@ -52,5 +52,43 @@ TEST(TextTest, LastGraphemesCountsWhatAPersonSeesAsOneCharacter) {
     }
 }
 
+TEST(TextTest, WithoutInvisibleCharactersKeepsOnlyWhatShows) {
+    using namespace std::string_literals;
+    const std::pair<std::string, std::string> cases[] = {
+        {"a\0b"s, "ab"},                       // NUL, a control
+        {"\x1B[31mred\u0085", "[31mred"},      // terminal escapes, C0 and C1
+        {"evil\u202Etxt.exe", "eviltxt.exe"},  // a bidirectional override
+        {"a\u200Bb\u00ADc", "abc"},            // zero-width space, soft hyphen
+        {"line\u2028next\u2029", "linenext"},  // line and paragraph separators
+        {"caf\u00E9 \xFF", "caf\u00E9 \xFF"},  // shown, and bytes that are not UTF-8
+    };
+    for (const auto& [input, expected] : cases) {
+        EXPECT_EQ(withoutInvisibleCharacters(input), expected) << input;
+    }
+}
+
+TEST(TextTest, FirstMatchGivesEveryGroupTheLastToo) {
+    using Groups = std::vector<std::optional<std::string>>;
+    const struct {
+        const char* pattern;
+        const char* text;
+        RegexCase caseMode;
+        std::optional<Groups> expected;
+    } cases[] = {
+        {"(a)(x)?(c)", "zacac", RegexCase::sensitive, Groups{"ac", "a", std::nullopt, "c"}},
+        {"key=(\\w+)", "KEY=Ab&key=cd", RegexCase::insensitive, Groups{"KEY=Ab", "Ab"}},
+        {"key=(\\w+)", "KEY=Ab&key=cd", RegexCase::sensitive, Groups{"key=cd", "cd"}},
+        {"b", "aaa", RegexCase::sensitive, std::nullopt},
+        {"(", "(", RegexCase::sensitive, std::nullopt},  // malformed
+    };
+    for (const auto& c : cases) {
+        const auto match = firstMatch(c.pattern, c.text, c.caseMode);
+        ASSERT_EQ(match.has_value(), c.expected.has_value()) << c.pattern << " " << c.text;
+        if (match) {
+            EXPECT_EQ(match->groups, *c.expected) << c.pattern << " " << c.text;
+        }
+    }
+}
+
 }  // namespace
 }  // namespace velmorand
