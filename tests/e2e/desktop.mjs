@@ -24,7 +24,8 @@ export function start(children, program, args, options = {}) {
   child.stdout?.setEncoding("utf8").on("data", (text) => (child.output += text));
   child.stderr?.setEncoding("utf8").on("data", (text) => (child.output += text));
   child.on("error", (error) => (child.output += `${error.message}\n`));
-  child.exited = new Promise((resolve) => child.on("exit", (code, signal) => resolve({ code, signal })));
+  // On "close", not "exit": a process's last words may still be in the pipe when it has exited.
+  child.exited = new Promise((resolve) => child.on("close", (code, signal) => resolve({ code, signal })));
   children.push(child);
   return child;
 }
@@ -210,7 +211,7 @@ export class Desktop {
         ...(process.env.VELMORAND_CONSENT_DUMP ? ["--dump", process.env.VELMORAND_CONSENT_DUMP] : [])]);
     const ended = await person.exited;
     if (ended.code !== 0 || !person.output.includes("shared")) {
-      throw new Error(`the portal's dialog was not answered: ${person.output}`);
+      throw new Error(`the portal's dialog was not answered (${JSON.stringify(ended)}): ${person.output}`);
     }
   }
 

@@ -69,7 +69,8 @@ function start(program, args, { detached = false } = {}) {
   child.output = "";
   child.stdout.setEncoding("utf8").on("data", (text) => (child.output += text));
   child.stderr.setEncoding("utf8").on("data", (text) => (child.output += text));
-  child.exited = new Promise((resolve) => child.on("exit", (code, signal) => resolve({ code, signal })));
+  // On "close", not "exit": a process's last words may still be in the pipe when it has exited.
+  child.exited = new Promise((resolve) => child.on("close", (code, signal) => resolve({ code, signal })));
   children.push(child);
   return child;
 }

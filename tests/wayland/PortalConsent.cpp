@@ -200,6 +200,8 @@ int main(int argc, char** argv) {
         return 1;
     }
     person.click(kShareX, kShareY);
+    // Said before the capture and the session are taken down, so that a fault there cannot hide it.
     std::puts("shared");
+    std::fflush(stdout);
     return 0;
 }
