@@ -41,8 +41,8 @@ const build = path.resolve(opts.build);
 const programs = {
   sandbox: path.join(build, "sandbox/velmorand-sandbox"),
   cli: path.join(build, "bin/velmorand"),
-  bundle: path.join(build, "share/velmorand/bundle"),
-  broadcast: path.join(build, "share/velmorand/bundle/PlugIns/VelmorandBroadcast.appex/velmorand-broadcast"),
+  bundle: path.join(build, "lib/velmorand/bundle"),
+  broadcast: path.join(build, "lib/velmorand/bundle/PlugIns/VelmorandBroadcast.appex/velmorand-broadcast"),
   scene: path.join(build, "bench/velmorand_bench_scene"),
 };
 

@@ -14,9 +14,9 @@ std::filesystem::path DesktopEnvironment::bundleBesideProgram() {
     std::error_code error;
     const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
     if (error) {
-        return "share/velmorand/bundle";
+        return VELMORAND_BUNDLE_PATH;
     }
-    return program.parent_path().parent_path() / "share" / "velmorand" / "bundle";
+    return program.parent_path().parent_path() / VELMORAND_BUNDLE_PATH;
 }
 
 }  // namespace velmorand

@@ -24,7 +24,7 @@ class DesktopEnvironment {
   public:
     explicit DesktopEnvironment(const DesktopLocations& locations);
 
-    // Installed or built, the bundle sits at ../share/velmorand/bundle from the program.
+    // Installed or built, the bundle sits at ../lib/velmorand/bundle from the program.
     static std::filesystem::path bundleBesideProgram();
 
     DataRoot root;
