@@ -52,6 +52,11 @@ AppOptions AppOptions::parse(const QStringList& arguments) {
     if (parser.isSet(QStringLiteral("help"))) {
         parser.showHelp(0);
     }
+    // Only process() prints the help with Qt's own options; the arguments have parsed, so it
+    // prints it and exits.
+    if (parser.isSet(QStringLiteral("help-all"))) {
+        parser.process(arguments);
+    }
     if (parser.isSet(QStringLiteral("version"))) {
         parser.showVersion();
     }

@@ -53,7 +53,7 @@ int run(int argc, char** argv) {
         "Velmorand Connect: pair this device with the Velmorand dashboard and manage "
         "what the screen broadcast uses.",
         "velmorand");
-    app.set_version_flag("--version", VELMORAND_VERSION);
+    app.set_version_flag("--version", std::string("velmorand ") + VELMORAND_VERSION);
     app.require_subcommand(1);
 
     GlobalOptions options;
@@ -80,12 +80,16 @@ int run(int argc, char** argv) {
     // The global options may come after the command too ("velmorand pair KEY --data-dir D"), and
     // every command's help says so.
     app.fallthrough(true);
-    for (CLI::App* command : app.get_subcommands({})) {
+    // A footer a command set for itself is kept, above the note.
+    const auto noteGlobalOptions = [](CLI::App* command) {
         command->fallthrough(true);
-        command->footer(kGlobalOptionsNote);
+        const std::string own = command->get_footer();
+        command->footer(own.empty() ? kGlobalOptionsNote : own + "\n\n" + kGlobalOptionsNote);
+    };
+    for (CLI::App* command : app.get_subcommands({})) {
+        noteGlobalOptions(command);
         for (CLI::App* inner : command->get_subcommands({})) {
-            inner->fallthrough(true);
-            inner->footer(kGlobalOptionsNote);
+            noteGlobalOptions(inner);
         }
     }
     if (const auto unknown = unknownCommand(app, argc, argv)) {

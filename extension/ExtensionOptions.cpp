@@ -25,13 +25,19 @@ std::variant<ExtensionOptions, ExtensionOptions::Exit> ExtensionOptions::parse(
 
     CLI::App app(
         "The screen-broadcast upload extension: connects this device to the relay, streams the "
-        "screen (X11, or Wayland through GNOME's compositor) to the viewers that ask for it, and "
+        "screen (X11, or Wayland through GNOME's compositor or the desktop portals) to the "
+        "viewers that ask for it, and "
         "carries out their remote-control commands, logging each.",
         "velmorand-broadcast");
     app.set_version_flag("--version", "velmorand-broadcast " + version);
-    app.add_option("--data-dir", dataDir, "Where the settings, keychain and group container live");
+    app.add_option("--data-dir", dataDir,
+                   "Where the settings, keychain and group container live (default: "
+                   "$VELMORAND_DATA_DIR, else $XDG_DATA_HOME/velmorand)")
+        ->type_name("DIR");
     app.add_option("--bundle-dir", bundleDir,
-                   "The application bundle (default: the one holding this extension)");
+                   "The application bundle (default: $VELMORAND_BUNDLE_DIR, else the one holding "
+                   "this extension)")
+        ->type_name("DIR");
     app.add_flag("--view-only", options.viewOnly,
                  "Stream the screen but carry out none of the viewers' commands");
     app.add_option("--desktop", options.desktop,
