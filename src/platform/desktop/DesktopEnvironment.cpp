@@ -6,7 +6,7 @@ DesktopEnvironment::DesktopEnvironment(const DesktopLocations& locations)
     : root(DataRoot::resolve(locations.dataDir)),
       bundle(DesktopBundle::resolveDirectory(locations.bundleDir, bundleBesideProgram())),
       settings(root),
-      keychain(root.keychainFile(), bundle.resource("embedded", "mobileprovision")),
+      keychain(root, bundle.resource("embedded", "mobileprovision")),
       groupContainers(root),
       classLookup(bundle.installDirectory() / "Frameworks") {}
 

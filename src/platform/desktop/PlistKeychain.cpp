@@ -144,18 +144,25 @@ int PlistKeychain::copyMatching(const KeychainAttributes& query, KeychainResult*
     return status;
 }
 
+int PlistKeychain::assignAccessGroup(KeychainAttributes& item) const {
+    if (const auto group = item.find(keychain::kAccessGroup); group != item.end()) {
+        return std::holds_alternative<std::string>(group->second) &&
+                       grants(std::get<std::string>(group->second))
+                   ? keychain::kSuccess
+                   : keychain::kMissingEntitlement;
+    }
+    if (!defaultAccessGroup_) {
+        return keychain::kMissingEntitlement;
+    }
+    item.emplace(std::string(keychain::kAccessGroup), *defaultAccessGroup_);
+    return keychain::kSuccess;
+}
+
 int PlistKeychain::add(const KeychainAttributes& attributes, KeychainResult* result) {
     std::lock_guard lock(mutex_);
     KeychainAttributes item = keychain::storedAttributes(attributes);
-    if (const auto group = item.find(keychain::kAccessGroup); group != item.end()) {
-        if (!std::holds_alternative<std::string>(group->second) ||
-            !grants(std::get<std::string>(group->second))) {
-            return keychain::kMissingEntitlement;
-        }
-    } else if (defaultAccessGroup_) {
-        item.emplace(std::string(keychain::kAccessGroup), *defaultAccessGroup_);
-    } else {
-        return keychain::kMissingEntitlement;
+    if (const int status = assignAccessGroup(item); status != keychain::kSuccess) {
+        return status;
     }
 
     const plist::PlistFile::Lock fileLock(*file_);

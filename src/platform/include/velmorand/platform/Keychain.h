@@ -30,6 +30,10 @@ inline constexpr int kItemNotFound = -25300;
 inline constexpr int kDuplicateItem = -25299;
 inline constexpr int kMissingEntitlement = -34018;
 inline constexpr int kParam = -50;
+// The keychain is locked, and unlocking it would need the user.
+inline constexpr int kInteractionNotAllowed = -25308;
+// The keychain cannot be reached (or did not answer in time).
+inline constexpr int kNotAvailable = -25291;
 }  // namespace keychain
 
 using KeychainAttributes = std::map<std::string, StoredValue, std::less<>>;

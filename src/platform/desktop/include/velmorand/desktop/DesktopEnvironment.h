@@ -5,9 +5,9 @@
 
 #include "velmorand/desktop/DataRoot.h"
 #include "velmorand/desktop/DesktopBundle.h"
+#include "velmorand/desktop/DesktopKeychain.h"
 #include "velmorand/desktop/DesktopSettingsStores.h"
 #include "velmorand/desktop/FrameworkClassLookup.h"
-#include "velmorand/desktop/PlistKeychain.h"
 
 namespace velmorand {
 
@@ -30,7 +30,7 @@ class DesktopEnvironment {
     DataRoot root;
     DesktopBundle bundle;
     DesktopSettingsStores settings;
-    PlistKeychain keychain;
+    DesktopKeychain keychain;
     DesktopGroupContainers groupContainers;
     FrameworkClassLookup classLookup;
 };

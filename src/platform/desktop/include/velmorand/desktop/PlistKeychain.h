@@ -29,10 +29,13 @@ class PlistKeychain : public Keychain {
     int add(const KeychainAttributes& attributes, KeychainResult* result) override;
     int remove(const KeychainAttributes& query) override;
 
-    const std::optional<std::string>& defaultAccessGroup() const { return defaultAccessGroup_; }
-    bool grants(std::string_view accessGroup) const;
+    // The profile's rule for an item about to be added: the access group it names must be granted;
+    // without one it gets the default group. kSuccess, or kMissingEntitlement.
+    int assignAccessGroup(KeychainAttributes& item) const;
 
   private:
+    bool grants(std::string_view accessGroup) const;
+
     std::mutex mutex_;
     std::unique_ptr<plist::PlistFile> file_;
     std::optional<std::string> defaultAccessGroup_;
