@@ -139,8 +139,8 @@ TEST(KeyringTest, WithoutAProfileNothingIsAdded) {
 TEST(KeyringTest, DataDirectoriesKeepTheirOwnItems) {
     const testing::TempDir first;
     const testing::TempDir second;
-    DesktopKeychain one(DataRoot(first.path()), kProfile, keychainChoice(""));
-    DesktopKeychain other(DataRoot(second.path()), kProfile, keychainChoice(""));
+    DesktopKeychain one(DataRoot(first.path()), kProfile, keychainChoice("secret-service"));
+    DesktopKeychain other(DataRoot(second.path()), kProfile, keychainChoice("secret-service"));
     ASSERT_EQ(one.add(mirrorItem({'1'}), nullptr), kc::kSuccess);
     EXPECT_EQ(other.copyMatching(mirrorQuery(), nullptr), kc::kItemNotFound);
     EXPECT_EQ(other.remove(mirrorQuery()), kc::kItemNotFound);
@@ -191,6 +191,27 @@ TEST(KeyringTest, ALockedKeyringIsLeftAlone) {
     DesktopKeychain after(root, kProfile, keychainChoice(""));
     EXPECT_EQ(after.add(mirrorItem({'y'}), nullptr), kc::kSuccess);
     EXPECT_TRUE(std::filesystem::exists(root.keychainFile()));
+}
+
+// A removal the keyring did not carry out is not forgotten: the next program to choose the keyring
+// empties it rather than read back what was removed.
+TEST(KeyringTest, ARemovalTheKeyringMissedIsCaughtUpOn) {
+    const char* pid = std::getenv("VELMORAND_TEST_KEYRING_PID");
+    ASSERT_NE(pid, nullptr) << "run under tests/keyring/with-keyring";
+    const testing::TempDir dir;
+    const DataRoot root(dir.path());
+    DesktopKeychain unlucky(root, kProfile, keychainChoice(""));
+    ASSERT_EQ(unlucky.add(mirrorItem({'x'}), nullptr), kc::kSuccess);
+
+    ASSERT_EQ(::kill(std::atoi(pid), SIGSTOP), 0);
+    EXPECT_EQ(unlucky.remove(mirrorQuery()), kc::kNotAvailable);
+    ASSERT_EQ(::kill(std::atoi(pid), SIGCONT), 0);
+
+    DesktopKeychain later(root, kProfile, keychainChoice(""));
+    EXPECT_EQ(later.copyMatching(mirrorQuery(), nullptr), kc::kItemNotFound);
+    // The note that the keyring fell behind went with it.
+    DesktopKeychain file(root, kProfile, keychainChoice("file"));
+    EXPECT_EQ(file.copyMatching({}, nullptr), kc::kItemNotFound);
 }
 
 // A service that stops answering costs one bound, not one per call, and never a hang.

@@ -74,12 +74,22 @@ int DesktopKeychain::add(const KeychainAttributes& attributes, KeychainResult* r
     if (const int status = file_.assignAccessGroup(item); status != keychain::kSuccess) {
         return status;
     }
-    return chosen->add(item, result);
+    return changed(chosen->add(item, result));
 }
 
 int DesktopKeychain::remove(const KeychainAttributes& query) {
     auto* chosen = keyring();
-    return chosen != nullptr ? chosen->remove(query) : file_.remove(query);
+    return chosen != nullptr ? changed(chosen->remove(query)) : file_.remove(query);
+}
+
+int DesktopKeychain::changed(int status) {
+    if (status == keychain::kNotAvailable || status == keychain::kInteractionNotAllowed) {
+        file_.add({{std::string(keychain::kClass), std::string(keychain::kClassGenericPassword)},
+                   {std::string(keychain::kService), std::string()},
+                   {std::string(keychain::kAccount), std::string("velmorand.keyringBehind")}},
+                  nullptr);
+    }
+    return status;
 }
 
 }  // namespace velmorand

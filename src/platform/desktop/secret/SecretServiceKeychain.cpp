@@ -138,6 +138,8 @@ bool serviceRunning(GCancellable* cancellable) {
     if (!bus) {
         return false;
     }
+    // The shared connection would otherwise end the whole program when the bus goes.
+    g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
     raw = nullptr;
     GVariant* reply = g_dbus_connection_call_sync(
         bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",

@@ -22,7 +22,9 @@ namespace velmorand {
 // The two stores are never copied into each other: the configuration's own reads rebuild the
 // mirror from the other stores. So that neither can later bring back what the other has since
 // changed or removed, the keyring, when chosen while the file holds items (the file was used
-// since), is emptied together with the file.
+// since), is emptied together with the file. A change the keyring refused (locked, or not
+// answering) leaves an item in the file for the same reason: the keyring may hold what was meant
+// to go.
 class DesktopKeychain : public Keychain {
   public:
     static constexpr std::chrono::milliseconds kBound{5000};
@@ -38,6 +40,8 @@ class DesktopKeychain : public Keychain {
   private:
     // The keyring, or null for the file.
     Keychain* keyring();
+    // Passes on the keyring's answer to a change, noting in the file when it refused.
+    int changed(int status);
 
     PlistKeychain file_;
     std::string scope_;
