@@ -239,6 +239,10 @@ TEST_F(RemoteControlTest, GesturesLandOnTheScreenInOrder) {
         {C::TouchDown{1, 2}, {"move 1,2", "press"}, ""},
         {C::TouchUp{5, 6}, {"move 5,6", "release"}, ""},
         {C::TouchUp{5, 6}, {"move 5,6"}, "nothing was held"},
+        // A tap while a touch is held lets go of it first, rather than drag it to the tap.
+        {C::TouchDown{1, 2}, {"move 1,2", "press"}, ""},
+        {C::Tap{7, 8}, {"release", "move 7,8", "press", "release"}, ""},
+        {C::TouchUp{5, 6}, {"move 5,6"}, "nothing was held"},
     };
     for (const auto& [command, calls, detail] : rows) {
         const auto [got, outcome] = run(command);
