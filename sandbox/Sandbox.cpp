@@ -22,6 +22,7 @@
 #include <QUrlQuery>
 #include <QWebSocket>
 #include <map>
+#include <memory>
 #include <utility>
 
 namespace velmorand::sandbox {
@@ -170,9 +171,14 @@ class Sandbox::Impl {
             server->close();
         }
         relay_.dropAll();
+        // Bound but not listening: connections are refused, and no other server on this machine
+        // can take the port meanwhile and answer in the sandbox's place.
+        portHolder_ = std::make_unique<QTcpSocket>();
+        portHolder_->bind(listenAddress(), port_);
     }
 
     bool resume(std::string* error) {
+        portHolder_.reset();
         if (service_.listen(listenAddress(), port_) == port_) {
             return true;
         }
@@ -195,6 +201,7 @@ class Sandbox::Impl {
     SandboxOptions options_;
     const std::string viewerToken_;
     std::uint16_t port_ = 0;
+    std::unique_ptr<QTcpSocket> portHolder_;
     std::uint16_t wdaPort_ = 0;
     bool tls_ = false;
     struct Device {
