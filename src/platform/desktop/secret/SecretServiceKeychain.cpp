@@ -232,6 +232,21 @@ struct SecretServiceKeychain::Service {
         return items;
     }
 
+    // The items whose identity `query` matches, oldest first; kItemNotFound for none.
+    std::variant<std::vector<Ref<SecretItem>>, int> matching(const KeychainAttributes& query,
+                                                             GCancellable* cancellable) {
+        const auto table = attributeTable(query, false);
+        if (!table) {
+            return keychain::kItemNotFound;
+        }
+        auto found = search(table.get(), cancellable);
+        if (const auto* items = std::get_if<std::vector<Ref<SecretItem>>>(&found);
+            items != nullptr && items->empty()) {
+            return keychain::kItemNotFound;
+        }
+        return found;
+    }
+
     // A stored item as the keychain describes it: its attributes and, when `withData`, its data.
     static std::optional<KeychainAttributes> describe(SecretItem* item, bool withData,
                                                       GCancellable* cancellable) {
@@ -305,18 +320,11 @@ std::unique_ptr<SecretServiceKeychain> SecretServiceKeychain::connect(
 
 int SecretServiceKeychain::copyMatching(const KeychainAttributes& query, KeychainResult* result) {
     return service_->bounded([&](GCancellable* cancellable) {
-        const auto table = service_->attributeTable(query, false);
-        if (!table) {
-            return keychain::kItemNotFound;
-        }
-        auto found = service_->search(table.get(), cancellable);
+        auto found = service_->matching(query, cancellable);
         if (const auto* status = std::get_if<int>(&found)) {
             return *status;
         }
         const auto& items = std::get<std::vector<Ref<SecretItem>>>(found);
-        if (items.empty()) {
-            return keychain::kItemNotFound;
-        }
         if (secret_item_get_locked(items.front().get())) {
             return keychain::kInteractionNotAllowed;
         }
@@ -384,18 +392,11 @@ int SecretServiceKeychain::add(const KeychainAttributes& attributes, KeychainRes
 
 int SecretServiceKeychain::remove(const KeychainAttributes& query) {
     return service_->bounded([&](GCancellable* cancellable) {
-        const auto table = service_->attributeTable(query, false);
-        if (!table) {
-            return keychain::kItemNotFound;
-        }
-        auto found = service_->search(table.get(), cancellable);
+        auto found = service_->matching(query, cancellable);
         if (const auto* status = std::get_if<int>(&found)) {
             return *status;
         }
         const auto& items = std::get<std::vector<Ref<SecretItem>>>(found);
-        if (items.empty()) {
-            return keychain::kItemNotFound;
-        }
         for (const auto& item : items) {
             if (secret_item_get_locked(item.get())) {
                 return keychain::kInteractionNotAllowed;
