@@ -131,8 +131,8 @@ std::variant<std::shared_ptr<DBusSession>, std::string> DBusSession::connect() {
         new DBusSession(connection, std::make_unique<SignalThread>()));
 }
 
-DBusSession::DBusSession(GDBusConnection* connection, std::unique_ptr<SignalThread> signals)
-    : connection_(connection), signals_(std::move(signals)) {}
+DBusSession::DBusSession(GDBusConnection* connection, std::unique_ptr<SignalThread> signalThread)
+    : connection_(connection), signals_(std::move(signalThread)) {}
 
 DBusSession::~DBusSession() {
     signals_.reset();

@@ -16,6 +16,7 @@
 #include <variant>
 #include <vector>
 
+#include "RequestErrors.h"
 #include "TlsTrust.h"
 #include "velmorand/qt/QtMainQueue.h"
 
@@ -23,9 +24,7 @@ namespace velmorand {
 
 namespace {
 
-constexpr const char* kCancelled = "Cancelled";
 constexpr const char* kTooLarge = "Response too large";
-constexpr const char* kTimedOut = "The request timed out";
 // As many as the platform's own URL session follows before it gives up.
 constexpr int kMaxRedirects = 16;
 
@@ -125,7 +124,7 @@ class QtHttpClient::Worker : public QObject {
             QObject::disconnect(reply, nullptr, this, nullptr);
             if (!exchange->ended) {
                 exchange->ended = true;
-                exchange->done(HttpTransportError{kCancelled});
+                exchange->done(HttpTransportError{requestError::kCancelled});
             }
             reply->abort();
             delete reply;
@@ -251,7 +250,7 @@ class QtHttpClient::Worker : public QObject {
             // timeout firing.
             if (error == QNetworkReply::OperationCanceledError ||
                 error == QNetworkReply::TimeoutError) {
-                return HttpTransportError{kTimedOut};
+                return HttpTransportError{requestError::kTimedOut};
             }
             return HttpTransportError{describe(error, reply->errorString())};
         }

@@ -18,6 +18,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "RequestErrors.h"
 #include "TlsTrust.h"
 
 // Either choice of socket thread keeps the platform contract: every event and completion comes
@@ -29,8 +30,6 @@ namespace velmorand {
 
 namespace {
 
-constexpr const char* kCancelled = "Cancelled";
-constexpr const char* kTimedOut = "The request timed out";
 constexpr const char* kNotConnected = "Socket is not connected";
 constexpr const char* kNotReading = "The peer has stopped reading what is sent to it";
 constexpr const char* kFlooded = "The peer sends faster than its messages can be handled";
@@ -78,7 +77,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
     }
 
     void cancel() override {
-        shared_->post([self = shared_from_this()] { self->end(kCancelled, true); });
+        shared_->post([self = shared_from_this()] { self->end(requestError::kCancelled, true); });
     }
 
     void send(WebSocketMessage message, SendCompletion completion) override {
@@ -165,7 +164,7 @@ class QtWebSocketTask : public WebSocketTask, public std::enable_shared_from_thi
         handshakeTimer_->setSingleShot(true);
         QObject::connect(handshakeTimer_, &QTimer::timeout, socket_, [this] {
             if (!opened_) {
-                end(kTimedOut, true);
+                end(requestError::kTimedOut, true);
             }
         });
         handshakeTimer_->start(timeout);

@@ -88,7 +88,7 @@ class DBusSession {
   private:
     struct SignalThread;
 
-    DBusSession(GDBusConnection* connection, std::unique_ptr<SignalThread> signals);
+    DBusSession(GDBusConnection* connection, std::unique_ptr<SignalThread> signalThread);
 
     GDBusConnection* connection_;
     std::unique_ptr<SignalThread> signals_;
