@@ -245,6 +245,12 @@ async function run() {
   // Typing: every character, in order, whatever the layout lacks; an input method's text once it
   // is composed, not while. The portal offers no clipboard to paste what no key types, so there
   // those characters are counted as having no key, and the rest still arrive in order.
+  // What no key types is pasted on GNOME; whatever another program had on the clipboard is there
+  // again afterwards.
+  const kept = "the desktop's own \u2713";
+  if (wayland && !portal) {
+    await desktop.copyToClipboard(kept);
+  }
   since = mark();
   await page.keyboard.type("Hello é€!");
   const cdp = await page.context().newCDPSession(page);
@@ -276,6 +282,13 @@ async function run() {
   check(total(1) === Array.from(sent).length && total(2) === Array.from(sent).length - arrived.length,
     `"${arrived.join("")}" arrived, and typing logged ${JSON.stringify(logSince(since))}`);
   ok(`typed text "${sent}" arrives as "${arrived.join("")}", in ${textLines().length} text command(s)`);
+  if (wayland && !portal) {
+    let after = null;
+    await waitFor("the clipboard another program held back after typing", async () =>
+      (after = await desktop.clipboardText()) === kept, 3000)
+      .catch((error) => { throw new Error(`${error.message}: it holds ${JSON.stringify(after)}`); });
+    ok("the clipboard another program held is back after typing");
+  }
 
   // Keys and combinations, by their names.
   const keys = [
@@ -345,6 +358,16 @@ async function run() {
       return text === pasted ? text : null;
     });
     ok(`a viewer's paste is the desktop's clipboard: ${JSON.stringify(read)}`);
+    since = mark();
+    await page.focus("#keyboard");
+    await page.keyboard.type("\u00e9");
+    await waitFor("é typed after the paste", () => typedSince(since) === "\u00e9");
+    // It is put back once the paste's reads are over, a moment after the character arrived.
+    let after = null;
+    await waitFor("the viewer's paste back on the clipboard after typing é", async () =>
+      (after = await desktop.clipboardText()) === pasted, 3000)
+      .catch((error) => { throw new Error(`${error.message}: it holds ${JSON.stringify(after)}`); });
+    ok("the viewer's paste stays on the clipboard when é is typed after it");
   } else {
     await waitLog(since, /^control: setClipboard 15 characters$/);
     const forms = {

@@ -228,6 +228,13 @@ export class Desktop {
     return answer.text;
   }
 
+  // A program on the Wayland desktop (the recorder) taking the clipboard with `text`: resolves once
+  // the desktop's clipboard holds it.
+  async copyToClipboard(text) {
+    this.tellRecorder(`copy ${text}`);
+    await waitFor(`"${text}" on the clipboard`, async () => (await this.clipboardText()) === text);
+  }
+
   // The CLIPBOARD as another application on this display pastes it, in the form `target`:
   // what it got, or null when the owner refused that form.
   paste(target) {

@@ -1,11 +1,16 @@
 // What the Wayland backends decide without a compositor: how a screen-cast buffer becomes the
-// stream's pixels, and which characters a layout types.
+// stream's pixels, which characters a layout types, and what input a session is sent for them.
 #include <gtest/gtest.h>
 #include <xkbcommon/xkbcommon.h>
 
 #include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "velmorand/pipewire/FrameCopy.h"
+#include "velmorand/wayland/RemoteDesktopSession.h"
+#include "velmorand/wayland/WaylandInputInjector.h"
 #include "velmorand/wayland/WaylandKeymap.h"
 
 namespace velmorand {
@@ -107,6 +112,115 @@ TEST(WaylandKeymapTest, ALayoutTypesWhatItsFirstGroupHasUpToAltGr) {
         EXPECT_EQ(keymap->types(row.keysym), row.types) << row.layout << " " << row.keysym;
     }
     EXPECT_FALSE(WaylandKeymap::fromText("xkb_keymap { not a keymap"));
+}
+
+// A session that writes down what it is sent, and plays the program with the keyboard: ctrl+v
+// makes it read the clipboard `readsPerPaste` times, one read each time the injector waits.
+class RecordingSession : public RemoteDesktopSession {
+  public:
+    std::string sent;
+    bool clipboard = true;
+    std::optional<std::string> held;
+    int readsPerPaste = 1;
+
+    ScreenSize screenSize() const override { return {1920, 1080}; }
+    SessionEnd ended() const override { return SessionEnd::none; }
+    void movePointer(double x, double y) override {
+        note("move " + std::to_string(x).substr(0, 4) + "," + std::to_string(y).substr(0, 4));
+    }
+    void setButton(std::int32_t, bool pressed) override { note(pressed ? "button↓" : "button↑"); }
+    void setKeysym(std::uint32_t keysym, bool pressed) override {
+        char name[64];
+        xkb_keysym_get_name(keysym, name, sizeof name);
+        note(std::string(name) + (pressed ? "↓" : "↑"));
+        if (keysym == XKB_KEY_Control_L) {
+            ctrl_ = pressed;
+        } else if (keysym == XKB_KEY_v && pressed && ctrl_) {
+            unread_ += readsPerPaste;
+        }
+    }
+    void sync() override {}
+    std::chrono::milliseconds pointerSettle() const override { return {}; }
+    bool hasClipboard() const override { return clipboard; }
+    void offerText(std::string text) override {
+        note("offer " + text);
+        held = std::move(text);
+    }
+    std::uint64_t pastes() const override { return reads_; }
+    bool waitForPaste(std::uint64_t count, std::chrono::milliseconds) const override {
+        if (unread_ > 0) {
+            --unread_;
+            ++reads_;
+            const_cast<RecordingSession*>(this)->note("read " + held.value_or(""));
+        }
+        return reads_ > count;
+    }
+    std::optional<std::string> readText() override { return held; }
+
+  private:
+    void note(const std::string& what) { sent += (sent.empty() ? "" : " ") + what; }
+
+    bool ctrl_ = false;
+    mutable int unread_ = 0;
+    mutable std::uint64_t reads_ = 0;
+};
+
+TEST(WaylandInputInjectorTest, WhatTheLayoutLacksIsPastedAndTheClipboardPutBack) {
+    struct Row {
+        const char* what;
+        std::u32string text;
+        std::optional<std::string> held;
+        bool clipboard;
+        int readsPerPaste;
+        bool typed;
+        const char* sent;
+    };
+    const std::string paste = "Control_L↓ v↓ v↑ Control_L↑";
+    const Row rows[] = {
+        {"keys only", U"a!", "mine", true, 1, true, "a↓ a↑ exclam↓ exclam↑"},
+        {"a run is one paste", U"éà!", "mine", true, 1, true,
+         "offer éà CTRLV read éà offer mine exclam↓ exclam↑"},
+        {"an empty clipboard stays empty", U"日", std::nullopt, true, 1, true,
+         "offer 日 CTRLV read 日"},
+        {"a program that reads twice gets the paste twice", U"é", "mine", true, 2, true,
+         "offer é CTRLV read é read é offer mine"},
+        {"a program that never reads still gets its clipboard back", U"é", "mine", true, 0, true,
+         "offer é CTRLV offer mine"},
+        {"no clipboard, no way to type it", U"é", "mine", false, 1, false, ""},
+    };
+    const auto keymap = WaylandKeymap::fromText(keymapText("us"));
+    ASSERT_TRUE(keymap);
+    for (const auto& row : rows) {
+        auto session = std::make_shared<RecordingSession>();
+        session->held = row.held;
+        session->clipboard = row.clipboard;
+        session->readsPerPaste = row.readsPerPaste;
+        {
+            WaylandInputInjector injector([session] { return session; }, keymap);
+            bool typed = true;
+            for (const char32_t character : row.text) {
+                typed = injector.typeCharacter(character) && typed;
+            }
+            injector.flush();
+            EXPECT_EQ(typed, row.typed) << row.what;
+        }
+        std::string expected = row.sent;
+        if (const auto at = expected.find("CTRLV"); at != std::string::npos) {
+            expected.replace(at, 5, paste);
+        }
+        EXPECT_EQ(session->sent, expected) << row.what;
+    }
+}
+
+TEST(WaylandInputInjectorTest, APressLandsOnThePixelAndWhatIsHeldIsLetGoAtTheEnd) {
+    auto session = std::make_shared<RecordingSession>();
+    {
+        WaylandInputInjector injector([session] { return session; }, std::nullopt);
+        injector.movePointer(10, 20);
+        injector.setLeftButton(true);
+        injector.setKey(NamedKey::shift, true);
+    }
+    EXPECT_EQ(session->sent, "move 10.5,20.5 button↓ Shift_L↓ Shift_L↑ button↑");
 }
 
 }  // namespace

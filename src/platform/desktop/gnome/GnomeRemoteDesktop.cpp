@@ -168,11 +168,22 @@ std::optional<std::string> GnomeRemoteDesktop::unavailable(DBusSession& bus) {
             return std::string(name) + " is not on the session bus (not a GNOME session)";
         }
     }
-    const auto version = bus.property(kBusName, kRemoteDesktopPath, kRemoteDesktop, "Version");
-    const auto* value = std::get_if<Variant>(&version);
-    if (value == nullptr || !g_variant_is_of_type(value->get(), G_VARIANT_TYPE_INT32) ||
-        g_variant_get_int32(value->get()) < 1) {
-        return std::string("GNOME's remote desktop interface has no usable version");
+    const struct {
+        const char* bus;
+        const char* path;
+        const char* interface;
+        const char* what;
+    } interfaces[] = {
+        {kBusName, kRemoteDesktopPath, kRemoteDesktop, "remote desktop"},
+        {kScreenCastBus, kScreenCastPath, kScreenCast, "screen cast"},
+    };
+    for (const auto& [name, path, interface, what] : interfaces) {
+        const auto version = bus.property(name, path, interface, "Version");
+        const auto* value = std::get_if<Variant>(&version);
+        if (value == nullptr || !g_variant_is_of_type(value->get(), G_VARIANT_TYPE_INT32) ||
+            g_variant_get_int32(value->get()) < 1) {
+            return std::string("GNOME's ") + what + " interface has no usable version";
+        }
     }
     return std::nullopt;
 }
@@ -309,8 +320,10 @@ std::variant<std::shared_ptr<GnomeRemoteDesktop>, std::string> GnomeRemoteDeskto
             gboolean here = FALSE;
             g_variant_lookup(options, "session-is-owner", "b", &here);
             std::vector<std::string> types;
+            // Mutter sends the list wrapped in a tuple, "(as)"; a bare "as" is read as well.
             GVariantIter* iterator = nullptr;
-            if (g_variant_lookup(options, "mime-types", "as", &iterator)) {
+            if (g_variant_lookup(options, "mime-types", "(as)", &iterator) ||
+                g_variant_lookup(options, "mime-types", "as", &iterator)) {
                 const gchar* type = nullptr;
                 while (g_variant_iter_next(iterator, "&s", &type)) {
                     types.emplace_back(type);
@@ -455,7 +468,7 @@ std::optional<std::string> GnomeRemoteDesktop::readText() {
     {
         std::lock_guard lock(shared_->mutex);
         if (shared_->ownedHere) {
-            return std::nullopt;
+            return shared_->offered;
         }
         for (const char* known : kTextTypes) {
             if (std::find(shared_->ownerTypes.begin(), shared_->ownerTypes.end(), known) !=

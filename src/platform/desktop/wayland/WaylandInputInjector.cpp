@@ -16,6 +16,9 @@ namespace {
 constexpr std::int32_t kLeftButton = 0x110;  // BTN_LEFT
 // How long a paste may take to reach the program that has the keyboard.
 constexpr auto kPasteTimeout = std::chrono::milliseconds(1000);
+// A program may read what is offered more than once for one paste (Qt reads it twice): the
+// clipboard is put back only once it has not been read for this long.
+constexpr auto kPasteSettle = std::chrono::milliseconds(100);
 
 void appendUtf8(std::string& out, char32_t c) {
     if (c < 0x80) {
@@ -162,7 +165,15 @@ void WaylandInputInjector::pastePending() {
     current_->setKeysym(XKB_KEY_v, false);
     current_->setKeysym(XKB_KEY_Control_L, false);
     current_->sync();
-    current_->waitForPaste(pastes, kPasteTimeout);
+    const auto deadline = std::chrono::steady_clock::now() + kPasteTimeout;
+    auto read = pastes;
+    auto wait = kPasteTimeout;
+    while (wait.count() > 0 && current_->waitForPaste(read, wait)) {
+        read = current_->pastes();
+        wait = std::min<std::chrono::milliseconds>(
+            kPasteSettle, std::chrono::duration_cast<std::chrono::milliseconds>(
+                              deadline - std::chrono::steady_clock::now()));
+    }
     if (previous) {
         current_->offerText(*previous);
     }

@@ -59,7 +59,8 @@ class RemoteDesktopSession {
     virtual std::uint64_t pastes() const = 0;
     // Waits until pastes() exceeds `count`, or for `timeout`; whether it did.
     virtual bool waitForPaste(std::uint64_t count, std::chrono::milliseconds timeout) const = 0;
-    // The desktop's clipboard, when another program holds text there.
+    // The desktop's clipboard text: what this session offered while it holds the clipboard, or
+    // what another program holds there; nothing when it holds no text.
     virtual std::optional<std::string> readText() = 0;
 };
 
