@@ -524,8 +524,8 @@ let sandbox;
 let device;
 let page;
 
-// The canvas's colour at the middle of each quadrant.
-const quadrants = () => page.evaluate(() => {
+// The canvas's colour at the middle of each quadrant, on the viewer's page or another's.
+const quadrants = (on = page) => on.evaluate(() => {
   const canvas = document.getElementById("screen");
   const context = canvas.getContext("2d");
   return [[0.25, 0.25], [0.75, 0.25], [0.25, 0.75], [0.75, 0.75]].map(([x, y]) =>
@@ -538,13 +538,13 @@ function nearest(colour) {
   return kPalette.reduce((best, candidate) => (distance(colour, candidate) < distance(colour, best) ? candidate : best));
 }
 
-async function expectPattern(codec) {
+async function expectPattern(codec, on = page) {
   const expected = device.colours(codec);
   const matches = (colours) => colours.every((colour, i) => nearest(colour) === expected[i] &&
     Math.hypot(...colour.map((c, j) => c - expected[i][j])) < 60);
   let seen = [];
   await waitFor(`the ${codec} pattern on the canvas`, async () => {
-    seen = await quadrants();
+    seen = await quadrants(on);
     return matches(seen);
   }).catch((error) => {
     throw new Error(`${error.message} (last seen ${JSON.stringify(seen)})`);
@@ -681,6 +681,25 @@ async function run() {
   await waitFor("frames again", async () => (await relay()).frames.received > later);
   await page.waitForFunction(() => Number(document.getElementById("stream-fps").dataset.value) > 0);
   ok("Start streaming starts them again");
+
+  if (device.desktop) {
+    // A still screen: nothing is sent after its last change, and a viewer who joins then still
+    // gets a key frame of it to start from.
+    device.desktop.tellRecorder("animate off");
+    await sleep(1000);
+    const stillAt = (await relay()).frames.received;
+    await sleep(2000);
+    const stillLater = (await relay()).frames.received;
+    check(stillLater === stillAt, `a still screen sent ${stillLater - stillAt} frames in 2 s`);
+    const second = await context.newPage();
+    await second.goto(`${base}/`);
+    // Its decoder shows nothing before a key frame: the pattern is the proof.
+    await second.locator("#stream-codec[data-value=h264]").waitFor();
+    await expectPattern("h264", second);
+    await second.close();
+    device.desktop.tellRecorder("animate on");
+    ok(`a still screen sends nothing in 2 s; a viewer who joins then gets a key frame of it`);
+  }
 
   if (device.restartCompositor) {
     const logged = device.logLines().length;
