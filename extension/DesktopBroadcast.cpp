@@ -185,7 +185,7 @@ Result firstThatOpens(const std::vector<DesktopBackend>& backends, Log& log, Ope
             return result;
         }
         if (backends.size() == 1) {
-            return result;
+            return backendName(backend) + ": " + *error;
         }
         if (index + 1 < backends.size()) {
             log.write("desktop: " + backendName(backend) + ": " + *error + " — trying " +
