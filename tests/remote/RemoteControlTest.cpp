@@ -161,8 +161,11 @@ struct RecordingDesktop : InputInjector, Pasteboard, DesktopShell, WindowCloser 
             joined += " " + name;
         }
         note("close" + joined);
-        return 2;
+        return windowsAskedToClose;
     }
+
+    // Absent: a desktop that offers no way to ask windows to close.
+    std::optional<std::size_t> windowsAskedToClose = 2;
 
     void note(std::string line) {
         std::lock_guard lock(mutex);
@@ -276,6 +279,7 @@ TEST_F(RemoteControlTest, KeysTextAndDesktopActionsAreCarriedOutOrRefusedWithARe
         {C::KillApp{"org.example.Editor.desktop"},
          {"close ExampleEditor org.example.Editor"},
          {std::nullopt, "2 windows asked to close"}},
+        {C::KillApp{"org.example.Missing"}, {}, refused("no installed application has this id")},
         {C::SetClipboard{std::string(1024 * 1024 + 1, 'x')}, {}, refused("larger than 1 MiB")},
         {C::PushMedia{"x.bin", "application/octet-stream", "not base64!"},
          {},
@@ -286,6 +290,10 @@ TEST_F(RemoteControlTest, KeysTextAndDesktopActionsAreCarriedOutOrRefusedWithARe
         EXPECT_EQ(got, calls) << Control{command}.name();
         EXPECT_EQ(result, outcome) << Control{command}.name();
     }
+
+    desktop_.windowsAskedToClose = std::nullopt;
+    EXPECT_EQ(run(C::KillApp{"org.example.Editor"}).second,
+              refused("this desktop offers no way to ask its windows to close"));
 
     const auto [calls, saved] = run(C::PushMedia{"../.hidden.txt", "text/plain", "aGk="});
     const auto path = desktop_.downloads / "hidden.txt";
