@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "velmorand/pipewire/FrameCopy.h"
@@ -115,13 +116,15 @@ TEST(WaylandKeymapTest, ALayoutTypesWhatItsFirstGroupHasUpToAltGr) {
 }
 
 // A session that writes down what it is sent, and plays the program with the keyboard: ctrl+v
-// makes it read the clipboard `readsPerPaste` times, one read each time the injector waits.
+// makes it read the clipboard `readsPerPaste` times, one read each time the injector waits; with
+// `copiedAtRead`, another program copies that text just after the first read.
 class RecordingSession : public RemoteDesktopSession {
   public:
     std::string sent;
     bool clipboard = true;
     std::optional<std::string> held;
     int readsPerPaste = 1;
+    std::optional<std::string> copiedAtRead;
 
     ScreenSize screenSize() const override { return {1920, 1080}; }
     SessionEnd ended() const override { return SessionEnd::none; }
@@ -151,7 +154,11 @@ class RecordingSession : public RemoteDesktopSession {
         if (unread_ > 0) {
             --unread_;
             ++reads_;
-            const_cast<RecordingSession*>(this)->note("read " + held.value_or(""));
+            auto& self = *const_cast<RecordingSession*>(this);
+            self.note("read " + held.value_or(""));
+            if (copiedAtRead) {
+                self.held = std::exchange(self.copiedAtRead, std::nullopt);
+            }
         }
         return reads_ > count;
     }
@@ -172,21 +179,31 @@ TEST(WaylandInputInjectorTest, WhatTheLayoutLacksIsPastedAndTheClipboardPutBack)
         std::optional<std::string> held;
         bool clipboard;
         int readsPerPaste;
+        std::optional<std::string> copiedAtRead;
         bool typed;
         const char* sent;
+        std::optional<std::string> heldAfter;
     };
     const std::string paste = "Control_L↓ v↓ v↑ Control_L↑";
+    const auto none = std::nullopt;
     const Row rows[] = {
-        {"keys only", U"a!", "mine", true, 1, true, "a↓ a↑ exclam↓ exclam↑"},
-        {"a run is one paste", U"éà!", "mine", true, 1, true,
-         "offer éà CTRLV read éà offer mine exclam↓ exclam↑"},
-        {"an empty clipboard stays empty", U"日", std::nullopt, true, 1, true,
-         "offer 日 CTRLV read 日"},
-        {"a program that reads twice gets the paste twice", U"é", "mine", true, 2, true,
-         "offer é CTRLV read é read é offer mine"},
-        {"a program that never reads still gets its clipboard back", U"é", "mine", true, 0, true,
-         "offer é CTRLV offer mine"},
-        {"no clipboard, no way to type it", U"é", "mine", false, 1, false, ""},
+        {"keys only", U"a!", "mine", true, 1, none, true, "a↓ a↑ exclam↓ exclam↑", "mine"},
+        {"a run is one paste", U"éà!", "mine", true, 1, none, true,
+         "offer éà CTRLV read éà offer mine exclam↓ exclam↑", "mine"},
+        // Four bytes of UTF-8 from U+10000 on.
+        {"beyond the first plane", U"\U00010000\U0001F600", "mine", true, 1, none, true,
+         "offer \xF0\x90\x80\x80\xF0\x9F\x98\x80 CTRLV read \xF0\x90\x80\x80\xF0\x9F\x98\x80 "
+         "offer mine",
+         "mine"},
+        {"nothing to put back: the paste stays", U"日", none, true, 1, none, true,
+         "offer 日 CTRLV read 日", "日"},
+        {"a program that reads twice gets the paste twice", U"é", "mine", true, 2, none, true,
+         "offer é CTRLV read é read é offer mine", "mine"},
+        {"a program that never reads still gets its clipboard back", U"é", "mine", true, 0, none,
+         true, "offer é CTRLV offer mine", "mine"},
+        {"what another program copied meanwhile is kept", U"é", "mine", true, 1, "theirs", true,
+         "offer é CTRLV read é", "theirs"},
+        {"no clipboard, no way to type it", U"é", "mine", false, 1, none, false, "", "mine"},
     };
     const auto keymap = WaylandKeymap::fromText(keymapText("us"));
     ASSERT_TRUE(keymap);
@@ -195,6 +212,7 @@ TEST(WaylandInputInjectorTest, WhatTheLayoutLacksIsPastedAndTheClipboardPutBack)
         session->held = row.held;
         session->clipboard = row.clipboard;
         session->readsPerPaste = row.readsPerPaste;
+        session->copiedAtRead = row.copiedAtRead;
         {
             WaylandInputInjector injector([session] { return session; }, keymap);
             bool typed = true;
@@ -209,6 +227,7 @@ TEST(WaylandInputInjectorTest, WhatTheLayoutLacksIsPastedAndTheClipboardPutBack)
             expected.replace(at, 5, paste);
         }
         EXPECT_EQ(session->sent, expected) << row.what;
+        EXPECT_EQ(session->held, row.heldAfter) << row.what;
     }
 }
 

@@ -446,8 +446,16 @@ void GnomeRemoteDesktop::offerText(std::string text) {
     for (const char* type : kTextTypes) {
         g_variant_builder_add(&types, "s", type);
     }
-    bus_->call(kBusName, session_, kRemoteDesktopSession, "SetSelection",
-               g_variant_new("(@a{sv})", vardict({{"mime-types", g_variant_builder_end(&types)}})));
+    const auto set = bus_->call(
+        kBusName, session_, kRemoteDesktopSession, "SetSelection",
+        g_variant_new("(@a{sv})", vardict({{"mime-types", g_variant_builder_end(&types)}})));
+    if (std::holds_alternative<DBusSession::Reply>(set)) {
+        // Ours from now on, not only once the compositor's signal says so: a paste that follows
+        // at once must not read the clipboard's previous owner.
+        std::lock_guard lock(shared_->mutex);
+        shared_->ownedHere = true;
+        shared_->ownerTypes.clear();
+    }
 }
 
 std::uint64_t GnomeRemoteDesktop::pastes() const {

@@ -159,7 +159,8 @@ void WaylandInputInjector::pastePending() {
     current_->sync();
     const auto previous = current_->readText();
     const auto pastes = current_->pastes();
-    current_->offerText(std::exchange(pending_, {}));
+    const std::string pasted = std::exchange(pending_, {});
+    current_->offerText(pasted);
     current_->setKeysym(XKB_KEY_Control_L, true);
     current_->setKeysym(XKB_KEY_v, true);
     current_->setKeysym(XKB_KEY_v, false);
@@ -174,7 +175,8 @@ void WaylandInputInjector::pastePending() {
             kPasteSettle, std::chrono::duration_cast<std::chrono::milliseconds>(
                               deadline - std::chrono::steady_clock::now()));
     }
-    if (previous) {
+    // Unless someone took the clipboard meanwhile (a program at the device copying): theirs stays.
+    if (previous && current_->readText() == pasted) {
         current_->offerText(*previous);
     }
 }
