@@ -104,7 +104,10 @@ struct PipeWireScreenCapture::Loop {
     pw_core_events coreEvents{};
     pw_stream_events streamEvents{};
 
-    ~Loop() {
+    ~Loop() { close(); }
+
+    // Stops the thread; until it holds the lock, a callback may still be running on it.
+    void close() {
         if (thread == nullptr) {
             return;
         }
@@ -122,15 +125,16 @@ struct PipeWireScreenCapture::Loop {
         if (context != nullptr) {
             pw_context_destroy(context);
         }
-        pw_thread_loop_destroy(thread);
+        pw_thread_loop_destroy(std::exchange(thread, nullptr));
     }
 };
 
 PipeWireScreenCapture::PipeWireScreenCapture() : loop_(std::make_unique<Loop>()) {}
 
 PipeWireScreenCapture::~PipeWireScreenCapture() {
-    // The loop's thread is stopped before the buffers it fills go.
-    loop_.reset();
+    // The loop's thread is stopped before the buffers it fills go, and while a callback that is
+    // still running can reach the loop: unique_ptr::reset clears the pointer before it destroys.
+    loop_->close();
 }
 
 std::variant<std::unique_ptr<ScreenCapture>, CaptureError> PipeWireScreenCapture::open(
