@@ -46,6 +46,18 @@ TEST_F(ConfigFixture, SavingReplacesTheItemByDeleteThenAdd) {
     shared.saveKeychain(paired("B"));
     EXPECT_EQ(keychain.items.size(), 2u);
     EXPECT_EQ(shared.loadKeychain(), paired("B"));
+    // What another reader of the shared group asks for: a generic password of that service,
+    // readable once the device was first unlocked, and never carried to another device.
+    auto mirror = keychain.items.back();
+    mirror.erase(std::string(keychain::kValueData));
+    EXPECT_EQ(mirror,
+              (KeychainAttributes{
+                  {std::string(keychain::kClass), text("genp")},
+                  {std::string(keychain::kService), text("co.velmorand.connect.config")},
+                  {std::string(keychain::kAccount), text("sharedConfig")},
+                  {std::string(keychain::kAccessGroup), text("TEAM123.co.velmorand.shared")},
+                  {std::string(keychain::kAccessible), text("cku")},
+              }));
 
     // A record that cannot be written as JSON leaves the mirror alone.
     Values notANumber = paired("C");

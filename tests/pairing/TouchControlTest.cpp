@@ -45,6 +45,7 @@ TEST(TouchControl, TheStatusCheckSetsOnlyTheTouchControlLine) {
         {active, answer(200, R"({"value":{"ready":true}})"), "Touch control: active", false},
         {active, answer(200, R"({"value":{"ready":false}})"), kStopped, false},
         {active, answer(200, R"({"value":{"ready":1}})"), kStopped, false},
+        {active, answer(200, "<html>not JSON</html>"), kStopped, false},
     };
     testing::PairingHarness h;
     h.update([](auto& values) { values.accessKey = "K"; });

@@ -20,6 +20,8 @@ TEST(TextTest, TrimmedRemovesUnicodeWhiteSpaceAtBothEnds) {
     for (const auto& [input, expected] : cases) {
         EXPECT_EQ(trimmed(input), expected) << input;
     }
+    // A view that ends inside white space: nothing past its end is read.
+    EXPECT_EQ(trimmed(std::string_view("      ").substr(0, 3)), "");
 }
 
 TEST(TextTest, IsValidUtf8) {
