@@ -38,6 +38,20 @@ void appendUtf8(std::string& out, char32_t c) {
     }
 }
 
+// Returns once the program that pastes has stopped reading what was offered (`before`: the reads
+// so far): the first read may come within kPasteTimeout, each further one within kPasteSettle of
+// the last, and all of it within kPasteTimeout.
+void awaitLastRead(const RemoteDesktopSession& session, std::uint64_t before) {
+    const auto deadline = std::chrono::steady_clock::now() + kPasteTimeout;
+    auto wait = kPasteTimeout;
+    while (wait.count() > 0 && session.waitForPaste(before, wait)) {
+        before = session.pastes();
+        wait = std::min<std::chrono::milliseconds>(
+            kPasteSettle, std::chrono::duration_cast<std::chrono::milliseconds>(
+                              deadline - std::chrono::steady_clock::now()));
+    }
+}
+
 }  // namespace
 
 WaylandInputInjector::WaylandInputInjector(Session session, std::optional<WaylandKeymap> keymap)
@@ -166,15 +180,7 @@ void WaylandInputInjector::pastePending() {
     current_->setKeysym(XKB_KEY_v, false);
     current_->setKeysym(XKB_KEY_Control_L, false);
     current_->sync();
-    const auto deadline = std::chrono::steady_clock::now() + kPasteTimeout;
-    auto read = pastes;
-    auto wait = kPasteTimeout;
-    while (wait.count() > 0 && current_->waitForPaste(read, wait)) {
-        read = current_->pastes();
-        wait = std::min<std::chrono::milliseconds>(
-            kPasteSettle, std::chrono::duration_cast<std::chrono::milliseconds>(
-                              deadline - std::chrono::steady_clock::now()));
-    }
+    awaitLastRead(*current_, pastes);
     // Unless someone took the clipboard meanwhile (a program at the device copying): theirs stays.
     if (previous && current_->readText() == pasted) {
         current_->offerText(*previous);
