@@ -32,6 +32,8 @@ string(JOIN ", " CPACK_DEBIAN_PACKAGE_DEPENDS
   qml6-module-qtquick-window qml6-module-qt-labs-folderlistmodel qml6-module-qtmultimedia
   gstreamer1.0-plugins-base xdg-utils)
 # Wayland desktops: the window's platform plug-in, and the portal that asks the person at the
-# device before the screen is shared.
-string(JOIN ", " CPACK_DEBIAN_PACKAGE_RECOMMENDS qt6-wayland xdg-desktop-portal)
+# device before the screen is shared. Peer-to-peer video: GStreamer's WebRTC, RTP and ICE
+# plug-ins (without them the device tells the service it cannot, and streams through the relay).
+string(JOIN ", " CPACK_DEBIAN_PACKAGE_RECOMMENDS qt6-wayland xdg-desktop-portal
+  gstreamer1.0-plugins-bad gstreamer1.0-plugins-good gstreamer1.0-nice)
 include(CPack)

@@ -7,8 +7,7 @@ DesktopEnvironment::DesktopEnvironment(const DesktopLocations& locations)
       bundle(DesktopBundle::resolveDirectory(locations.bundleDir, bundleBesideProgram())),
       settings(root),
       keychain(root, bundle.resource("embedded", "mobileprovision")),
-      groupContainers(root),
-      classLookup(bundle.installDirectory() / "Frameworks") {}
+      groupContainers(root) {}
 
 std::filesystem::path DesktopEnvironment::bundleBesideProgram() {
     std::error_code error;

@@ -7,7 +7,7 @@
 #include "velmorand/desktop/DesktopBundle.h"
 #include "velmorand/desktop/DesktopKeychain.h"
 #include "velmorand/desktop/DesktopSettingsStores.h"
-#include "velmorand/desktop/FrameworkClassLookup.h"
+#include "velmorand/gst/GstClassLookup.h"
 
 namespace velmorand {
 
@@ -32,7 +32,7 @@ class DesktopEnvironment {
     DesktopSettingsStores settings;
     DesktopKeychain keychain;
     DesktopGroupContainers groupContainers;
-    FrameworkClassLookup classLookup;
+    GstClassLookup classLookup;
 };
 
 }  // namespace velmorand
