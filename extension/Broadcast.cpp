@@ -18,12 +18,30 @@ Broadcast::Broadcast(Services services, std::function<void(int exitStatus)> stop
       openRemoteControl_(std::move(services.openRemoteControl)),
       clock_(services.clock ? std::move(services.clock) : [] { return Clock::now(); }),
       stop_(std::move(stop)),
-      status_(services.status) {
+      status_(services.status),
+      peers_(PeerSessions::Services{
+          .mainQueue = mainQueue_,
+          .log = log_,
+          .makePeer = std::move(services.makePeer),
+          .signal = [&client = client_](
+                        const std::string& message) { client.transmit(message, std::nullopt); },
+          .requestKeyFrame =
+              [this] {
+                  if (stream_) {
+                      stream_->requestKeyFrame();
+                  }
+              },
+          .streamIsH264 =
+              [this] { return settings_ && settings_->config().encode.codec == "h264"; },
+          .fanOut = services.peers,
+      }) {
     attach();
 }
 
-// The stream's and the remote control's threads are joined before the rest goes.
+// The stream's and the remote control's threads are joined before the rest goes, and the peers
+// close before the stream that feeds them.
 Broadcast::~Broadcast() {
+    peers_.closeAll(std::nullopt);
     stream_.reset();
     remoteControl_.reset();
 }
@@ -131,7 +149,14 @@ void Broadcast::scheduleReopen() {
     });
 }
 
+void Broadcast::endPeersUnlessH264() {
+    if (settings_->config().encode.codec != "h264") {
+        peers_.closeAll("the stream switched to JPEG");
+    }
+}
+
 void Broadcast::applySettings() {
+    endPeersUnlessH264();
     const auto config = settings_->config();
     if (stream_) {
         stream_->configure(config);
@@ -166,6 +191,7 @@ ScreenStream::Events Broadcast::streamEvents() {
                 mainQueue.post([self] {
                     if (const auto alive = self.lock()) {
                         (*alive)->settings_->fallBackToJpeg();
+                        (*alive)->endPeersUnlessH264();
                     }
                 });
             },
@@ -189,6 +215,7 @@ void Broadcast::attach() {
     };
     client_.onLinkLost = [this] {
         endCommands("the relay link was lost");
+        peers_.relayLost();
         status_.connecting();
     };
     client_.onLatencyProbe = [this](const std::optional<std::string>& viewerId) {
@@ -225,6 +252,7 @@ void Broadcast::attach() {
         }
         if (!streaming) {
             endCommands("the last viewer left");
+            peers_.closeAll(std::nullopt);
         }
     };
     client_.onRequestIdr = [this] {
@@ -265,9 +293,7 @@ void Broadcast::attach() {
     client_.onRelayQos = [this](double congestion) {
         notices_.write("relay_qos", EventLines::relayQos(congestion));
     };
-    client_.onWebRtcSignal = [this](const nlohmann::json& message) {
-        notices_.write("webrtc", EventLines::webRtcSignal(message));
-    };
+    client_.onWebRtcSignal = [this](const nlohmann::json& message) { peers_.handle(message); };
     // The client would retry the same token forever; only a new pairing can help. Stopping
     // waits for the client to finish handling the close.
     client_.onAuthRejected = [this] {

@@ -10,8 +10,10 @@
 #include "velmorand/codec/TurboJpegCompressor.h"
 #include "velmorand/codec/X264CompressionSession.h"
 #include "velmorand/dbus/DBusSession.h"
+#include "velmorand/extension/WebRtcLoad.h"
 #include "velmorand/gio/GioDesktopShell.h"
 #include "velmorand/gnome/GnomeRemoteDesktop.h"
+#include "velmorand/gst/GstPeerConnection.h"
 #include "velmorand/pipewire/PipeWireScreenCapture.h"
 #include "velmorand/platform/Log.h"
 #include "velmorand/portal/PortalRemoteDesktop.h"
@@ -197,6 +199,15 @@ Result firstThatOpens(const std::vector<DesktopBackend>& backends, Log& log, Ope
 }
 
 }  // namespace
+
+std::variant<PeerConnectionFactory, std::string> desktopPeers(SettingsStore& shared) {
+    if (auto reason = WebRtcLoad::attempt(shared, GstPeerConnection::loadPlugins)) {
+        return *reason;
+    }
+    const char* loopback = std::getenv("VELMORAND_ICE_LOOPBACK");
+    return GstPeerConnection::factory(
+        {.loopback = loopback != nullptr && std::string_view(loopback) == "1"});
+}
 
 DesktopFacts desktopFacts(const std::optional<std::string>& forced) {
     const auto variable = [](const char* name) {

@@ -238,11 +238,4 @@ std::string EventLines::restored(std::int64_t fps) {
     return "stream: viewers keep up again — back to " + std::to_string(fps) + " fps";
 }
 
-std::string EventLines::webRtcSignal(const nlohmann::json& message) {
-    const auto type = message.find("type");
-    const std::string name =
-        type != message.end() && type->is_string() ? quoted(type->get<std::string>()) : "(none)";
-    return "webrtc: " + name + " (no WebRTC in this desktop build)";
-}
-
 }  // namespace velmorand::extension

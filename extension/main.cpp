@@ -96,7 +96,8 @@ void startIndicator(const std::filesystem::path& container) {
 // One broadcast, until it is stopped or the relay refuses its token; in the supervisor's child.
 int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& log,
                  const SharedConfig::Values& values, const RelayBase& base, PortalGrantStore grants,
-                 const BroadcastControl& control, const BroadcastState& start) {
+                 const BroadcastControl& control, const BroadcastState& start,
+                 SettingsStore& shared) {
     QCoreApplication application(argc, argv);
     QtMainQueue mainQueue;
     auto client =
@@ -107,7 +108,12 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& lo
                                                 .random = {}});
     client->setReconnectPolicy(options.reconnect);
     RelayFrameSink frames(*client);
-    auto desktop = desktopServices(desktopFacts(options.desktop), frames, log, std::move(grants));
+    PeerFanOut peers(frames);
+    auto desktop = desktopServices(desktopFacts(options.desktop), peers, log, std::move(grants));
+    auto peerFactory = desktopPeers(shared);
+    if (auto* reason = std::get_if<std::string>(&peerFactory)) {
+        log.write("webrtc: no peer-to-peer video: " + *reason);
+    }
     if (options.viewOnly) {
         desktop.shareScreen();
     }
@@ -122,7 +128,11 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& lo
          .openRemoteControl = options.viewOnly ? Broadcast::RemoteControlOpener()
                                                : std::move(desktop.openRemoteControl),
          .clock = {},
-         .status = status},
+         .status = status,
+         .peers = peers,
+         .makePeer = std::holds_alternative<PeerConnectionFactory>(peerFactory)
+                         ? std::get<PeerConnectionFactory>(std::move(peerFactory))
+                         : PeerConnectionFactory()},
         [](int status) { QCoreApplication::exit(status); });
     bool stopped = false;
     StopSignals stopSignals([&log, &stopped](int signal) {
@@ -158,6 +168,9 @@ int runExtension(int argc, char** argv, const ExtensionOptions& options) {
     const AppGroup appGroup(environment.bundle);
     const SharedConfig config(environment.settings, environment.keychain, appGroup);
     const auto values = config.load();
+    // The WebRTC load marker lives where the pairing probe looks for it.
+    const auto groupStore = config.groupStore();
+    SettingsStore* sharedStore = groupStore ? groupStore.get() : &config.standardStore();
     for (const auto& secret : {values.deviceToken, values.accessKey}) {
         if (secret) {
             log.addSecret(*secret);
@@ -200,7 +213,8 @@ int runExtension(int argc, char** argv, const ExtensionOptions& options) {
     const int status = Supervisor().run(
         log,
         [&] {
-            return runBroadcast(argc, argv, options, log, values, *base, grants, control, start);
+            return runBroadcast(argc, argv, options, log, values, *base, grants, control, start,
+                                *sharedStore);
         },
         [&publish](const std::string& why) { publish(BroadcastState::Phase::restarting, why); });
     publish(BroadcastState::Phase::stopped, "");

@@ -6,6 +6,7 @@
 #include "ManualMainQueue.h"
 #include "RecordingLog.h"
 #include "velmorand/extension/EventLines.h"
+#include "velmorand/extension/RelayFrameSink.h"
 #include "velmorand/relay/RelayClient.h"
 
 namespace velmorand::extension {
@@ -63,6 +64,8 @@ class BroadcastTest : public ::testing::Test {
                                            .detail = ""},
                             [this](const BroadcastState& state) { published_.push_back(state); },
                             [this] { return nowMs_; }, queue_};
+    RelayFrameSink frames_{*client_};
+    PeerFanOut peers_{frames_};
     Broadcast broadcast_{
         {.client = *client_,
          .log = log_,
@@ -75,7 +78,9 @@ class BroadcastTest : public ::testing::Test {
          },
          .openRemoteControl = {},
          .clock = [] { return Broadcast::Clock::time_point{}; },
-         .status = status_},
+         .status = status_,
+         .peers = peers_,
+         .makePeer = {}},
         [](int) {}};
     std::shared_ptr<testing::FakeWebSocketTask> task_;
     std::size_t seen_ = 0;
@@ -117,8 +122,9 @@ TEST_F(BroadcastTest, EachViewerEventIsLoggedAndStreamRequestsApplyToTheLiveSett
         {R"({"type":"stream_control"})", {"stream_control: on"}},
         {R"({"type":"request_idr"})", {"request_idr: key frame requested"}},
         {R"({"type":"relay_qos","congestion":0.75})", {"relay_qos: congestion=0.75"}},
-        {R"({"type":"webrtc_offer","sdp":"v=0 secret-ish body"})",
-         {R"(webrtc: "webrtc_offer" (no WebRTC in this desktop build))"}},
+        // The offer's body stays out of the log.
+        {R"({"type":"webrtc_offer","viewerId":"v1","sdp":"v=0 secret-ish body"})",
+         {"webrtc: viewer v1: this device cannot stream peer-to-peer — it stays on relay frames"}},
     };
     for (const auto& [frame, lines] : cases) {
         EXPECT_EQ(deliver({frame}), lines) << frame;

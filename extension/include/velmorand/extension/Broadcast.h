@@ -11,6 +11,8 @@
 #include "velmorand/config/RelayBase.h"
 #include "velmorand/extension/BroadcastStatus.h"
 #include "velmorand/extension/NoticeThrottle.h"
+#include "velmorand/peer/PeerFanOut.h"
+#include "velmorand/peer/PeerSessions.h"
 #include "velmorand/remote/RemoteControl.h"
 #include "velmorand/stream/LiveSettings.h"
 #include "velmorand/stream/ScreenStream.h"
@@ -54,6 +56,10 @@ class Broadcast {
         std::function<Clock::time_point()> clock;
         // Told what people should see of the broadcast.
         BroadcastStatus& status;
+        // The stream's sink, which feeds viewers' peer connections beside the relay.
+        PeerFanOut& peers;
+        // Empty: no peer-to-peer video, and viewers' offers are refused.
+        PeerConnectionFactory makePeer;
     };
     // How often viewers that went silent are forgotten.
     static constexpr MainQueue::Duration kStatusRefresh{5.0};
@@ -82,6 +88,8 @@ class Broadcast {
     void applySettings();
     // The viewers are gone: what they asked for and has not been done yet is dropped.
     void endCommands(std::string_view why);
+    // Peers can carry nothing but H.264: when the stream leaves it, they go back to the relay.
+    void endPeersUnlessH264();
     ScreenStream::Events streamEvents();
 
     RelayClient& client_;
@@ -100,6 +108,7 @@ class Broadcast {
     // Viewers want the stream: it was asked for and not stopped since.
     bool streamWanted_ = false;
     BroadcastStatus& status_;
+    PeerSessions peers_;
     std::shared_ptr<WorkItem> statusRefresh_;
     std::shared_ptr<WorkItem> reopen_;
     MainQueue::Duration reopenDelay_ = kFirstReopenDelay;

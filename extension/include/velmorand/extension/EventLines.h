@@ -74,8 +74,6 @@ class EventLines {
     static std::string slowedDown(std::int64_t decodeQueue, double lossPct, std::int64_t fromFps,
                                   std::int64_t toFps);
     static std::string restored(std::int64_t fps);
-    // The signal's type only; its body (SDP, candidates) stays out of the log.
-    static std::string webRtcSignal(const nlohmann::json& message);
 
     // `text` as a JSON string literal.
     static std::string quoted(std::string_view text);
