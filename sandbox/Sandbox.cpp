@@ -10,6 +10,7 @@
 #include <QHttpServerRequest>
 #include <QHttpServerResponder>
 #include <QHttpServerResponse>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QPointer>
@@ -66,14 +67,17 @@ QJsonDocument errorDocument(const QString& message) {
 
 // The viewer page's files, compiled in from viewer/; the page carries the run's viewer token.
 QHttpServerResponse viewerFile(const QString& name, const QByteArray& mimeType,
-                               const std::string& viewerToken = {}) {
+                               const std::string& viewerToken = {}, bool webrtc = false) {
     QFile file(QStringLiteral(":/velmorand/sandbox/viewer/") + name);
     if (!file.open(QIODevice::ReadOnly)) {
         return errorResponse(QStringLiteral("Missing ") + name, Status::InternalServerError);
     }
-    QHttpServerResponse response(mimeType,
-                                 file.readAll().replace(QByteArrayLiteral("{{VIEWER_TOKEN}}"),
-                                                        QByteArray::fromStdString(viewerToken)));
+    QHttpServerResponse response(
+        mimeType,
+        file.readAll()
+            .replace(QByteArrayLiteral("{{VIEWER_TOKEN}}"), QByteArray::fromStdString(viewerToken))
+            .replace(QByteArrayLiteral("{{WEBRTC}}"),
+                     webrtc ? QByteArrayLiteral("on") : QByteArrayLiteral("off")));
     // Everything the page needs is served here; nothing may come from elsewhere.
     response.setHeader(QByteArrayLiteral("Content-Security-Policy"),
                        QByteArrayLiteral("default-src 'self'"));
@@ -302,7 +306,8 @@ class Sandbox::Impl {
                 return std::move(*refused);
             }
             return viewerFile(QStringLiteral("index.html"),
-                              QByteArrayLiteral("text/html; charset=utf-8"), viewerToken_);
+                              QByteArrayLiteral("text/html; charset=utf-8"), viewerToken_,
+                              options_.webrtc);
         });
         service_.route(QStringLiteral("/viewer.js"), Method::Get, [] {
             return viewerFile(QStringLiteral("viewer.js"),
@@ -344,6 +349,16 @@ class Sandbox::Impl {
             {QStringLiteral("deviceConnections"), static_cast<qint64>(relay_.deviceConnections())},
             {QStringLiteral("devicePongs"), static_cast<qint64>(relay_.pongs())},
         };
+        QJsonArray viewers;
+        for (const auto& viewer : relay_.viewerStates()) {
+            viewers.append(QJsonObject{
+                {QStringLiteral("id"), QString::fromStdString(viewer.id)},
+                {QStringLiteral("path"),
+                 viewer.peerToPeer ? QStringLiteral("peer-to-peer") : QStringLiteral("relay")},
+                {QStringLiteral("framesForwarded"), static_cast<qint64>(viewer.forwarded)},
+            });
+        }
+        state[QStringLiteral("viewerPaths")] = viewers;
         const auto& frames = relay_.frameCounts();
         state[QStringLiteral("frames")] = QJsonObject{
             {QStringLiteral("received"), static_cast<qint64>(frames.received)},
@@ -391,7 +406,8 @@ class Sandbox::Impl {
             {QStringLiteral("relayWsUrl"), QString::fromStdString(relayWsUrl())},
             {QStringLiteral("deviceId"), device.id},
             {QStringLiteral("deviceName"), device.name},
-            {QStringLiteral("webrtcEnabled"), false},
+            {QStringLiteral("webrtcEnabled"),
+             options_.webrtc && body->value(QStringLiteral("webrtc")).toBool()},
         });
     }
 

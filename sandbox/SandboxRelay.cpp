@@ -45,6 +45,25 @@ QWebSocketProtocol::CloseCode closeCode(int code) {
     return static_cast<QWebSocketProtocol::CloseCode>(code);
 }
 
+// A signalling message's JSON object; absent for anything else.
+std::optional<QJsonObject> signalOf(const QByteArray& payload) {
+    if (!payload.contains("webrtc_")) {
+        return std::nullopt;
+    }
+    const auto document = QJsonDocument::fromJson(payload);
+    if (!document.isObject() || !document.object()
+                                     .value(QStringLiteral("type"))
+                                     .toString()
+                                     .startsWith(QLatin1String("webrtc_"))) {
+        return std::nullopt;
+    }
+    return document.object();
+}
+
+QByteArray compact(const QJsonObject& object) {
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
 bool isPing(const QByteArray& payload) {
     const auto document = QJsonDocument::fromJson(payload);
     return document.isObject() &&
@@ -136,6 +155,11 @@ void SandboxRelay::acceptDevice(QWebSocket* socket) {
     for (Viewer& viewer : viewers_) {
         viewer.needsKeyFrame = true;
     }
+    relayViewersTold_ = false;
+    if (std::any_of(viewers_.begin(), viewers_.end(),
+                    [](const Viewer& viewer) { return viewer.peerToPeer; })) {
+        tellRelayViewers();
+    }
     QObject::connect(socket, &QWebSocket::textMessageReceived, &context_,
                      [this, socket](const QString& text) {
                          if (socket == device_) {
@@ -196,13 +220,17 @@ void SandboxRelay::acceptViewer(QWebSocket* socket) {
         return;
     }
     socket->setMaxAllowedIncomingMessageSize(kMaxViewerMessage);
-    viewers_.push_back(Viewer{socket});
-    QObject::connect(socket, &QWebSocket::textMessageReceived, &context_,
-                     [this](const QString& text) { fromViewer(text.toUtf8(), false); });
+    viewers_.push_back(Viewer{.socket = socket, .id = "v" + std::to_string(nextViewerNumber_++)});
+    QObject::connect(
+        socket, &QWebSocket::textMessageReceived, &context_,
+        [this, socket](const QString& text) { fromViewer(socket, text.toUtf8(), false); });
     QObject::connect(socket, &QWebSocket::binaryMessageReceived, &context_,
-                     [this](const QByteArray& bytes) { fromViewer(bytes, true); });
+                     [this, socket](const QByteArray& bytes) { fromViewer(socket, bytes, true); });
     if (device_ == nullptr) {
         return;
+    }
+    if (relayViewersTold_) {
+        tellRelayViewers();
     }
     if (viewers_.size() == 1) {
         send(device_, kNeedStream, false);
@@ -211,7 +239,18 @@ void SandboxRelay::acceptViewer(QWebSocket* socket) {
     }
 }
 
-void SandboxRelay::fromViewer(const QByteArray& payload, bool binary) {
+SandboxRelay::Viewer* SandboxRelay::viewerOf(QWebSocket* socket) {
+    const auto it = std::find_if(viewers_.begin(), viewers_.end(), [socket](const Viewer& viewer) {
+        return viewer.socket == socket;
+    });
+    return it == viewers_.end() ? nullptr : &*it;
+}
+
+void SandboxRelay::fromViewer(QWebSocket* socket, const QByteArray& payload, bool binary) {
+    Viewer* viewer = viewerOf(socket);
+    if (viewer == nullptr) {
+        return;
+    }
     if (device_ != nullptr) {
         device_->flush();
         if (device_->bytesToWrite() > kMaxDeviceBacklog) {
@@ -220,7 +259,7 @@ void SandboxRelay::fromViewer(const QByteArray& payload, bool binary) {
         if (!binary && isPing(payload)) {
             ++viewerPings_;
         }
-        send(device_, payload, binary);
+        send(device_, binary ? payload : signalFromViewer(*viewer, payload), binary);
         return;
     }
     for (const Viewer& viewer : viewers_) {
@@ -228,9 +267,83 @@ void SandboxRelay::fromViewer(const QByteArray& payload, bool binary) {
     }
 }
 
+QByteArray SandboxRelay::signalFromViewer(Viewer& viewer, const QByteArray& payload) {
+    auto signal = signalOf(payload);
+    if (!signal) {
+        return payload;
+    }
+    // The relay names the viewer: a page cannot speak for another.
+    signal->insert(QStringLiteral("viewerId"), QString::fromStdString(viewer.id));
+    const QString type = signal->value(QStringLiteral("type")).toString();
+    if (type == QLatin1String("webrtc_offer")) {
+        viewer.offered = true;
+    } else if (type == QLatin1String("webrtc_close")) {
+        setPeerToPeer(viewer, false);
+    }
+    return compact(*signal);
+}
+
+bool SandboxRelay::routedSignal(const QByteArray& payload) {
+    const auto signal = signalOf(payload);
+    if (!signal) {
+        return false;
+    }
+    const std::string id = signal->value(QStringLiteral("viewerId")).toString().toStdString();
+    const auto viewer = std::find_if(viewers_.begin(), viewers_.end(),
+                                     [&id](const Viewer& v) { return v.id == id; });
+    if (viewer == viewers_.end()) {
+        return true;
+    }
+    const QString type = signal->value(QStringLiteral("type")).toString();
+    if (type == QLatin1String("webrtc_connected")) {
+        setPeerToPeer(*viewer, true);
+    } else if (type == QLatin1String("webrtc_error")) {
+        setPeerToPeer(*viewer, false);
+    }
+    send(viewer->socket, payload, false);
+    return true;
+}
+
+void SandboxRelay::setPeerToPeer(Viewer& viewer, bool peerToPeer) {
+    if (viewer.peerToPeer == peerToPeer) {
+        return;
+    }
+    viewer.peerToPeer = peerToPeer;
+    tellRelayViewers();
+    if (!peerToPeer) {
+        // Back on relay frames, it has nothing to decode until a key frame.
+        viewer.needsKeyFrame = true;
+        requestKeyFrame();
+    }
+}
+
+void SandboxRelay::tellRelayViewers() {
+    if (device_ == nullptr) {
+        return;
+    }
+    relayViewersTold_ = true;
+    const auto count = std::count_if(viewers_.begin(), viewers_.end(),
+                                     [](const Viewer& viewer) { return !viewer.peerToPeer; });
+    send(device_,
+         compact(QJsonObject{{QStringLiteral("type"), QStringLiteral("webrtc_relay_viewers")},
+                             {QStringLiteral("count"), static_cast<qint64>(count)}}),
+         false);
+}
+
+std::vector<SandboxRelay::ViewerState> SandboxRelay::viewerStates() const {
+    std::vector<ViewerState> states;
+    for (const Viewer& viewer : viewers_) {
+        states.push_back({viewer.id, viewer.peerToPeer, viewer.forwarded});
+    }
+    return states;
+}
+
 void SandboxRelay::fromDevice(const QByteArray& payload, bool binary) {
     if (binary) {
         frameFromDevice(payload);
+        return;
+    }
+    if (routedSignal(payload)) {
         return;
     }
     if (payload == kPong) {
@@ -259,6 +372,9 @@ void SandboxRelay::frameFromDevice(const QByteArray& frame) {
     budget_.sent(frame.size(), header->keyFrame);
     bool fellBehind = false;
     for (Viewer& viewer : viewers_) {
+        if (viewer.peerToPeer) {
+            continue;
+        }
         // What the kernel would not take yet, not what merely waits for the next turn of the loop.
         viewer.socket->flush();
         const qint64 unwritten = viewer.socket->bytesToWrite();
@@ -274,6 +390,7 @@ void SandboxRelay::frameFromDevice(const QByteArray& frame) {
         }
         viewer.needsKeyFrame = false;
         viewer.socket->sendBinaryMessage(frame);
+        ++viewer.forwarded;
         ++frames_.forwarded;
     }
     if (fellBehind) {
@@ -325,9 +442,22 @@ void SandboxRelay::forget(QWebSocket* socket) {
     if (viewer == viewers_.end()) {
         return;
     }
+    const bool offered = viewer->offered;
+    const std::string id = viewer->id;
     viewers_.erase(viewer);
-    if (viewers_.empty() && device_ != nullptr) {
+    if (device_ == nullptr) {
+        return;
+    }
+    if (offered) {
+        send(device_,
+             compact(QJsonObject{{QStringLiteral("type"), QStringLiteral("webrtc_close")},
+                                 {QStringLiteral("viewerId"), QString::fromStdString(id)}}),
+             false);
+    }
+    if (viewers_.empty()) {
         send(device_, kStopStreaming, false);
+    } else if (relayViewersTold_) {
+        tellRelayViewers();
     }
 }
 

@@ -28,6 +28,13 @@ namespace velmorand::sandbox {
 // viewer whose link falls behind, like one that has just joined, gets nothing until a key frame,
 // and the device is asked for one. The stream starts with the first viewer and stops with the
 // last. Lives on the thread of the service that hands it sockets.
+//
+// Peer-to-peer signalling is routed: a viewer's "webrtc_*" message reaches the device with the
+// relay's own name for that viewer as "viewerId", and the device's reach only the viewer they
+// name. A viewer whose peer connection is up ("webrtc_connected") gets no frames from here until
+// it ends ("webrtc_error" from the device, "webrtc_close" from the viewer); once any viewer went
+// peer-to-peer, the device hears how many still take frames here ("webrtc_relay_viewers"), and
+// a viewer that offered and leaves is closed for it ("webrtc_close").
 class SandboxRelay {
   public:
     using TokenCheck = std::function<bool(std::string_view token)>;
@@ -74,6 +81,14 @@ class SandboxRelay {
     bool isOwnHost(QByteArrayView host) const;
     bool sendToDevice(const QByteArray& payload, bool binary);
 
+    // A viewer as the relay sees it: its name in signalling, its path, the frames it was sent.
+    struct ViewerState {
+        std::string id;
+        bool peerToPeer = false;
+        std::uint64_t forwarded = 0;
+    };
+    std::vector<ViewerState> viewerStates() const;
+
     bool deviceConnected() const { return device_ != nullptr; }
     std::size_t viewerCount() const { return viewers_.size(); }
     std::size_t deviceConnections() const { return deviceConnections_; }
@@ -88,16 +103,29 @@ class SandboxRelay {
   private:
     struct Viewer {
         QWebSocket* socket = nullptr;
+        std::string id;
         // Frames before the next key frame are of no use to it.
         bool needsKeyFrame = true;
+        // Its picture comes peer-to-peer: it gets no frames here.
+        bool peerToPeer = false;
+        // It offered a peer connection, which the device may still hold.
+        bool offered = false;
+        std::uint64_t forwarded = 0;
     };
 
     void acceptDevice(QWebSocket* socket);
     void acceptViewer(QWebSocket* socket);
     // Why a viewer's upgrade is refused, with its close code; absent when it may join.
     std::optional<std::pair<int, QString>> viewerRefusal(const QWebSocket& socket) const;
-    void fromViewer(const QByteArray& payload, bool binary);
+    void fromViewer(QWebSocket* socket, const QByteArray& payload, bool binary);
     void fromDevice(const QByteArray& payload, bool binary);
+    // A viewer's signalling message as the device gets it; anything else as it came.
+    QByteArray signalFromViewer(Viewer& viewer, const QByteArray& payload);
+    // Whether the device's message was signalling, which went to its viewer only.
+    bool routedSignal(const QByteArray& payload);
+    void setPeerToPeer(Viewer& viewer, bool peerToPeer);
+    void tellRelayViewers();
+    Viewer* viewerOf(QWebSocket* socket);
     void frameFromDevice(const QByteArray& frame);
     void measureFrameRate(std::uint64_t captureTimeUs);
     void requestKeyFrame();
@@ -113,6 +141,9 @@ class SandboxRelay {
     std::optional<std::chrono::steady_clock::time_point> lastKeyFrameRequest_;
     QWebSocket* device_ = nullptr;
     std::vector<Viewer> viewers_;
+    std::uint64_t nextViewerNumber_ = 1;
+    // The device has been told how many viewers take frames here, and hears of every change.
+    bool relayViewersTold_ = false;
     std::size_t deviceConnections_ = 0;
     std::size_t pongs_ = 0;
     std::optional<std::string> lastDeviceToken_;

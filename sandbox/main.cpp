@@ -66,8 +66,13 @@ int main(int argc, char** argv) {
         QStringLiteral(
             "How often the relay pings the device, in ms (default: 5000); 0 sends no pings."),
         QStringLiteral("N"), QStringLiteral("5000"));
+    const QCommandLineOption webrtcOption(
+        QStringLiteral("webrtc"),
+        QStringLiteral(
+            "Enable peer-to-peer video: a device that can do WebRTC is told it may, and "
+            "the viewer page offers a peer connection (relay frames stay the fallback)."));
     parser.addOptions({portOption, hostOption, certOption, keyFileOption, accessKeyOption,
-                       modeOption, wdaPortOption, pingOption});
+                       modeOption, wdaPortOption, pingOption, webrtcOption});
     parser.process(app);
 
     velmorand::sandbox::SandboxOptions options;
@@ -99,6 +104,7 @@ int main(int argc, char** argv) {
     }
     options.relayPingInterval = std::chrono::milliseconds(pingMs);
 
+    options.webrtc = parser.isSet(webrtcOption);
     velmorand::sandbox::Sandbox sandbox(std::move(options));
     std::string error;
     if (!sandbox.start(&error)) {

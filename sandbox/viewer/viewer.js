@@ -23,6 +23,8 @@
   const kMaxDecodeQueue = 3;
   // However often the picture breaks, the device is not asked for key frames more often.
   const kKeyFrameRequestMs = 1000;
+  // A peer connection that shows no picture by then is given up for relay frames.
+  const kPeerConnectMs = 10000;
 
   // A click waits this long for a second one: a desktop must see a double click once, not as two
   // clicks and then a double click.
@@ -99,6 +101,22 @@
     stopped: false,
   };
 
+  // Peer-to-peer, when the sandbox offers it: the device sends the picture straight to this page,
+  // and the relay carries only the signalling and the commands. Anything that goes wrong ends it
+  // for relay frames, with the reason shown beside the path; the next relay link tries again.
+  const peer = {
+    enabled: false,
+    connection: null,
+    timer: null,
+    // The picture on the page is the peer connection's.
+    showing: false,
+    // Why the page stays on relay frames; empty while it may still try.
+    reason: "",
+    // The previous getStats sample, and the figures from the latest two.
+    sample: null,
+    figures: null,
+  };
+
   // What the pointer and the keyboard are doing on the picture. Held back: a click that may turn
   // into a double click, a drag's latest move, typed text; whatever is held back goes out before
   // anything that comes after it.
@@ -158,6 +176,8 @@
     }
     pingsSentAt.length = 0;
     resetStream();
+    // The relay knows this page by its link: a new link starts a new peer connection.
+    endPeer("", { tell: false });
     const url = relayUrl();
     setLink("connecting", "Connecting to " + url + "…");
     const ws = new WebSocket(url + "?token=" + encodeURIComponent(viewerToken()));
@@ -203,13 +223,21 @@
       receivedFrame(data);
       return;
     }
-    note("← " + data, "received");
     let message;
     try {
       message = JSON.parse(data);
     } catch {
+      note("← " + data, "received");
       return;
     }
+    if (message !== null && typeof message === "object" && typeof message.type === "string" &&
+        message.type.startsWith("webrtc_")) {
+      // Session descriptions and candidates stay out of the log.
+      note("← " + message.type, "received");
+      peerSignal(message);
+      return;
+    }
+    note("← " + data, "received");
     if (message === null || typeof message !== "object") {
       return;
     }
@@ -303,6 +331,14 @@
     if (!frame) {
       ++stream.rejected;
       return;
+    }
+    // The device streams H.264, which is what a peer connection carries: time to ask for it.
+    if (frame.codec === kH264) {
+      startPeer();
+    } else if (peer.enabled && !peer.connection) {
+      // A JPEG stream is a new stream: once it is H.264 again, peer-to-peer is worth a try.
+      peer.reason = "";
+      setPath("relay (peer-to-peer needs H.264)");
     }
     ++stream.frames;
     stream.payloadBytes += frame.payload.byteLength;
@@ -476,10 +512,29 @@
     stream.keyFrames = 0;
   }
 
+  // The element the picture is on: the canvas for relay frames, the video peer-to-peer.
+  function pictureElement() {
+    return peer.showing ? $("peer-video") : $("screen");
+  }
+
+  // The device's screen, as the latest relay frame gave it; a peer-to-peer picture of another size
+  // (the screen changed since) scales it.
+  function screenSize() {
+    const header = stream.header;
+    const video = $("peer-video");
+    if (!header || !peer.showing || video.videoWidth === 0) {
+      return header && { width: header.screenWidth, height: header.screenHeight };
+    }
+    return {
+      width: Math.round(video.videoWidth * header.screenWidth / header.pictureWidth),
+      height: Math.round(video.videoHeight * header.screenHeight / header.pictureHeight),
+    };
+  }
+
   // Screen pixels, the space of remote control, under a point in client coordinates; null before
-  // the first frame or off the picture. Holds however CSS scales the canvas.
+  // the first frame or off the picture. Holds however CSS scales the picture.
   function canvasToScreen(clientX, clientY) {
-    const box = $("screen").getBoundingClientRect();
+    const box = pictureElement().getBoundingClientRect();
     const x = (clientX - box.left) / box.width;
     const y = (clientY - box.top) / box.height;
     return x >= 0 && x <= 1 && y >= 0 && y <= 1 ? screenPoint(clientX, clientY) : null;
@@ -488,17 +543,184 @@
   // As canvasToScreen, but a point off the picture is taken to its nearest edge: a drag may leave
   // the picture and must still end on the screen.
   function screenPoint(clientX, clientY) {
-    const header = stream.header;
-    const box = $("screen").getBoundingClientRect();
-    if (!header || box.width === 0 || box.height === 0) {
+    const screen = screenSize();
+    const box = pictureElement().getBoundingClientRect();
+    if (!screen || box.width === 0 || box.height === 0) {
       return null;
     }
     const fraction = (value) => Math.min(Math.max(value, 0), 1);
     const x = fraction((clientX - box.left) / box.width);
     const y = fraction((clientY - box.top) / box.height);
     return {
-      x: Math.min(Math.floor(x * header.screenWidth), header.screenWidth - 1),
-      y: Math.min(Math.floor(y * header.screenHeight), header.screenHeight - 1),
+      x: Math.min(Math.floor(x * screen.width), screen.width - 1),
+      y: Math.min(Math.floor(y * screen.height), screen.height - 1),
+    };
+  }
+
+  // ---- Peer-to-peer --------------------------------------------------------------------------
+
+  function webrtcEnabled() {
+    const meta = document.querySelector('meta[name="velmorand-webrtc"]');
+    return meta !== null && meta.content === "on";
+  }
+
+  // Offers to receive the picture, H.264 only; the relay carries the offer and the candidates.
+  async function startPeer() {
+    if (!peer.enabled || peer.connection || peer.reason) {
+      return;
+    }
+    let connection;
+    try {
+      connection = new RTCPeerConnection({ bundlePolicy: "max-bundle" });
+    } catch (error) {
+      endPeer("this browser cannot make a peer connection (" + error.message + ")", { tell: false });
+      return;
+    }
+    peer.connection = connection;
+    const transceiver = connection.addTransceiver("video", { direction: "recvonly" });
+    const h264 = (RTCRtpReceiver.getCapabilities("video")?.codecs ?? [])
+      .filter((codec) => codec.mimeType.toLowerCase() === "video/h264");
+    if (h264.length > 0) {
+      transceiver.setCodecPreferences(h264);
+    }
+    connection.onicecandidate = (event) => {
+      const candidate = event.candidate;
+      send({
+        type: "webrtc_ice",
+        candidate: candidate ? candidate.candidate : "",
+        sdpMid: candidate ? candidate.sdpMid : null,
+        sdpMLineIndex: candidate ? candidate.sdpMLineIndex : null,
+      }, { quiet: true });
+    };
+    connection.ontrack = (event) => {
+      const video = $("peer-video");
+      video.srcObject = event.streams[0] ?? new MediaStream([event.track]);
+      // The first decoded picture; the video is hidden until then, which keeps the browser from
+      // starting it by itself.
+      video.onloadeddata = () => {
+        if (peer.connection === connection) {
+          peerShowing();
+        }
+      };
+      video.play().catch(() => {});
+    };
+    connection.onconnectionstatechange = () => {
+      if (peer.connection === connection && connection.connectionState === "failed") {
+        endPeer("the peer-to-peer connection failed");
+      }
+    };
+    peer.timer = setTimeout(() => endPeer("no peer-to-peer picture within 10 s"), kPeerConnectMs);
+    setPath("connecting peer-to-peer…");
+    try {
+      await connection.setLocalDescription(await connection.createOffer());
+      if (peer.connection === connection) {
+        send({ type: "webrtc_offer", sdp: connection.localDescription.sdp }, { quiet: true });
+        note("→ webrtc_offer", "sent");
+      }
+    } catch (error) {
+      endPeer("this browser could not make an offer (" + error.message + ")");
+    }
+  }
+
+  function peerSignal(message) {
+    const connection = peer.connection;
+    if (message.type === "webrtc_error") {
+      endPeer("the device: " + String(message.reason ?? "no reason given"), { tell: false });
+    } else if (!connection) {
+      return;
+    } else if (message.type === "webrtc_answer") {
+      connection.setRemoteDescription({ type: "answer", sdp: String(message.sdp) })
+        .catch((error) => endPeer("the device's answer does not fit (" + error.message + ")"));
+    } else if (message.type === "webrtc_ice" && message.candidate) {
+      connection.addIceCandidate({
+        candidate: String(message.candidate),
+        sdpMid: message.sdpMid ?? null,
+        sdpMLineIndex: message.sdpMLineIndex ?? null,
+      }).catch(() => {});
+    }
+  }
+
+  function peerShowing() {
+    clearTimeout(peer.timer);
+    const video = $("peer-video");
+    peer.showing = true;
+    video.hidden = false;
+    $("screen").hidden = true;
+    $("picture").hidden = false;
+    $("screen-idle").hidden = true;
+    if (video.videoWidth > 0 && video.videoHeight > 0) {
+      $("picture").style.setProperty("--aspect", String(video.videoWidth / video.videoHeight));
+    }
+    setPath("peer-to-peer");
+    note("peer-to-peer: the picture comes straight from the device", "note");
+  }
+
+  // Back to relay frames. `tell`: the device and the relay hear that this page closed it.
+  function endPeer(reason, { tell = true } = {}) {
+    clearTimeout(peer.timer);
+    const connection = peer.connection;
+    const wasShowing = peer.showing;
+    Object.assign(peer, { connection: null, showing: false, reason, sample: null, figures: null });
+    const video = $("peer-video");
+    video.hidden = true;
+    video.srcObject = null;
+    $("screen").hidden = false;
+    if (connection) {
+      connection.close();
+      if (tell) {
+        send({ type: "webrtc_close" }, { quiet: true });
+      }
+    }
+    if (reason) {
+      note("peer-to-peer ended: " + reason + " — back to relay frames", "note");
+    }
+    setPath(reason ? "relay (" + reason + ")" : "relay");
+    if (wasShowing) {
+      stream.awaitingKeyFrame = true;
+      requestKeyFrame();
+    }
+  }
+
+  function setPath(text) {
+    setFigure("stream-path", text, peer.showing ? "peer-to-peer" : "relay");
+  }
+
+  // The browser's own figures for the peer connection: frames and bytes received, and the delay
+  // from the network, the jitter buffer and the decoder.
+  async function samplePeerStats() {
+    const connection = peer.connection;
+    if (!connection || !peer.showing) {
+      return;
+    }
+    let inbound = null;
+    let pair = null;
+    (await connection.getStats()).forEach((report) => {
+      if (report.type === "inbound-rtp" && report.kind === "video") {
+        inbound = report;
+      } else if (report.type === "candidate-pair" && report.nominated) {
+        pair = report;
+      }
+    });
+    if (!inbound || peer.connection !== connection) {
+      return;
+    }
+    const previous = peer.sample;
+    peer.sample = {
+      at: inbound.timestamp,
+      bytes: inbound.bytesReceived ?? 0,
+      frames: inbound.framesDecoded ?? 0,
+    };
+    if (!previous) {
+      return;
+    }
+    const seconds = Math.max((peer.sample.at - previous.at) / 1000, 0.001);
+    const perFrame = (total, count) => (count > 0 ? total / count * 1000 : 0);
+    peer.figures = {
+      fps: Math.round((peer.sample.frames - previous.frames) / seconds * 10) / 10,
+      kbps: Math.round((peer.sample.bytes - previous.bytes) * 8 / seconds / 1000),
+      latency: Math.round((pair?.currentRoundTripTime ?? 0) * 500 +
+        perFrame(inbound.jitterBufferDelay ?? 0, inbound.jitterBufferEmittedCount ?? 0) +
+        perFrame(inbound.totalDecodeTime ?? 0, inbound.framesDecoded ?? 0)),
     };
   }
 
@@ -754,14 +976,15 @@
   }
 
   function attachControl() {
-    const canvas = $("screen");
-    canvas.addEventListener("pointerdown", pointerDown);
-    canvas.addEventListener("pointermove", pointerMove);
-    canvas.addEventListener("pointerup", pointerUp);
-    canvas.addEventListener("pointercancel", pointerLost);
-    canvas.addEventListener("lostpointercapture", pointerLost);
-    // The keyboard field keeps the focus a click on the picture gives it.
-    canvas.addEventListener("mousedown", (event) => event.preventDefault());
+    for (const picture of [$("screen"), $("peer-video")]) {
+      picture.addEventListener("pointerdown", pointerDown);
+      picture.addEventListener("pointermove", pointerMove);
+      picture.addEventListener("pointerup", pointerUp);
+      picture.addEventListener("pointercancel", pointerLost);
+      picture.addEventListener("lostpointercapture", pointerLost);
+      // The keyboard field keeps the focus a click on the picture gives it.
+      picture.addEventListener("mousedown", (event) => event.preventDefault());
+    }
     const keyboard = $("keyboard");
     keyboard.addEventListener("keydown", keyDown);
     keyboard.addEventListener("beforeinput", beforeInput);
@@ -790,13 +1013,18 @@
     const now = performance.now();
     const seconds = Math.max((now - stream.since) / 1000, 0.001);
     stream.since = now;
-    const fps = Math.round(stream.shown / seconds * 10) / 10;
-    const kbps = Math.round(stream.payloadBytes * 8 / seconds / 1000);
+    samplePeerStats().catch(() => {});
+    const figures = peer.showing ? peer.figures : null;
+    const fps = figures ? figures.fps : Math.round(stream.shown / seconds * 10) / 10;
+    const kbps = figures ? figures.kbps : Math.round(stream.payloadBytes * 8 / seconds / 1000);
     // The device sends nothing while its screen does not change: no frames then is not a fault.
-    const still = stream.shown === 0 && stream.header !== null && !stream.stopped;
+    const still = fps === 0 && stream.header !== null && !stream.stopped;
     setFigure("stream-fps", still ? "idle, screen unchanged" : fps.toFixed(1), fps);
     setFigure("stream-bitrate", kbps + " kbit/s", kbps);
-    if (stream.latencies > 0) {
+    if (figures) {
+      setFigure("stream-latency", figures.latency + " ms (network, jitter buffer and decoding)",
+        figures.latency);
+    } else if (stream.latencies > 0) {
       const latency = Math.round(stream.latencySumMs / stream.latencies);
       setFigure("stream-latency", latency + " ms", latency);
     } else {
@@ -874,6 +1102,7 @@
 
   document.addEventListener("DOMContentLoaded", () => {
     $("viewer-id").textContent = viewerId;
+    peer.enabled = webrtcEnabled();
     $("reconnect").addEventListener("click", connect);
     $("send-ping").addEventListener("click", sendPing);
     $("send-latency").addEventListener("click", sendLatencyProbe);
@@ -900,6 +1129,10 @@
     setInterval(updateFigures, kFiguresMs);
   });
 
-  // For tests: where a point on the picture lands on the device's screen.
-  window.velmorandViewer = Object.freeze({ canvasToScreen });
+  // For tests: where a point on the picture lands on the device's screen, and the peer
+  // connection's statistics.
+  window.velmorandViewer = Object.freeze({
+    canvasToScreen,
+    peerStats: async () => (peer.connection ? [...(await peer.connection.getStats()).values()] : []),
+  });
 })();

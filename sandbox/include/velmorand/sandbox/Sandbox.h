@@ -40,6 +40,8 @@ struct SandboxOptions {
     std::chrono::milliseconds slowDelay{40'000};
     // How often the relay sends {"type":"ping"} to the connected device; zero sends none.
     std::chrono::milliseconds relayPingInterval{5'000};
+    // Peer-to-peer video: a device that asks for it is told it may, and the viewer page offers.
+    bool webrtc = false;
 };
 
 // The sandbox service. Lives on a thread running a Qt event loop (the QCoreApplication's) and
