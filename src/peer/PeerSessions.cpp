@@ -10,6 +10,8 @@
 namespace velmorand {
 namespace {
 
+const std::string kSilentViewer = "the viewer stopped answering for 20 s";
+
 std::string viewer(const std::string& viewerId) {
     return "webrtc: viewer " + viewerId;
 }
@@ -107,18 +109,7 @@ void PeerSessions::offer(PeerSignal::Offer offer) {
     session.generation = generation;
     session.peer = std::move(std::get<std::unique_ptr<PeerConnection>>(made));
     session.videoMid = chosen.videoMid;
-    session.connectTimeout = services_.mainQueue.postAfter(
-        kConnectTimeout,
-        [self = std::weak_ptr<PeerSessions*>(self_), id = offer.viewerId, generation] {
-            const auto alive = self.lock();
-            if (!alive) {
-                return;
-            }
-            const auto it = (*alive)->sessions_.find(id);
-            if (it != (*alive)->sessions_.end() && it->second.generation == generation) {
-                (*alive)->end(id, "no peer-to-peer connection within 15 s");
-            }
-        });
+    endAfter(offer.viewerId, session, kConnectTimeout, "no peer-to-peer connection within 15 s");
     services_.log.write(viewer(offer.viewerId) + " offered; answering with H.264 payload type " +
                         std::to_string(chosen.payloadType));
 }
@@ -197,6 +188,14 @@ PeerConnection::Events PeerSessions::events(const std::string& viewerId, std::ui
             [this, viewerId, generation] {
                 later(viewerId, generation, [this](Session&) { keyFrameWanted(); });
             },
+        .onHeard =
+            [this, viewerId, generation] {
+                later(viewerId, generation, [this, viewerId](Session& session) {
+                    if (session.connected) {
+                        endAfter(viewerId, session, kSilenceLimit, kSilentViewer);
+                    }
+                });
+            },
     };
 }
 
@@ -219,13 +218,30 @@ void PeerSessions::connected(const std::string& viewerId, Session& session) {
     if (std::exchange(session.connected, true)) {
         return;
     }
-    if (session.connectTimeout) {
-        session.connectTimeout->cancel();
-    }
+    endAfter(viewerId, session, kSilenceLimit, kSilentViewer);
     services_.fanOut.add(viewerId, session.peer);
     services_.signal(PeerSignal::connected(viewerId));
     services_.log.write(viewer(viewerId) + " is connected peer-to-peer");
     keyFrameWanted();
+}
+
+void PeerSessions::endAfter(const std::string& viewerId, Session& session,
+                            MainQueue::Duration delay, const std::string& reason) {
+    if (session.deadline) {
+        session.deadline->cancel();
+    }
+    session.deadline =
+        services_.mainQueue.postAfter(delay, [self = std::weak_ptr<PeerSessions*>(self_), viewerId,
+                                              generation = session.generation, reason] {
+            const auto alive = self.lock();
+            if (!alive) {
+                return;
+            }
+            const auto it = (*alive)->sessions_.find(viewerId);
+            if (it != (*alive)->sessions_.end() && it->second.generation == generation) {
+                (*alive)->end(viewerId, reason);
+            }
+        });
 }
 
 void PeerSessions::end(const std::string& viewerId, const std::optional<std::string>& reason) {
@@ -233,8 +249,8 @@ void PeerSessions::end(const std::string& viewerId, const std::optional<std::str
     if (it == sessions_.end()) {
         return;
     }
-    if (it->second.connectTimeout) {
-        it->second.connectTimeout->cancel();
+    if (it->second.deadline) {
+        it->second.deadline->cancel();
     }
     services_.fanOut.remove(viewerId);
     sessions_.erase(it);

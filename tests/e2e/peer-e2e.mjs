@@ -75,6 +75,17 @@ async function openViewer(context, base, { blocked = false } = {}) {
   page.setDefaultTimeout(20_000);
   page.errors = [];
   page.on("pageerror", (error) => page.errors.push(String(error)));
+  // The test's handle on the page's peer connections, to cut one off behind the page's back.
+  await page.addInitScript(() => {
+    const Original = RTCPeerConnection;
+    window.testPeers = [];
+    window.RTCPeerConnection = function (...args) {
+      const connection = new Original(...args);
+      window.testPeers.push(connection);
+      return connection;
+    };
+    window.RTCPeerConnection.prototype = Original.prototype;
+  });
   if (blocked) {
     await page.addInitScript(() => {
       RTCPeerConnection.prototype.addIceCandidate = async () => {};
@@ -204,6 +215,15 @@ async function run() {
   if (opts.screenshot) {
     await first.screenshot({ path: opts.screenshot, fullPage: true });
   }
+
+  // A viewer whose browser stops answering on the peer link (its relay link up) is let go by the
+  // device, and goes back to relay frames.
+  await first.evaluate(() => window.testPeers.forEach((connection) => connection.close()));
+  await waitFor("the silent viewer let go", async () =>
+    (await pathOf(first)).startsWith("relay ("), 40_000);
+  const reason = await pathOf(first);
+  await expectPattern(first, "on the first viewer's canvas again");
+  ok(`a viewer that goes silent on the peer link is let go: ${reason}`);
   for (const page of [first, second]) {
     check(page.errors.length === 0, `the page reported errors: ${page.errors.join("; ")}`);
   }

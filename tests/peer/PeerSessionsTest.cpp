@@ -245,6 +245,19 @@ TEST_F(PeerSessionsTest, ASessionEndsWhenClosedFailedOrNeverConnected) {
     offer("v4");
     sessions_.closeAll("the stream switched to JPEG");
     EXPECT_EQ(sent(), (std::vector<std::string>{"webrtc_error v4: the stream switched to JPEG"}));
+    // A connected viewer that keeps reporting stays however long; one that falls silent goes.
+    offer("v5");
+    const auto last = peers_.size() - 1;
+    raise(last, [](auto& events) { events.onConnected(); });
+    for (int report = 0; report < 4; ++report) {
+        queue_.advance(PeerSessions::kSilenceLimit * 0.75);
+        raise(last, [](auto& events) { events.onHeard(); });
+    }
+    EXPECT_EQ(sessions_.sessionCount(), 1u);
+    queue_.advance(PeerSessions::kSilenceLimit);
+    EXPECT_EQ(sent(),
+              (std::vector<std::string>{"webrtc_connected v5",
+                                        "webrtc_error v5: the viewer stopped answering for 20 s"}));
 }
 
 TEST_F(PeerSessionsTest, KeyFrameRequestsReachTheEncoderAtMostOncePerInterval) {

@@ -83,6 +83,8 @@ struct GstPeerConnection::Pipeline {
     GstElement* pipeline = nullptr;
     GstElement* source = nullptr;
     GstElement* webrtc = nullptr;
+    // webrtcbin's own, which sees the viewer's RTCP.
+    GstElement* rtpbin = nullptr;
     std::shared_ptr<PeerShared> shared = std::make_shared<PeerShared>();
 
     ~Pipeline() {
@@ -95,6 +97,9 @@ struct GstPeerConnection::Pipeline {
         }
         gst_element_set_state(pipeline, GST_STATE_NULL);
         g_signal_handlers_disconnect_by_data(webrtc, shared.get());
+        if (rtpbin != nullptr) {
+            g_signal_handlers_disconnect_by_data(rtpbin, shared.get());
+        }
         GstBus* bus = gst_element_get_bus(pipeline);
         gst_bus_set_sync_handler(bus, nullptr, nullptr, nullptr);
         gst_object_unref(bus);
@@ -200,6 +205,11 @@ void connectionChanged(GstElement* webrtc, GParamSpec*, gpointer data) {
     } else if (state == GST_WEBRTC_PEER_CONNECTION_STATE_FAILED) {
         shared.fail("the peer-to-peer connection failed (ICE or DTLS)");
     }
+}
+
+// RTCP from a source: the only one besides our own sender is the viewer's receiver.
+void rtcpHeard(GstElement*, guint, guint, gpointer data) {
+    static_cast<PeerShared*>(data)->tell([](PeerConnection::Events& events) { events.onHeard(); });
 }
 
 // The viewer's PLI or FIR reaches the source as a request for a key unit.
@@ -343,6 +353,12 @@ PeerConnectionFactory GstPeerConnection::factory(Options options) {
                          shared);
         g_signal_connect(made->webrtc, "notify::connection-state", G_CALLBACK(connectionChanged),
                          shared);
+        made->rtpbin = gst_bin_get_by_name(GST_BIN(made->webrtc), "rtpbin");
+        if (made->rtpbin != nullptr) {
+            // The bin keeps it as long as webrtcbin lives.
+            gst_object_unref(made->rtpbin);
+            g_signal_connect(made->rtpbin, "on-ssrc-active", G_CALLBACK(rtcpHeard), shared);
+        }
         GstPad* sourcePad = gst_element_get_static_pad(made->source, "src");
         gst_pad_add_probe(sourcePad, GST_PAD_PROBE_TYPE_EVENT_UPSTREAM, upstreamEvent, shared,
                           nullptr);

@@ -33,6 +33,9 @@ class PeerSessions {
     static constexpr MainQueue::Duration kOfferWindow{5.0};
     // A session whose connection is not up by then ends.
     static constexpr MainQueue::Duration kConnectTimeout{15.0};
+    // A connected viewer not heard from for this long (no RTCP) is taken for gone: its browser
+    // closed without a word, or its link died.
+    static constexpr MainQueue::Duration kSilenceLimit{20.0};
     // Peers' key-frame requests reach the encoder at most this often; one that comes sooner is
     // held until then.
     static constexpr MainQueue::Duration kKeyFrameInterval{1.0};
@@ -75,7 +78,8 @@ class PeerSessions {
         bool connected = false;
         std::vector<IceCandidate> early;
         std::size_t candidates = 0;
-        std::shared_ptr<WorkItem> connectTimeout;
+        // Until it is connected, the wait for that; then the wait for its next word.
+        std::shared_ptr<WorkItem> deadline;
     };
 
     void offer(PeerSignal::Offer offer);
@@ -88,6 +92,9 @@ class PeerSessions {
     void later(const std::string& viewerId, std::uint64_t generation,
                std::function<void(Session&)> act);
     void connected(const std::string& viewerId, Session& session);
+    // Ends the viewer's session after `delay` unless this is called again first.
+    void endAfter(const std::string& viewerId, Session& session, MainQueue::Duration delay,
+                  const std::string& reason);
     void end(const std::string& viewerId, const std::optional<std::string>& reason);
     void keyFrameWanted();
     void refuse(const std::string& viewerId, const std::string& reason);

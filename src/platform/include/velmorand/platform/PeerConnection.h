@@ -51,6 +51,9 @@ class PeerConnection {
         std::function<void(std::string reason)> onFailed;
         // The viewer lost the picture (RTCP PLI or FIR) and needs a key frame.
         std::function<void()> onKeyFrameWanted;
+        // The viewer's side sent RTCP (a browser reports at least every few seconds while it
+        // receives): it is still there.
+        std::function<void()> onHeard;
     };
 
     virtual ~PeerConnection() = default;
