@@ -261,7 +261,9 @@ void PeerSessions::end(const std::string& viewerId, const std::optional<std::str
 
 void PeerSessions::closeAll(const std::optional<std::string>& reason) {
     while (!sessions_.empty()) {
-        end(sessions_.begin()->first, reason);
+        // A copy: ending the session frees its key.
+        const std::string viewerId = sessions_.begin()->first;
+        end(viewerId, reason);
     }
 }
 

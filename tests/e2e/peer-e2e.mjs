@@ -227,6 +227,9 @@ async function run() {
   for (const page of [first, second]) {
     check(page.errors.length === 0, `the page reported errors: ${page.errors.join("; ")}`);
   }
+  // Under a sanitizer, what it found in the extension while peers came and went.
+  check(!/ERROR: AddressSanitizer|runtime error:/.test(desktop.extension.output),
+    "the extension's sanitizer reported an error");
 }
 
 try {

@@ -160,7 +160,7 @@ TEST_F(PeerSessionsTest, AnswersTricklesAndConnectsOneViewer) {
 }
 
 TEST_F(PeerSessionsTest, OffersItCannotAnswerAreRefusedWithTheReason) {
-    const auto refused = [this](const std::string& reason) {
+    const auto refused = [](const std::string& reason) {
         return std::vector<std::string>{"webrtc_error v1: " + reason};
     };
     offer("v1", "garbage");

@@ -5,7 +5,7 @@
 namespace velmorand {
 
 bool GstClassLookup::classExists(std::string_view name) const {
-    return name == kPeerConnectionFactory && !GstPeerConnection::loadPlugins();
+    return name == kPeerConnectionFactory && !GstPeerConnection::findPlugins();
 }
 
 }  // namespace velmorand

@@ -271,28 +271,46 @@ void useIceServers(GstElement* webrtc, const std::vector<IceServer>& servers) {
 
 }  // namespace
 
+namespace {
+
+// GStreamer started, and every element a connection needs in its registry (loaded too, with
+// `load`); else what is missing.
+std::optional<std::string> checkElements(bool load) {
+    GError* error = nullptr;
+    if (gst_init_check(nullptr, nullptr, &error) == FALSE) {
+        return "GStreamer did not start: " + errorText(error);
+    }
+    for (const char* name : kElements) {
+        GstElementFactory* factory = gst_element_factory_find(name);
+        bool usable = factory != nullptr;
+        if (usable && load) {
+            GstPluginFeature* loaded = gst_plugin_feature_load(GST_PLUGIN_FEATURE(factory));
+            usable = loaded != nullptr;
+            if (loaded != nullptr) {
+                gst_object_unref(loaded);
+            }
+        }
+        if (factory != nullptr) {
+            gst_object_unref(factory);
+        }
+        if (!usable) {
+            return std::string("GStreamer's ") + name +
+                   " element does not load (it comes with gstreamer1.0-plugins-bad, "
+                   "gstreamer1.0-plugins-good and gstreamer1.0-nice)";
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> GstPeerConnection::findPlugins() {
+    static const std::optional<std::string> missing = checkElements(false);
+    return missing;
+}
+
 std::optional<std::string> GstPeerConnection::loadPlugins() {
-    static const std::optional<std::string> missing = []() -> std::optional<std::string> {
-        GError* error = nullptr;
-        if (gst_init_check(nullptr, nullptr, &error) == FALSE) {
-            return "GStreamer did not start: " + errorText(error);
-        }
-        for (const char* name : kElements) {
-            GstElementFactory* factory = gst_element_factory_find(name);
-            GstPluginFeature* loaded =
-                factory != nullptr ? gst_plugin_feature_load(GST_PLUGIN_FEATURE(factory)) : nullptr;
-            if (factory != nullptr) {
-                gst_object_unref(factory);
-            }
-            if (loaded == nullptr) {
-                return std::string("GStreamer's ") + name +
-                       " element does not load (it comes with gstreamer1.0-plugins-bad, "
-                       "gstreamer1.0-plugins-good and gstreamer1.0-nice)";
-            }
-            gst_object_unref(loaded);
-        }
-        return std::nullopt;
-    }();
+    static const std::optional<std::string> missing = checkElements(true);
     return missing;
 }
 

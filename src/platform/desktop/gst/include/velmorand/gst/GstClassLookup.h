@@ -5,7 +5,8 @@
 namespace velmorand {
 
 // The desktop's answer to the run-time class lookup: the peer-connection factory exists exactly
-// when GStreamer's WebRTC plug-ins load. No other class is known.
+// when GStreamer's WebRTC plug-ins load, as its registry tells (the extension, which uses them,
+// loads them itself). No other class is known.
 class GstClassLookup : public ClassLookup {
   public:
     static constexpr std::string_view kPeerConnectionFactory = "RTCPeerConnectionFactory";

@@ -27,6 +27,9 @@ class GstPeerConnection final : public PeerConnection {
     // Initializes GStreamer once and checks that every element a connection needs loads; the
     // missing one when not.
     static std::optional<std::string> loadPlugins();
+    // The same from GStreamer's registry alone, which lists only what loaded in its plug-in
+    // scanner: without loading the plug-ins into this process.
+    static std::optional<std::string> findPlugins();
     static PeerConnectionFactory factory(Options options);
 
     ~GstPeerConnection() override;
