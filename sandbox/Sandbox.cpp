@@ -121,7 +121,7 @@ class Sandbox::Impl {
         : options_(std::move(options)),
           viewerToken_(randomToken().toStdString()),
           relay_([this](std::string_view token) { return tokens_.find(token) != tokens_.end(); },
-                 {viewerToken_, options_.host}, options_.relayPingInterval) {
+                 {viewerToken_, options_.host}, options_.relayPingInterval, options_.webrtc) {
         if (options_.accessKeys.empty()) {
             options_.accessKeys.emplace_back(SandboxOptions::kDemoKey);
         }

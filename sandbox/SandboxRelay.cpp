@@ -81,8 +81,10 @@ void send(QWebSocket* socket, const QByteArray& payload, bool binary) {
 }  // namespace
 
 SandboxRelay::SandboxRelay(TokenCheck isIssuedToken, ViewerAccess viewers,
-                           std::chrono::milliseconds pingInterval)
-    : isIssuedToken_(std::move(isIssuedToken)), viewerAccess_(std::move(viewers)) {
+                           std::chrono::milliseconds pingInterval, bool peerToPeer)
+    : isIssuedToken_(std::move(isIssuedToken)),
+      viewerAccess_(std::move(viewers)),
+      peerToPeer_(peerToPeer) {
     if (pingInterval.count() > 0) {
         QObject::connect(&pingTimer_, &QTimer::timeout, &context_, [this] {
             if (device_ != nullptr) {
@@ -220,7 +222,10 @@ void SandboxRelay::acceptViewer(QWebSocket* socket) {
         return;
     }
     socket->setMaxAllowedIncomingMessageSize(kMaxViewerMessage);
-    viewers_.push_back(Viewer{.socket = socket, .id = "v" + std::to_string(nextViewerNumber_++)});
+    // Appended, not added to a literal: GCC 12's -O3 takes that for an overlapping copy.
+    std::string id = "v";
+    id += std::to_string(nextViewerNumber_++);
+    viewers_.push_back(Viewer{.socket = socket, .id = std::move(id)});
     QObject::connect(
         socket, &QWebSocket::textMessageReceived, &context_,
         [this, socket](const QString& text) { fromViewer(socket, text.toUtf8(), false); });
@@ -259,7 +264,11 @@ void SandboxRelay::fromViewer(QWebSocket* socket, const QByteArray& payload, boo
         if (!binary && isPing(payload)) {
             ++viewerPings_;
         }
-        send(device_, binary ? payload : signalFromViewer(*viewer, payload), binary);
+        if (binary) {
+            send(device_, payload, true);
+        } else if (const auto text = fromViewerText(*viewer, payload)) {
+            send(device_, *text, false);
+        }
         return;
     }
     for (const Viewer& viewer : viewers_) {
@@ -267,19 +276,29 @@ void SandboxRelay::fromViewer(QWebSocket* socket, const QByteArray& payload, boo
     }
 }
 
-QByteArray SandboxRelay::signalFromViewer(Viewer& viewer, const QByteArray& payload) {
+std::optional<QByteArray> SandboxRelay::fromViewerText(Viewer& viewer, const QByteArray& payload) {
     auto signal = signalOf(payload);
     if (!signal) {
-        return payload;
+        // What the device would take for signalling, and this relay cannot read, must not pass
+        // with whatever viewer it names.
+        const bool looksLikeSignal =
+            payload.contains(R"("type":"webrtc_)") || payload.contains(R"("type": "webrtc_)");
+        return looksLikeSignal ? std::nullopt : std::optional(payload);
     }
-    // The relay names the viewer: a page cannot speak for another.
-    signal->insert(QStringLiteral("viewerId"), QString::fromStdString(viewer.id));
     const QString type = signal->value(QStringLiteral("type")).toString();
+    if (!peerToPeer_) {
+        return std::nullopt;
+    }
     if (type == QLatin1String("webrtc_offer")) {
         viewer.offered = true;
     } else if (type == QLatin1String("webrtc_close")) {
+        viewer.offered = false;
         setPeerToPeer(viewer, false);
+    } else if (type != QLatin1String("webrtc_ice")) {
+        return std::nullopt;
     }
+    // The relay names the viewer: a page cannot speak for another.
+    signal->insert(QStringLiteral("viewerId"), QString::fromStdString(viewer.id));
     return compact(*signal);
 }
 
@@ -296,8 +315,13 @@ bool SandboxRelay::routedSignal(const QByteArray& payload) {
     }
     const QString type = signal->value(QStringLiteral("type")).toString();
     if (type == QLatin1String("webrtc_connected")) {
+        // A connection the viewer has closed meanwhile does not take its frames away.
+        if (!viewer->offered) {
+            return true;
+        }
         setPeerToPeer(*viewer, true);
     } else if (type == QLatin1String("webrtc_error")) {
+        viewer->offered = false;
         setPeerToPeer(*viewer, false);
     }
     send(viewer->socket, payload, false);

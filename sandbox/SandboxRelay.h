@@ -29,12 +29,14 @@ namespace velmorand::sandbox {
 // and the device is asked for one. The stream starts with the first viewer and stops with the
 // last. Lives on the thread of the service that hands it sockets.
 //
-// Peer-to-peer signalling is routed: a viewer's "webrtc_*" message reaches the device with the
-// relay's own name for that viewer as "viewerId", and the device's reach only the viewer they
-// name. A viewer whose peer connection is up ("webrtc_connected") gets no frames from here until
-// it ends ("webrtc_error" from the device, "webrtc_close" from the viewer); once any viewer went
-// peer-to-peer, the device hears how many still take frames here ("webrtc_relay_viewers"), and
-// a viewer that offered and leaves is closed for it ("webrtc_close").
+// Peer-to-peer signalling (with `peerToPeer` only) is routed: a viewer's offer, candidates and
+// close reach the device with the relay's own name for that viewer as "viewerId" (any other
+// signalling from a viewer is dropped), and the device's reach only the viewer they name. A viewer
+// whose peer connection is up ("webrtc_connected") gets no frames from here until it ends
+// ("webrtc_error" from the device, "webrtc_close" from the viewer), and only while it has an offer
+// open (a connection the viewer closed meanwhile stays closed); once any viewer went peer-to-peer,
+// the device hears how many still take frames here ("webrtc_relay_viewers"), and a viewer that
+// offered and leaves is closed for it ("webrtc_close").
 class SandboxRelay {
   public:
     using TokenCheck = std::function<bool(std::string_view token)>;
@@ -62,9 +64,10 @@ class SandboxRelay {
     static constexpr int kViewerTokenRefused = 4401;
     static constexpr int kForeignPageRefused = 4403;
 
-    // A zero `pingInterval` sends no pings.
+    // A zero `pingInterval` sends no pings. Without `peerToPeer`, viewers' signalling goes
+    // nowhere.
     SandboxRelay(TokenCheck isIssuedToken, ViewerAccess viewers,
-                 std::chrono::milliseconds pingInterval);
+                 std::chrono::milliseconds pingInterval, bool peerToPeer);
     ~SandboxRelay();
     SandboxRelay(const SandboxRelay&) = delete;
     SandboxRelay& operator=(const SandboxRelay&) = delete;
@@ -119,8 +122,9 @@ class SandboxRelay {
     std::optional<std::pair<int, QString>> viewerRefusal(const QWebSocket& socket) const;
     void fromViewer(QWebSocket* socket, const QByteArray& payload, bool binary);
     void fromDevice(const QByteArray& payload, bool binary);
-    // A viewer's signalling message as the device gets it; anything else as it came.
-    QByteArray signalFromViewer(Viewer& viewer, const QByteArray& payload);
+    // A viewer's message as the device gets it: signalling named for the viewer, anything else
+    // as it came; absent for signalling a viewer may not send.
+    std::optional<QByteArray> fromViewerText(Viewer& viewer, const QByteArray& payload);
     // Whether the device's message was signalling, which went to its viewer only.
     bool routedSignal(const QByteArray& payload);
     void setPeerToPeer(Viewer& viewer, bool peerToPeer);
@@ -133,6 +137,7 @@ class SandboxRelay {
 
     TokenCheck isIssuedToken_;
     const ViewerAccess viewerAccess_;
+    const bool peerToPeer_;
     // Parent of every socket; the sockets' handlers run in its context.
     QObject context_;
     QTimer pingTimer_;

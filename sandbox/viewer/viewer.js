@@ -593,6 +593,12 @@
       }, { quiet: true });
     };
     connection.ontrack = (event) => {
+      // Shown as soon as decoded: the picture is for operating the device, not for smooth viewing.
+      if ("jitterBufferTarget" in event.receiver) {
+        event.receiver.jitterBufferTarget = 0;
+      } else {
+        event.receiver.playoutDelayHint = 0;
+      }
       const video = $("peer-video");
       video.srcObject = event.streams[0] ?? new MediaStream([event.track]);
       // The first decoded picture; the video is hidden until then, which keeps the browser from
@@ -618,7 +624,10 @@
         note("→ webrtc_offer", "sent");
       }
     } catch (error) {
-      endPeer("this browser could not make an offer (" + error.message + ")");
+      // A connection replaced meanwhile (a new relay link) fails here too: not this one's fault.
+      if (peer.connection === connection) {
+        endPeer("this browser could not make an offer (" + error.message + ")");
+      }
     }
   }
 
@@ -630,7 +639,11 @@
       return;
     } else if (message.type === "webrtc_answer") {
       connection.setRemoteDescription({ type: "answer", sdp: String(message.sdp) })
-        .catch((error) => endPeer("the device's answer does not fit (" + error.message + ")"));
+        .catch((error) => {
+          if (peer.connection === connection) {
+            endPeer("the device's answer does not fit (" + error.message + ")");
+          }
+        });
     } else if (message.type === "webrtc_ice" && message.candidate) {
       connection.addIceCandidate({
         candidate: String(message.candidate),

@@ -53,7 +53,7 @@ void PeerSessions::handle(const nlohmann::json& message) {
                 }
             } else if constexpr (std::is_same_v<Signal, PeerSignal::RelayViewers>) {
                 relayViewers(signal.count);
-            } else if (signal.wasOffer && signal.viewerId) {
+            } else if (signal.wasOffer && signal.viewerId && withinOfferBudget(*signal.viewerId)) {
                 refuse(*signal.viewerId, signal.reason);
             }
         },
@@ -70,24 +70,37 @@ std::optional<std::string> PeerSessions::refusal(const std::string& viewerId) {
     if (!sessions_.contains(viewerId) && sessions_.size() >= kMaxPeers) {
         return "the device already streams peer-to-peer to 4 viewers";
     }
-    if (offersInWindow_ >= kMaxOffersPerWindow) {
-        return "too many offers at once; try again in a few seconds";
-    }
     return std::nullopt;
 }
 
-void PeerSessions::offer(PeerSignal::Offer offer) {
-    if (auto reason = refusal(offer.viewerId)) {
-        refuse(offer.viewerId, *reason);
-        return;
-    }
-    if (!std::exchange(offersInWindow_, offersInWindow_ + 1)) {
+bool PeerSessions::withinOfferBudget(const std::string& viewerId) {
+    if (offersInWindow_ == 0) {
         offerWindow_ = services_.mainQueue.postAfter(kOfferWindow,
                                                      [self = std::weak_ptr<PeerSessions*>(self_)] {
                                                          if (const auto alive = self.lock()) {
                                                              (*alive)->offersInWindow_ = 0;
                                                          }
                                                      });
+    }
+    if (offersInWindow_++ < kMaxOffersPerWindow) {
+        return true;
+    }
+    // Each one is told; the log hears of the flood once a window, so that it keeps the rest.
+    const std::string reason = "too many offers at once; try again in a few seconds";
+    if (offersInWindow_ == kMaxOffersPerWindow + 1) {
+        services_.log.write(viewer(viewerId) + ": " + reason + " (more are not logged)");
+    }
+    services_.signal(PeerSignal::error(viewerId, reason));
+    return false;
+}
+
+void PeerSessions::offer(PeerSignal::Offer offer) {
+    if (!withinOfferBudget(offer.viewerId)) {
+        return;
+    }
+    if (auto reason = refusal(offer.viewerId)) {
+        refuse(offer.viewerId, *reason);
+        return;
     }
     auto sdp = SdpOffer::read(offer.sdp);
     if (auto* reason = std::get_if<std::string>(&sdp)) {
@@ -143,7 +156,7 @@ void PeerSessions::relayViewers(std::int64_t count) {
     if (count > 0) {
         services_.log.write("webrtc: a viewer takes relay frames again; sending them");
         // The relay's viewers have nothing to decode until a key frame.
-        services_.requestKeyFrame();
+        keyFrameWanted();
     } else {
         services_.log.write("webrtc: every viewer is peer-to-peer; no frames go to the relay");
     }

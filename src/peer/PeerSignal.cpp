@@ -127,6 +127,10 @@ std::optional<PeerSignal::Message> PeerSignal::read(const Json& message) {
     }
     const auto& type = typeField->get_ref<const std::string&>();
     if (type == "webrtc_relay_viewers") {
+        // Only the relay speaks of its viewers; one that names a viewer came from a viewer.
+        if (message.contains("viewerId")) {
+            return std::nullopt;
+        }
         const auto count = message.find("count");
         if (count == message.end() || !count->is_number_integer() ||
             (!count->is_number_unsigned() && count->get<std::int64_t>() < 0)) {

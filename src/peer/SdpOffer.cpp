@@ -10,6 +10,8 @@
 namespace velmorand {
 namespace {
 
+constexpr std::size_t kMaxMidBytes = 32;
+
 // One media section: its kind, its formats in the offer's order, and the attributes that matter.
 struct Section {
     std::string kind;
@@ -152,7 +154,11 @@ void readAttribute(Section& section, std::string_view attribute) {
             section.parameters[format->first] = std::string(format->second);
         }
     } else if (name == "mid") {
-        section.mid = std::string(value);
+        // Echoed in every candidate the device sends: a short printable name, or none.
+        if (value.size() <= kMaxMidBytes &&
+            std::all_of(value.begin(), value.end(), [](char c) { return c > 0x20 && c < 0x7F; })) {
+            section.mid = std::string(value);
+        }
     } else if (name == "sendonly" || name == "inactive") {
         section.receives = false;
     }

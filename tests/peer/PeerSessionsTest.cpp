@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <nlohmann/json.hpp>
 
 #include "ManualMainQueue.h"
@@ -204,15 +206,22 @@ TEST_F(PeerSessionsTest, AFifthViewerAndAFloodOfOffersStayOnRelayFrames) {
     EXPECT_EQ(peers_.size(), 5u);
     EXPECT_TRUE(peers_[3]->destroyed);
     EXPECT_EQ(sessions_.sessionCount(), 4u);
-    // Offers beyond the window's count (the refused fifth did not count) are refused until it
-    // ends.
-    for (std::size_t count = 5; count < PeerSessions::kMaxOffersPerWindow; ++count) {
+    // Offers beyond the window's count (the refused fifth counts too) are refused until it ends.
+    for (std::size_t count = 6; count < PeerSessions::kMaxOffersPerWindow; ++count) {
         offer("v4");
     }
     EXPECT_EQ(sent(), std::vector<std::string>{});
+    // Each is told; the log hears of the flood once. Invalid offers count as well.
     offer("v4");
-    EXPECT_EQ(sent(), (std::vector<std::string>{
-                          "webrtc_error v4: too many offers at once; try again in a few seconds"}));
+    relay({{"type", "webrtc_offer"}, {"viewerId", "v6"}});
+    const std::string tooMany = "too many offers at once; try again in a few seconds";
+    EXPECT_EQ(sent(), (std::vector<std::string>{"webrtc_error v4: " + tooMany,
+                                                "webrtc_error v6: " + tooMany}));
+    const auto lines = log_.lines();
+    EXPECT_EQ(std::count_if(
+                  lines.begin(), lines.end(),
+                  [&](const std::string& line) { return line.find(tooMany) != std::string::npos; }),
+              1);
     queue_.advance(PeerSessions::kOfferWindow);
     offer("v4");
     EXPECT_EQ(sent(), std::vector<std::string>{});
@@ -291,6 +300,8 @@ TEST_F(PeerSessionsTest, TheRelayGetsFramesOnlyWhileAViewerTakesThem) {
         {{{"type", "webrtc_relay_viewers"}, {"count", 0}}, false},
         {{{"type", "webrtc_relay_viewers"}, {"count", -1}}, false},
         {{{"type", "webrtc_relay_viewers"}, {"count", 2}}, true},
+        // A viewer's word on the relay's viewers is no word at all.
+        {{{"type", "webrtc_relay_viewers"}, {"count", 0}, {"viewerId", "v1"}}, true},
         {{{"type", "webrtc_relay_viewers"}, {"count", 0}}, false},
     };
     for (const auto& [message, relayed] : cases) {
@@ -304,7 +315,7 @@ TEST_F(PeerSessionsTest, TheRelayGetsFramesOnlyWhileAViewerTakesThem) {
     // A lost link forgets what the relay said.
     sessions_.relayLost();
     sendFrame(true);
-    EXPECT_EQ(relay_.sent.size(), 2u);
+    EXPECT_EQ(relay_.sent.size(), 3u);
 }
 
 }  // namespace

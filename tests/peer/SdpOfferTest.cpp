@@ -50,6 +50,10 @@ TEST(SdpOfferTest, PicksTheFirstConstrainedBaselineFormatWithPacketizationModeOn
                    "profile-level-id=4d801f\na=rtpmap:106 H264/90000\n"
                    "a=fmtp:106 packetization-mode=1;profile-level-id=42e01f\n"),
          SdpOffer{108, "", 0}},
+        // A name too long to echo in every candidate is left out.
+        {"v=0\nm=video 9 RTP/SAVPF 100\na=mid:" + std::string(33, 'm') + "\n" + h264 +
+             "a=fmtp:100 packetization-mode=1;profile-level-id=42e01f\n",
+         SdpOffer{100, "", 0}},
         // Audio first: the video section is the second line.
         {"v=0\nm=audio 9 RTP/SAVPF 111\na=mid:a\nm=video 9 RTP/SAVPF 100\na=mid:v\n" + h264 +
              "a=fmtp:100 packetization-mode=1;profile-level-id=42c01f\n",

@@ -6,6 +6,7 @@
 #include <gst/webrtc/webrtc.h>
 #include <nice/agent.h>
 
+#include <chrono>
 #include <mutex>
 #include <utility>
 
@@ -21,9 +22,21 @@ constexpr const char* kElements[] = {"appsrc",  "rtph264pay", "webrtcbin",   "rt
 constexpr const char* kSourceCaps =
     "video/x-h264,stream-format=byte-stream,alignment=au,profile=constrained-baseline";
 
+// GStreamer's message, which may quote the viewer's offer: short and printable, for the log and
+// for the viewer.
 std::string errorText(GError* error) {
+    constexpr std::size_t kMaxBytes = 120;
     std::string text = error != nullptr && error->message != nullptr ? error->message : "unknown";
     g_clear_error(&error);
+    for (char& c : text) {
+        if (c < 0x20 || c > 0x7E) {
+            c = '?';
+        }
+    }
+    if (text.size() > kMaxBytes) {
+        text.resize(kMaxBytes);
+        text += "…";
+    }
     return text;
 }
 
@@ -54,6 +67,8 @@ struct PeerShared {
     bool closed = false;
     bool connected = false;
     bool failed = false;
+    // The viewer's RTCP is passed on once a second at most, however much of it comes.
+    std::chrono::steady_clock::time_point lastHeard;
     PeerConnection::Events events;
 
     // Runs `act` with the events unless the connection is closing.
@@ -209,7 +224,14 @@ void connectionChanged(GstElement* webrtc, GParamSpec*, gpointer data) {
 
 // RTCP from a source: the only one besides our own sender is the viewer's receiver.
 void rtcpHeard(GstElement*, guint, guint, gpointer data) {
-    static_cast<PeerShared*>(data)->tell([](PeerConnection::Events& events) { events.onHeard(); });
+    auto& shared = *static_cast<PeerShared*>(data);
+    shared.tell([&shared](PeerConnection::Events& events) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - shared.lastHeard >= std::chrono::seconds(1)) {
+            shared.lastHeard = now;
+            events.onHeard();
+        }
+    });
 }
 
 // The viewer's PLI or FIR reaches the source as a request for a key unit.

@@ -28,7 +28,7 @@ class PeerSessions {
     static constexpr std::size_t kMaxPeers = 4;
     // Remote candidates kept per session; more are dropped.
     static constexpr std::size_t kMaxCandidates = 64;
-    // Offers answered per window, over all viewers; more are refused until it ends.
+    // Offers taken per window, over all viewers, refused ones too; more are refused until it ends.
     static constexpr std::size_t kMaxOffersPerWindow = 8;
     static constexpr MainQueue::Duration kOfferWindow{5.0};
     // A session whose connection is not up by then ends.
@@ -85,6 +85,8 @@ class PeerSessions {
     void offer(PeerSignal::Offer offer);
     void candidate(const PeerSignal::Candidate& candidate);
     void relayViewers(std::int64_t count);
+    // Counts an offer, valid or not, against the window's budget; past it, the viewer is refused.
+    bool withinOfferBudget(const std::string& viewerId);
     // Why a new session cannot begin now; absent when it can.
     std::optional<std::string> refusal(const std::string& viewerId);
     PeerConnection::Events events(const std::string& viewerId, std::uint64_t generation);
