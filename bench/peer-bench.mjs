@@ -171,7 +171,10 @@ function timeCodeReader(screenWidth) {
   requestAnimationFrame(tick);
 }
 
-async function openViewer(context, base, { relayOnly }) {
+// Each page in a window of its own: a page behind another would be a background tab, whose
+// animation frames the browser throttles.
+async function openViewer(browser, base, { relayOnly }) {
+  const context = await browser.newContext({ viewport: { width: 1200, height: 1000 } });
   const page = await context.newPage();
   await page.addInitScript(() => {
     const Original = RTCPeerConnection;
@@ -197,6 +200,10 @@ async function openViewer(context, base, { relayOnly }) {
     .waitFor({ timeout: 30_000 });
   await page.locator('#stream-codec[data-value="h264"]').waitFor({ timeout: 30_000 });
   await page.evaluate(timeCodeReader, 1920);
+  const visibility = await page.evaluate(() => document.visibilityState);
+  if (visibility !== "visible") {
+    throw new Error(`a viewer page is ${visibility}: its figures would not count`);
+  }
   return page;
 }
 
@@ -253,17 +260,17 @@ async function run() {
     args: ["--no-sandbox", "--disable-gpu", "--no-first-run", "--disable-background-networking",
       "--disable-component-update", "--disable-sync", "--allow-loopback-in-peer-connection",
       "--disable-features=WebRtcHideLocalIpsWithMdns", "--use-fake-device-for-media-stream",
-      "--use-fake-ui-for-media-stream"],
+      "--use-fake-ui-for-media-stream", "--disable-background-timer-throttling",
+      "--disable-renderer-backgrounding", "--disable-backgrounding-occluded-windows"],
   });
-  const context = await browser.newContext({ viewport: { width: 1200, height: 1000 } });
   const load = () => fs.readFileSync("/proc/loadavg", "utf8").split(" ")[0];
   console.log(`peer-bench: H.264, scale ${opts.scale}, ${opts.fps} fps cap, scene at 60 fps; ` +
     `windows of ${seconds} s`);
 
-  const relayPage = await openViewer(context, base, { relayOnly: true });
+  const relayPage = await openViewer(browser, base, { relayOnly: true });
   await sleep(3000);
   const alone = await cpuPerFrame(relay, "relay viewer alone");
-  const peerPage = await openViewer(context, base, { relayOnly: false });
+  const peerPage = await openViewer(browser, base, { relayOnly: false });
   await sleep(3000);
   for (const page of [relayPage, peerPage]) {
     await page.evaluate(() => (window.benchSamples.length = 0));
@@ -278,7 +285,17 @@ async function run() {
     console.log(`  glass to glass, ${name}: ${samples.length} pictures, p50 ${percentile(samples, 0.5).toFixed(1)} ms, ` +
       `p95 ${percentile(samples, 0.95).toFixed(1)} ms`);
   }
-  const secondPeer = await openViewer(context, base, { relayOnly: false });
+  // Where the browser's own receiving path spends the peer's time, per frame.
+  const inbound = (await peerPage.evaluate(() => window.velmorandViewer.peerStats()))
+    .find((report) => report.type === "inbound-rtp" && report.kind === "video");
+  if (inbound) {
+    const perFrame = (total, count) => ((total / Math.max(count, 1)) * 1000).toFixed(1);
+    console.log(`  the browser's receiving path, per frame: jitter buffer ` +
+      `${perFrame(inbound.jitterBufferDelay, inbound.jitterBufferEmittedCount)} ms, decoding ` +
+      `${perFrame(inbound.totalDecodeTime, inbound.framesDecoded)} ms, arrival to decoded ` +
+      `${perFrame(inbound.totalProcessingDelay, inbound.framesDecoded)} ms`);
+  }
+  const secondPeer = await openViewer(browser, base, { relayOnly: false });
   await sleep(3000);
   const twoPeers = await cpuPerFrame(relay, "relay viewer and two peers");
   console.log(`summary: glass p50 relay ${percentile(glass.relay, 0.5).toFixed(1)} ms, peer-to-peer ` +
