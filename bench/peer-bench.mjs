@@ -20,7 +20,7 @@ import { setTimeout as sleep } from "node:timers/promises";
 import { fileURLToPath, pathToFileURL } from "node:url";
 import { parseArgs } from "node:util";
 
-import { waitFor } from "../tests/e2e/harness.mjs";
+import { keepPeerConnections, waitFor } from "../tests/e2e/harness.mjs";
 
 const kRepo = path.resolve(path.dirname(fileURLToPath(import.meta.url)), "..");
 const kChromium = "/usr/bin/chromium";
@@ -176,16 +176,7 @@ function timeCodeReader(screenWidth) {
 async function openViewer(browser, base, { relayOnly }) {
   const context = await browser.newContext({ viewport: { width: 1200, height: 1000 } });
   const page = await context.newPage();
-  await page.addInitScript(() => {
-    const Original = RTCPeerConnection;
-    window.testPeers = [];
-    window.RTCPeerConnection = function (...args) {
-      const connection = new Original(...args);
-      window.testPeers.push(connection);
-      return connection;
-    };
-    window.RTCPeerConnection.prototype = Original.prototype;
-  });
+  await page.addInitScript(keepPeerConnections);
   if (relayOnly) {
     await page.addInitScript(() => {
       window.RTCPeerConnection = function () {

@@ -200,13 +200,24 @@ Result firstThatOpens(const std::vector<DesktopBackend>& backends, Log& log, Ope
 
 }  // namespace
 
-std::variant<PeerConnectionFactory, std::string> desktopPeers(SettingsStore& shared) {
-    if (auto reason = WebRtcLoad::attempt(shared, GstPeerConnection::loadPlugins)) {
-        return *reason;
-    }
+PeerConnectionFactory desktopPeers(SettingsStore& shared) {
     const char* loopback = std::getenv("VELMORAND_ICE_LOOPBACK");
-    return GstPeerConnection::factory(
+    auto connect = GstPeerConnection::factory(
         {.loopback = loopback != nullptr && std::string_view(loopback) == "1"});
+    // Loaded at the first offer, once: a broadcast no viewer asks for peer-to-peer never has them
+    // in its process.
+    auto loaded = std::make_shared<std::optional<std::optional<std::string>>>();
+    return [&shared, connect = std::move(connect), loaded](PeerConnection::Setup setup,
+                                                           PeerConnection::Events events)
+               -> std::variant<std::unique_ptr<PeerConnection>, std::string> {
+        if (!*loaded) {
+            *loaded = WebRtcLoad::attempt(shared, GstPeerConnection::loadPlugins);
+        }
+        if (const auto& missing = **loaded) {
+            return *missing;
+        }
+        return connect(std::move(setup), std::move(events));
+    };
 }
 
 DesktopFacts desktopFacts(const std::optional<std::string>& forced) {

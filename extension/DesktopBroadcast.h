@@ -4,7 +4,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <variant>
 
 #include "velmorand/extension/Broadcast.h"
 #include "velmorand/extension/DesktopChoice.h"
@@ -25,10 +24,11 @@ struct DesktopServices {
     std::function<void()> shareScreen;
 };
 
-// Peer-to-peer video on this desktop, through GStreamer: the plug-ins loaded under the crash
-// marker in the `shared` settings store, or why there is none. VELMORAND_ICE_LOOPBACK=1 adds
-// 127.0.0.1 to the addresses connections gather on, for tests on a host with only loopback.
-std::variant<PeerConnectionFactory, std::string> desktopPeers(SettingsStore& shared);
+// Peer-to-peer video on this desktop, through GStreamer, whose plug-ins the first offer loads
+// under the crash marker in the `shared` settings store (which outlives the factory); when they
+// cannot be, every offer is refused with the reason. VELMORAND_ICE_LOOPBACK=1 adds 127.0.0.1 to
+// the addresses connections gather on, for tests on a host with only loopback.
+PeerConnectionFactory desktopPeers(SettingsStore& shared);
 
 // Where the portal's grant of a screen cast is kept between broadcasts, so that the person at the
 // device is asked once.

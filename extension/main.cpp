@@ -110,10 +110,6 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& lo
     RelayFrameSink frames(*client);
     PeerFanOut peers(frames);
     auto desktop = desktopServices(desktopFacts(options.desktop), peers, log, std::move(grants));
-    auto peerFactory = desktopPeers(shared);
-    if (auto* reason = std::get_if<std::string>(&peerFactory)) {
-        log.write("webrtc: no peer-to-peer video: " + *reason);
-    }
     if (options.viewOnly) {
         desktop.shareScreen();
     }
@@ -130,9 +126,7 @@ int runBroadcast(int argc, char** argv, const ExtensionOptions& options, Log& lo
          .clock = {},
          .status = status,
          .peers = peers,
-         .makePeer = std::holds_alternative<PeerConnectionFactory>(peerFactory)
-                         ? std::get<PeerConnectionFactory>(std::move(peerFactory))
-                         : PeerConnectionFactory()},
+         .makePeer = desktopPeers(shared)},
         [](int status) { QCoreApplication::exit(status); });
     bool stopped = false;
     StopSignals stopSignals([&log, &stopped](int signal) {

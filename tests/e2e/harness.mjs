@@ -48,3 +48,16 @@ export function browserEnvironment() {
   const { WAYLAND_DISPLAY, DISPLAY, XDG_SESSION_TYPE, ...rest } = process.env;
   return rest;
 }
+
+// For a page's init script: keeps the page's peer connections in window.testPeers, so that a test
+// can cut one off behind the page's back.
+export function keepPeerConnections() {
+  const Original = RTCPeerConnection;
+  window.testPeers = [];
+  window.RTCPeerConnection = function (...args) {
+    const connection = new Original(...args);
+    window.testPeers.push(connection);
+    return connection;
+  };
+  window.RTCPeerConnection.prototype = Original.prototype;
+}

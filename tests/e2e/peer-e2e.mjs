@@ -15,7 +15,7 @@ import { setTimeout as sleep } from "node:timers/promises";
 import { parseArgs } from "node:util";
 
 import { Desktop, kPalette, start, stopAll } from "./desktop.mjs";
-import { browserEnvironment, check, testRun, waitFor } from "./harness.mjs";
+import { browserEnvironment, check, keepPeerConnections, testRun, waitFor } from "./harness.mjs";
 
 const kChromium = "/usr/bin/chromium";
 const kWholeRunMs = 150_000;
@@ -75,17 +75,7 @@ async function openViewer(context, base, { blocked = false } = {}) {
   page.setDefaultTimeout(20_000);
   page.errors = [];
   page.on("pageerror", (error) => page.errors.push(String(error)));
-  // The test's handle on the page's peer connections, to cut one off behind the page's back.
-  await page.addInitScript(() => {
-    const Original = RTCPeerConnection;
-    window.testPeers = [];
-    window.RTCPeerConnection = function (...args) {
-      const connection = new Original(...args);
-      window.testPeers.push(connection);
-      return connection;
-    };
-    window.RTCPeerConnection.prototype = Original.prototype;
-  });
+  await page.addInitScript(keepPeerConnections);
   if (blocked) {
     await page.addInitScript(() => {
       RTCPeerConnection.prototype.addIceCandidate = async () => {};
