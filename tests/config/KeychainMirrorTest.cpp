@@ -42,10 +42,22 @@ TEST_F(ConfigFixture, TeamPrefixComesFromTheProbeItemAddedOnFirstUse) {
 
 TEST_F(ConfigFixture, SavingReplacesTheItemByDeleteThenAdd) {
     SharedConfig& shared = config();
+    // Every field, as the upload extension may find the configuration in the mirror alone.
+    Values b = paired("B");
+    b.appURL = "https://dashboard.example";
+    b.deviceId = "device-B";
+    b.codec = "h264";
+    b.bitrate = 4'000'000;
+    b.fps = 30;
+    b.quality = 0.5;
+    b.scale = 0.75;
+    b.relayRegion = "eu";
+    b.relayOverride = "wss://relay-override.example";
+    b.bridgeUrl = "http://127.0.0.1:8100";
     shared.saveKeychain(paired("A"));
-    shared.saveKeychain(paired("B"));
+    shared.saveKeychain(b);
     EXPECT_EQ(keychain.items.size(), 2u);
-    EXPECT_EQ(shared.loadKeychain(), paired("B"));
+    EXPECT_EQ(shared.loadKeychain(), b);
     // What another reader of the shared group asks for: a generic password of that service,
     // readable once the device was first unlocked, and never carried to another device.
     auto mirror = keychain.items.back();
@@ -67,7 +79,7 @@ TEST_F(ConfigFixture, SavingReplacesTheItemByDeleteThenAdd) {
     notUtf8.deviceName = "\xff\xfe";
     shared.saveKeychain(notUtf8);
     EXPECT_EQ(keychain.removeCount, 2);
-    EXPECT_EQ(shared.loadKeychain(), paired("B"));
+    EXPECT_EQ(shared.loadKeychain(), b);
 
     // An add that fails after the delete leaves no mirror.
     keychain.failAdds = true;
