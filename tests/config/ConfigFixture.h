@@ -65,6 +65,22 @@ class ConfigFixture : public ::testing::Test {
         return values;
     }
 
+    // A record with every field set, so that a copy that drops one shows it.
+    static SharedConfig::Values everyField(const std::string& key) {
+        SharedConfig::Values values = paired(key);
+        values.appURL = "https://dashboard.example";
+        values.deviceId = "device-" + key;
+        values.codec = "h264";
+        values.bitrate = 4'000'000;
+        values.fps = 30;
+        values.quality = 0.5;
+        values.scale = 0.75;
+        values.relayRegion = "eu";
+        values.relayOverride = "wss://relay-override.example";
+        values.bridgeUrl = "http://127.0.0.1:8100";
+        return values;
+    }
+
   protected:
     ConfigFixture() { writeProfile(entitledDir_.path(), kEntitledProfile); }
 

@@ -43,17 +43,7 @@ TEST_F(ConfigFixture, TeamPrefixComesFromTheProbeItemAddedOnFirstUse) {
 TEST_F(ConfigFixture, SavingReplacesTheItemByDeleteThenAdd) {
     SharedConfig& shared = config();
     // Every field, as the upload extension may find the configuration in the mirror alone.
-    Values b = paired("B");
-    b.appURL = "https://dashboard.example";
-    b.deviceId = "device-B";
-    b.codec = "h264";
-    b.bitrate = 4'000'000;
-    b.fps = 30;
-    b.quality = 0.5;
-    b.scale = 0.75;
-    b.relayRegion = "eu";
-    b.relayOverride = "wss://relay-override.example";
-    b.bridgeUrl = "http://127.0.0.1:8100";
+    const Values b = everyField("B");
     shared.saveKeychain(paired("A"));
     shared.saveKeychain(b);
     EXPECT_EQ(keychain.items.size(), 2u);

@@ -120,6 +120,13 @@ const LoadCase kLoadCases[] = {
 INSTANTIATE_TEST_SUITE_P(Matrix, LoadPrecedenceTest, ::testing::ValuesIn(kLoadCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
+TEST_F(ConfigFixture, EveryFieldIsReadBackFromBothStores) {
+    const Values every = everyField("A");
+    config().persist(every);
+    EXPECT_EQ(SharedConfig::values(group()), every);
+    EXPECT_EQ(SharedConfig::values(standard()), every);
+}
+
 TEST_F(ConfigFixture, PersistKeepsAbsentNumbersButErasesAbsentText) {
     const Seed before = {{"fps", std::int64_t{30}},
                          {"quality", 0.7},

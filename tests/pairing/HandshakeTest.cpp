@@ -67,6 +67,14 @@ TEST_F(HandshakeTest, AnswersAreDecodedOrThrown) {
     for (const auto& [answer, expected] : cases) {
         EXPECT_EQ(outcome(answer), expected);
     }
+    // Each went as JSON: the service reads no other body.
+    const std::vector<std::pair<std::string, std::string>> json{
+        {"Content-Type", "application/json"}};
+    ASSERT_EQ(http.requests().size(), std::size(cases));
+    for (const auto& request : http.requests()) {
+        EXPECT_EQ(request.method, "POST");
+        EXPECT_EQ(request.headers, json);
+    }
 }
 
 }  // namespace
