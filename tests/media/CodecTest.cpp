@@ -116,10 +116,13 @@ TEST(CodecTest, H264DecodesBackWithKeyFramesOnlyWhenAsked) {
 TEST(CodecTest, RefusesWhatDoesNotFit) {
     for (const H264SessionSettings settings :
          {H264SessionSettings{127, 96, 30, 1000}, H264SessionSettings{128, 0, 30, 1000},
-          H264SessionSettings{128, 96, 0, 1000}, H264SessionSettings{128, 96, 30, -5}}) {
+          H264SessionSettings{128, 96, 0, 1000}, H264SessionSettings{128, 96, 30, 0}}) {
         EXPECT_TRUE(std::holds_alternative<EncodeError>(X264CompressionSession::open(settings)))
             << settings.width << "x" << settings.height << "@" << settings.frameRate;
     }
+    // The smallest picture 4:2:0 can carry still fits.
+    EXPECT_TRUE(std::holds_alternative<std::unique_ptr<H264CompressionSession>>(
+        X264CompressionSession::open(H264SessionSettings{2, 2, 30, 1000})));
     I420Picture small;
     small.resize(64, 48);
     I420Picture hollow;  // claims a size its planes lack

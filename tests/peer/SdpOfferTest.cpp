@@ -62,8 +62,11 @@ TEST(SdpOfferTest, PicksTheFirstConstrainedBaselineFormatWithPacketizationModeOn
          std::string("the offer has no constrained-baseline H.264 with packetization-mode 1")},
         {videoWith("100", h264 + "a=fmtp:100 packetization-mode=1;profile-level-id=640032\n"),
          std::string("the offer has no constrained-baseline H.264 with packetization-mode 1")},
-        // Reserved bits set, a short profile, none at all (which means plain baseline).
+        // Reserved bits set, a level that is not hex, a short profile, none at all (which means
+        // plain baseline).
         {videoWith("100", h264 + "a=fmtp:100 packetization-mode=1;profile-level-id=42e11f\n"),
+         std::string("the offer has no constrained-baseline H.264 with packetization-mode 1")},
+        {videoWith("100", h264 + "a=fmtp:100 packetization-mode=1;profile-level-id=42e01z\n"),
          std::string("the offer has no constrained-baseline H.264 with packetization-mode 1")},
         {videoWith("100", h264 + "a=fmtp:100 packetization-mode=1;profile-level-id=42e0\n"),
          std::string("the offer has no constrained-baseline H.264 with packetization-mode 1")},

@@ -49,5 +49,24 @@ TEST(UrlComponentsTest, AppendingQueryItemEncodesForAQueryComponent) {
     EXPECT_EQ(itemsOf(*roundTrip), (Items{{"a&b", "1+1 %"}}));
 }
 
+// Pair links and answers arrive escaped by whatever wrote them, in either case.
+TEST(UrlComponentsTest, EscapesDecodeInEitherCaseAndMalformedOnesAreRefused) {
+    const std::pair<std::string_view, std::optional<std::string>> cases[] = {
+        {"", ""},
+        {"a+b", "a+b"},
+        {"%3A%2F%3a%2f", ":/:/"},
+        {"caf%C3%A9", "caf\u00E9"},
+        {"caf%c3%a9", "caf\u00E9"},
+        {"%Aa", std::nullopt},  // a byte that is not UTF-8 on its own
+        {"100%", std::nullopt},
+        {"%4", std::nullopt},
+        {"%g1", std::nullopt},
+        {"%1g", std::nullopt},
+    };
+    for (const auto& [text, decoded] : cases) {
+        EXPECT_EQ(percentDecoded(text), decoded) << text;
+    }
+}
+
 }  // namespace
 }  // namespace velmorand

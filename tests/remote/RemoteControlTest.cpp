@@ -258,6 +258,7 @@ TEST_F(RemoteControlTest, KeysTextAndDesktopActionsAreCarriedOutOrRefusedWithARe
     using C = Control;
     const std::string enter = std::to_string(static_cast<int>(NamedKey::enter));
     const std::string control = std::to_string(static_cast<int>(NamedKey::control));
+    const std::string shift = std::to_string(static_cast<int>(NamedKey::shift));
     const auto refused = [](std::string why) { return RemoteControl::Outcome{std::move(why), {}}; };
     const RemoteControl::Outcome done;
     const std::vector<std::tuple<C::Command, Lines, RemoteControl::Outcome>> rows = {
@@ -268,6 +269,10 @@ TEST_F(RemoteControlTest, KeysTextAndDesktopActionsAreCarriedOutOrRefusedWithARe
         {C::Text{std::string(10'001, 'x')}, {}, refused("more than 10,000 characters")},
         {C::Key{"ctrl+a"},
          {"key " + control + " down", "char 97 down", "char 97 up", "key " + control + " up"},
+         done},
+        {C::Key{"shift+enter"},
+         {"key " + shift + " down", "key " + enter + " down", "key " + enter + " up",
+          "key " + shift + " up"},
          done},
         {C::Key{"hyper+q"}, {}, refused("not a key name")},
         {C::Button{"power"}, {}, refused("not a button name")},

@@ -237,9 +237,12 @@ TEST(WaylandInputInjectorTest, APressLandsOnThePixelAndWhatIsHeldIsLetGoAtTheEnd
         WaylandInputInjector injector([session] { return session; }, std::nullopt);
         injector.movePointer(10, 20);
         injector.setLeftButton(true);
+        injector.setKey(NamedKey::enter, true);
+        injector.setKey(NamedKey::enter, false);
         injector.setKey(NamedKey::shift, true);
     }
-    EXPECT_EQ(session->sent, "move 10.5,20.5 button↓ Shift_L↓ Shift_L↑ button↑");
+    // A key already let go is not let go again, however many were typed before.
+    EXPECT_EQ(session->sent, "move 10.5,20.5 button↓ Return↓ Return↑ Shift_L↓ Shift_L↑ button↑");
 }
 
 }  // namespace
