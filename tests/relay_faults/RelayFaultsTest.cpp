@@ -45,6 +45,24 @@ std::string reconnecting(const char* seconds) {
     return logged(std::string("reconnecting in ") + seconds + "s");
 }
 
+// The Qt session, with a weak hold kept on every task it makes: which of them it let go.
+class TaskWatchingSession : public WebSocketSession {
+  public:
+    TaskWatchingSession(std::unique_ptr<WebSocketSession> session,
+                        std::vector<std::weak_ptr<WebSocketTask>>& tasks)
+        : session_(std::move(session)), tasks_(tasks) {}
+
+    std::shared_ptr<WebSocketTask> makeTask(const WebSocketRequest& request) override {
+        auto task = session_->makeTask(request);
+        tasks_.push_back(task);
+        return task;
+    }
+
+  private:
+    std::unique_ptr<WebSocketSession> session_;
+    std::vector<std::weak_ptr<WebSocketTask>>& tasks_;
+};
+
 // One client on one scripted relay; every fixture below derives from it.
 class Link {
   protected:
@@ -52,8 +70,12 @@ class Link {
         : socketThread_(socketThread), relay_(std::move(tls)) {}
 
     void start() {
+        auto watched = [this, factory = QtWebSocketSession::factory(socketThread_)](
+                           std::shared_ptr<WebSocketSessionDelegate> delegate) {
+            return std::make_unique<TaskWatchingSession>(factory(std::move(delegate)), tasks_);
+        };
         client_ = RelayClient::make(relay_.base(), "device-token",
-                                    {queue_, log_, QtWebSocketSession::factory(socketThread_), {}});
+                                    {queue_, log_, std::move(watched), {}});
         client_->setReconnectPolicy(kPolicy);
         client_->setRequestTimeout(kRequestTimeout);
         client_->onOpen = [this] { ++opens_; };
@@ -114,6 +136,7 @@ class Link {
     int controls_ = 0;
     int controlsBeforeRejection_ = -1;
     std::size_t mark_ = 0;
+    std::vector<std::weak_ptr<WebSocketTask>> tasks_;
     // Last, so that it goes first: its session before the queue and the relay.
     std::shared_ptr<RelayClient> client_;
 };
@@ -176,6 +199,9 @@ TEST_P(RelayBrokenLinkTest, LogsOnceReconnectsOnceAndRecovers) {
     expectRecovery();
     EXPECT_THAT(newLines(), ElementsAreArray(broken.lines));
     EXPECT_EQ(authRejections_, broken.authRejections);
+    // Only the link in use is still held: a relay that keeps breaking links costs no memory.
+    ASSERT_EQ(tasks_.size(), 2u);
+    EXPECT_TRUE(tasks_.front().expired());
 }
 
 QByteArray probeBytes(std::int64_t t) {
