@@ -10,6 +10,8 @@
 #include <mutex>
 #include <utility>
 
+#include "velmorand/gst/GstIceServerUri.h"
+
 namespace velmorand {
 namespace {
 
@@ -38,25 +40,6 @@ std::string errorText(GError* error) {
         text += "…";
     }
     return text;
-}
-
-// A browser's "stun:host:port" or "turn:host:port?transport=udp" as webrtcbin writes them, with
-// a TURN server's credentials inside.
-std::string gstUri(const std::string& url, const IceServer& server) {
-    const auto colon = url.find(':');
-    const std::string scheme = url.substr(0, colon);
-    std::string rest = colon == std::string::npos ? "" : url.substr(colon + 1);
-    if (rest.starts_with("//")) {
-        rest.erase(0, 2);
-    }
-    if (scheme == "turn" || scheme == "turns") {
-        gchar* user = g_uri_escape_string(server.username.c_str(), nullptr, FALSE);
-        gchar* password = g_uri_escape_string(server.credential.c_str(), nullptr, FALSE);
-        rest = std::string(user) + ":" + password + "@" + rest;
-        g_free(user);
-        g_free(password);
-    }
-    return scheme + "://" + rest;
 }
 
 }  // namespace
@@ -278,7 +261,7 @@ void useIceServers(GstElement* webrtc, const std::vector<IceServer>& servers) {
     bool haveStun = false;
     for (const auto& server : servers) {
         for (const auto& url : server.urls) {
-            const std::string uri = gstUri(url, server);
+            const std::string uri = gstIceServerUri(url, server);
             if (uri.starts_with("stun://") || uri.starts_with("stuns://")) {
                 if (!std::exchange(haveStun, true)) {
                     g_object_set(webrtc, "stun-server", uri.c_str(), nullptr);
