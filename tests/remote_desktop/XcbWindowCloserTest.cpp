@@ -1,10 +1,6 @@
 #include "velmorand/x11/XcbWindowCloser.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <xcb/xcb.h>
 
 #include <cstdlib>
@@ -16,53 +12,10 @@
 #include <variant>
 #include <vector>
 
+#include "SpawnedServer.h"
+
 namespace velmorand {
 namespace {
-
-// A private X server for one test: the closer is judged by what a real server delivers.
-class PrivateXServer {
-  public:
-    PrivateXServer() {
-        int pipeFds[2];
-        if (::pipe(pipeFds) != 0) {
-            return;
-        }
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::close(pipeFds[0]);
-            const std::string fd = std::to_string(pipeFds[1]);
-            ::execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-nolisten", "tcp", "-screen", "0",
-                     "64x64x24", static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ::close(pipeFds[1]);
-        // Xvfb writes the display number it took once it accepts clients.
-        std::string number;
-        pollfd ready{pipeFds[0], POLLIN, 0};
-        char c = 0;
-        while (::poll(&ready, 1, 10'000) == 1 && ::read(pipeFds[0], &c, 1) == 1 && c != '\n') {
-            number += c;
-        }
-        ::close(pipeFds[0]);
-        if (!number.empty()) {
-            display_ = ":" + number;
-        }
-    }
-    ~PrivateXServer() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGTERM);
-            ::waitpid(pid_, nullptr, 0);
-        }
-    }
-    PrivateXServer(const PrivateXServer&) = delete;
-    PrivateXServer& operator=(const PrivateXServer&) = delete;
-
-    const std::string& display() const { return display_; }
-
-  private:
-    pid_t pid_ = -1;
-    std::string display_;
-};
 
 struct Window {
     std::string_view wmClass;  // instance and class, each ended by a NUL; empty: none
@@ -192,7 +145,7 @@ class XcbWindowCloserTest : public ::testing::Test {
         closer_ = std::move(std::get<std::unique_ptr<WindowCloser>>(opened));
     }
 
-    PrivateXServer server_;
+    testing::PrivateXServer server_;
     std::unique_ptr<Desktop> desktop_;
     std::unique_ptr<WindowCloser> closer_;
 };
@@ -237,7 +190,7 @@ TEST(XcbWindowCloserManagerTest, AManagerIsAskedForItsListedClientsOrTheWindowsT
         {true, false, "WM_DELETE_WINDOW", true, "a dead manager's properties are ignored"},
     };
     for (const auto& c : cases) {
-        PrivateXServer server;
+        testing::PrivateXServer server;
         ASSERT_FALSE(server.display().empty());
         Desktop desktop(server.display());
         const xcb_window_t listed = desktop.create({"editor\0Editor\0"sv});

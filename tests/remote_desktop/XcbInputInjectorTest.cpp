@@ -1,0 +1,147 @@
+// A broadcast that died while it had keycodes bound for characters the layout lacks: the next one
+// gives back exactly those it finds as they were lent, and only once their owner is gone.
+#include "velmorand/x11/XcbInputInjector.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <xcb/xcb.h>
+#include <xkbcommon/xkbcommon-keysyms.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "SpawnedServer.h"
+
+namespace velmorand {
+namespace {
+
+// A process id nobody has: a child already reaped.
+std::uint32_t deadPid() {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(0);
+    }
+    ::waitpid(child, nullptr, 0);
+    return static_cast<std::uint32_t>(child);
+}
+
+// The display's keyboard mapping and the injectors' record, as any other client sees them.
+class Keyboard {
+  public:
+    explicit Keyboard(const std::string& display)
+        : connection_(xcb_connect(display.c_str(), nullptr)) {
+        const xcb_setup_t* setup = xcb_get_setup(connection_);
+        min = setup->min_keycode;
+        max = setup->max_keycode;
+        root_ = xcb_setup_roots_iterator(setup).data->root;
+    }
+    ~Keyboard() { xcb_disconnect(connection_); }
+    Keyboard(const Keyboard&) = delete;
+    Keyboard& operator=(const Keyboard&) = delete;
+
+    std::vector<xcb_keysym_t> row(int keycode) {
+        std::unique_ptr<xcb_get_keyboard_mapping_reply_t, decltype(&std::free)> reply(
+            xcb_get_keyboard_mapping_reply(
+                connection_,
+                xcb_get_keyboard_mapping(connection_, static_cast<xcb_keycode_t>(keycode), 1),
+                nullptr),
+            &std::free);
+        if (!reply) {
+            return {};
+        }
+        const xcb_keysym_t* first = xcb_get_keyboard_mapping_keysyms(reply.get());
+        return {first, first + reply->keysyms_per_keycode};
+    }
+
+    bool unbound(int keycode) {
+        const auto keysyms = row(keycode);
+        return std::all_of(keysyms.begin(), keysyms.end(),
+                           [](xcb_keysym_t keysym) { return keysym == XKB_KEY_NoSymbol; });
+    }
+
+    void bind(int keycode, std::vector<xcb_keysym_t> keysyms) {
+        keysyms.resize(row(min).size(), XKB_KEY_NoSymbol);
+        xcb_change_keyboard_mapping(connection_, 1, static_cast<xcb_keycode_t>(keycode),
+                                    static_cast<std::uint8_t>(keysyms.size()), keysyms.data());
+        sync();
+    }
+
+    // What a broadcast leaves on the root window: its process id, then the keycodes it lent.
+    void record(const std::vector<std::uint32_t>& values) {
+        std::unique_ptr<xcb_intern_atom_reply_t, decltype(&std::free)> atom(
+            xcb_intern_atom_reply(connection_,
+                                  xcb_intern_atom(connection_, 0, 25, "_VELMORAND_INPUT_INJECTOR"),
+                                  nullptr),
+            &std::free);
+        ASSERT_TRUE(atom);
+        xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, root_, atom->atom,
+                            XCB_ATOM_CARDINAL, 32, static_cast<std::uint32_t>(values.size()),
+                            values.data());
+        sync();
+    }
+
+    int min = 0;
+    int max = 0;
+
+  private:
+    void sync() {
+        std::free(
+            xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
+    }
+
+    xcb_connection_t* connection_;
+    xcb_window_t root_ = XCB_NONE;
+};
+
+void openInjector(const std::string& display) {
+    auto opened = XcbInputInjector::open(display.c_str());
+    ASSERT_TRUE(std::holds_alternative<std::unique_ptr<InputInjector>>(opened))
+        << std::get<std::string>(opened);
+}
+
+TEST(XcbInputInjectorTest, ADeadBroadcastsLentKeycodesAndOnlyThoseAreGivenBack) {
+    testing::PrivateXServer server;
+    ASSERT_FALSE(server.display().empty()) << "Xvfb did not start";
+    Keyboard keyboard(server.display());
+    const xcb_keysym_t e = XKB_KEY_eacute;
+    const struct {
+        int keycode;
+        std::vector<xcb_keysym_t> binding;
+        bool givenBack;
+        const char* what;
+    } cases[] = {
+        {keyboard.max, {e, e}, true, "lent, the highest keycode"},
+        {keyboard.min, {e, e}, true, "lent, the lowest keycode"},
+        {keyboard.max - 1, {e, e, e, e}, true, "lent, repeated into every group"},
+        {keyboard.max - 2, {e, XKB_KEY_Eacute}, false, "bound differently since"},
+    };
+    std::vector<std::uint32_t> record{deadPid()};
+    for (const auto& c : cases) {
+        keyboard.bind(c.keycode, c.binding);
+        record.push_back(static_cast<std::uint32_t>(c.keycode));
+    }
+    // Beyond any keycode: read, and left alone.
+    record.push_back(256);
+    keyboard.record(record);
+
+    openInjector(server.display());
+    for (const auto& c : cases) {
+        EXPECT_EQ(keyboard.unbound(c.keycode), c.givenBack) << c.what;
+    }
+
+    // A broadcast still running keeps what it lent.
+    keyboard.bind(keyboard.max, {e, e});
+    keyboard.record(
+        {static_cast<std::uint32_t>(::getpid()), static_cast<std::uint32_t>(keyboard.max)});
+    openInjector(server.display());
+    EXPECT_FALSE(keyboard.unbound(keyboard.max)) << "taken from a live broadcast";
+}
+
+}  // namespace
+}  // namespace velmorand
