@@ -69,6 +69,30 @@ TEST(TouchControl, TheStatusCheckSetsOnlyTheTouchControlLine) {
     }
 }
 
+// The service's answer to a start is the line until the follow-up check replaces it.
+TEST(TouchControl, AStartIsQueuedOrRefusedInTheServicesWords) {
+    const struct {
+        HttpOutcome answer;
+        std::string text;
+        bool failure;
+    } cases[] = {
+        {answer(202, R"({"message":"Queued behind 2"})"), "Queued behind 2", false},
+        {answer(200, "{}"), "Queued — WDA starts in ~30s", false},
+        {answer(409, R"({"error":"No Mac is free"})"), "No Mac is free", true},
+        {answer(500, "<html>"), "Start refused (500)", true},
+        {transportError("Timed out."), "Start failed: Timed out.", true},
+    };
+    for (const auto& c : cases) {
+        testing::PairingHarness h;
+        h.update([](auto& values) { values.accessKey = "K"; });
+        h.http.route("POST", kBridgeURL, c.answer);
+        h.model->startWda();
+        h.queue.runReady();
+        EXPECT_EQ(h.model->wdaStatus(), c.text);
+        EXPECT_EQ(h.model->touchControlFailed(), c.failure) << c.text;
+    }
+}
+
 // Without an access key the service cannot be asked; a paired device is told how to mend that.
 TEST(TouchControl, WithoutAnAccessKeyTheServiceIsNotAsked) {
     const struct {

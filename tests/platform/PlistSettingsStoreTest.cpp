@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -55,6 +56,8 @@ TEST_F(PlistSettingsStoreTest, ValuesKeepTheirTypeThroughAPrivateFile) {
         }
         writer.synchronize();
     }
+    // Left by a signal that interrupted some earlier call: the read still ends at end of file.
+    errno = EINTR;
     PlistSettingsStore reader(file);
     for (const auto& [key, value] : values) {
         EXPECT_EQ(reader.object(key), value) << key;
@@ -64,6 +67,40 @@ TEST_F(PlistSettingsStoreTest, ValuesKeepTheirTypeThroughAPrivateFile) {
     EXPECT_EQ(modeOf(file.string() + ".lock"), 0600u);
     EXPECT_EQ(modeOf(file.parent_path()), 0700u);
     EXPECT_EQ(modeOf(dir.path() / "deep"), 0700u);
+}
+
+// A damaged file is set aside before it is replaced; while it cannot be, it stays, and the
+// changes wait for the next synchronize.
+TEST_F(PlistSettingsStoreTest, ADamagedFileIsSetAsideOrKept) {
+    const std::string damage = "<plist>cut off";
+    const auto aside = std::filesystem::path(file.string() + ".corrupt");
+    const auto contentOf = [](const std::filesystem::path& path) {
+        std::ostringstream content;
+        content << std::ifstream(path).rdbuf();
+        return content.str();
+    };
+    for (const bool asideBlocked : {false, true}) {
+        SCOPED_TRACE(asideBlocked ? "no room beside it at first" : "set aside");
+        std::filesystem::remove_all(dir.path());
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << damage;
+        if (asideBlocked) {
+            std::filesystem::create_directories(aside / "occupied");
+        }
+        PlistSettingsStore store(file);
+        store.setObject("value", std::string("new"));
+        store.synchronize();
+        EXPECT_EQ(store.object("value"), StoredValue(std::string("new")));
+        if (asideBlocked) {
+            EXPECT_EQ(contentOf(file), damage);
+            std::filesystem::remove_all(aside);
+            store.synchronize();
+        }
+        EXPECT_EQ(contentOf(aside), damage);
+        const auto tree = parsedFile(file);
+        ASSERT_TRUE(tree);
+        EXPECT_EQ((*tree)["value"], "new");
+    }
 }
 
 TEST_F(PlistSettingsStoreTest, AWriterKilledAtAnyMomentLeavesOldOrNewContent) {
