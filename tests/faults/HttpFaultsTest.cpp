@@ -59,10 +59,10 @@ class HttpFaults : public ::testing::Test, protected InMemoryConfig {
         return waitFor([&] { model->pair(kAccessKey); }, [&] { return model->status(); },
                        "Pairing…", limit);
     }
-    std::pair<std::string, qint64> touch(void (PairingModel::*operation)(),
-                                         const std::string& from) {
-        return waitFor([&] { (model.get()->*operation)(); }, [&] { return model->wdaStatus(); },
-                       from, 20s);
+    // The touch-control line once the service has been asked for its state.
+    std::pair<std::string, qint64> checkTouchControl() {
+        return waitFor([&] { model->refreshWdaStatus(); }, [&] { return model->wdaStatus(); }, "",
+                       20s);
     }
 
     // Read by the client when it is made, hence first.
@@ -93,41 +93,36 @@ TEST_F(HttpFaults, EachFaultEndsInItsStatusLineWithoutFollowingOrTrustingIt) {
         const char* name;
         QByteArray answer;
         std::optional<ScriptedServer::Tls> tls;
-        void (PairingModel::*touch)();
+        bool checksTouchControl;
         std::string prefix;
         const char* mentions;
     } cases[] = {
-        {"pair truncated", truncated(kHandshakeBody), {}, nullptr, "Pairing failed: ", ""},
-        {"pair insecure redirect", redirect, trusted, nullptr,
+        {"pair truncated", truncated(kHandshakeBody), {}, false, "Pairing failed: ", ""},
+        {"pair insecure redirect", redirect, trusted, false,
          "Pairing failed: ", "Redirected from https to http"},
         {"pair 407",
          httpAnswer(407, R"({"error":"Proxy says no"})"),
          {},
-         nullptr,
+         false,
          "Pairing failed: Handshake 407: Proxy says no",
          nullptr},
-        {"pair misnamed", httpAnswer(200, kHandshakeBody), misnamed, nullptr,
+        {"pair misnamed", httpAnswer(200, kHandshakeBody), misnamed, false,
          "Pairing failed: ", "host name"},
         {"pair too large",
          httpAnswer(200, std::string(QtHttpClient::kDefaultMaxBodyBytes + 1, ' ')),
          {},
-         nullptr,
+         false,
          "Pairing failed: Response too large",
          nullptr},
-        {"status expired", httpAnswer(200, R"({"wdaStatus":"idle"})"), expiredCertificate(),
-         &PairingModel::refreshWdaStatus, "Can't reach Velmorand: ", "expired"},
+        {"status expired", httpAnswer(200, R"({"wdaStatus":"idle"})"), expiredCertificate(), true,
+         "Can't reach Velmorand: ", "expired"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         ScriptedServer server(c.answer, c.tls);
         makeModel(server.baseUrl());
         storePairing(server.baseUrl());
-        const auto status = c.touch == nullptr
-                                ? pair().first
-                                : touch(c.touch, c.touch == &PairingModel::startWda
-                                                     ? "Queuing touch control on Velmorand Mac…"
-                                                     : "")
-                                      .first;
+        const auto status = c.checksTouchControl ? checkTouchControl().first : pair().first;
         if (c.mentions == nullptr) {
             EXPECT_EQ(status, c.prefix);
         } else {
@@ -158,7 +153,7 @@ TEST_F(HttpFaults, OnlyAReadyLocalServerShowsActiveAndNoneTakesLongerThanTwoSeco
         SCOPED_TRACE(name);
         makeModel(service.baseUrl(), url);
         storePairing(service.baseUrl());
-        const auto [status, elapsed] = touch(&PairingModel::refreshWdaStatus, "");
+        const auto [status, elapsed] = checkTouchControl();
         EXPECT_EQ(status, expected);
         EXPECT_LT(elapsed, 4000);
         if (timesOut) {

@@ -14,18 +14,6 @@ namespace {
 
 using Outbound = RelayOutbound<std::string>;
 
-// Records each transmit as "socket:text" and keeps its release for the test to call.
-struct Recorder {
-    std::vector<std::string> sent;
-    std::vector<Outbound::Release> releases;
-    auto transmit() {
-        return [this](const std::string& socket, const auto& text, const auto&, auto release) {
-            sent.push_back(socket + ":" + text.value_or("<binary>"));
-            releases.push_back(std::move(release));
-        };
-    }
-};
-
 // Frames: reserved until released, numbered per socket, refused past the budget.
 TEST(RelayOutbound, ReservationsCountAgainstTheBudgetUntilReleased) {
     auto outbound = Outbound::make();
