@@ -67,6 +67,22 @@ TEST(FrameCopyTest, ALayoutTheBufferCannotHoldIsRefused) {
     }
 }
 
+TEST(FrameCopyTest, APictureIsTakenUpToAn8KMonitorsPixels) {
+    const struct {
+        std::int64_t width;
+        std::int64_t height;
+        bool accepted;
+    } rows[] = {
+        {7680, 4320, true},   {7681, 4320, false}, {4320, 7680, true}, {16384, 2025, true},
+        {16384, 2026, false}, {16385, 1, false},   {1, 16385, false},  {1, 1, true},
+        {0, 1, false},        {1, -1, false},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(acceptedPictureSize(row.width, row.height), row.accepted)
+            << row.width << "x" << row.height;
+    }
+}
+
 // A layout's keymap as a compositor would send it.
 std::string keymapText(const char* layout) {
     std::unique_ptr<xkb_context, decltype(&xkb_context_unref)> context(

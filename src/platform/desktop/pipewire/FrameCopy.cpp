@@ -4,11 +4,15 @@
 
 namespace velmorand {
 
+bool acceptedPictureSize(std::int64_t width, std::int64_t height) {
+    constexpr std::int64_t kLargestPicture = 7680 * 4320;
+    return width > 0 && height > 0 && width <= kLargestPictureSide &&
+           height <= kLargestPictureSide && width * height <= kLargestPicture;
+}
+
 bool copyToBgrx(std::span<const std::uint8_t> buffer, PixelOrder order, const FrameLayout& layout,
                 std::vector<std::uint8_t>& out) {
-    constexpr std::int64_t kLargestSide = 1 << 15;
-    if (layout.width <= 0 || layout.height <= 0 || layout.width > kLargestSide ||
-        layout.height > kLargestSide) {
+    if (!acceptedPictureSize(layout.width, layout.height)) {
         return false;
     }
     const auto rowBytes = static_cast<std::int64_t>(layout.width) * 4;

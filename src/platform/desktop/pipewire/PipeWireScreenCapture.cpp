@@ -14,11 +14,6 @@
 namespace velmorand {
 namespace {
 
-constexpr std::uint32_t kLargestSide = 16384;
-// An 8K monitor's pixels: a picture is held three times over (arriving, newest, taken), and a
-// compositor's word on its size must not make that gigabytes.
-constexpr std::uint64_t kLargestPicture = 7680ULL * 4320ULL;
-
 // Whether the memory PipeWire mapped for `data` is all there: a file the compositor made shorter
 // than it said would end the process (SIGBUS) when read past its end.
 bool backed(const spa_data& data) {
@@ -66,7 +61,7 @@ const spa_pod* formats(spa_pod_builder& builder) {
     spa_pod_builder_push_choice(&builder, &choice, SPA_CHOICE_Range, 0);
     spa_pod_builder_rectangle(&builder, 1920, 1080);
     spa_pod_builder_rectangle(&builder, 1, 1);
-    spa_pod_builder_rectangle(&builder, kLargestSide, kLargestSide);
+    spa_pod_builder_rectangle(&builder, kLargestPictureSide, kLargestPictureSide);
     spa_pod_builder_pop(&builder, &choice);
     spa_pod_builder_prop(&builder, SPA_FORMAT_VIDEO_framerate, 0);
     spa_pod_builder_push_choice(&builder, &choice, SPA_CHOICE_Range, 0);
@@ -250,9 +245,7 @@ void PipeWireScreenCapture::formatChanged(const void* param) {
         return;
     }
     const auto order = pixelOrder(info.format);
-    if (!order || info.size.width == 0 || info.size.height == 0 || info.size.width > kLargestSide ||
-        info.size.height > kLargestSide ||
-        std::uint64_t{info.size.width} * info.size.height > kLargestPicture) {
+    if (!order || !acceptedPictureSize(info.size.width, info.size.height)) {
         ended("the screen cast offered no picture format this program reads");
         return;
     }

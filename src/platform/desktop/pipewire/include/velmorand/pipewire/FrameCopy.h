@@ -20,6 +20,13 @@ struct FrameLayout {
     std::size_t offset = 0;
 };
 
+constexpr std::int64_t kLargestPictureSide = 16384;
+
+// Whether a picture of this size is one this program takes: no side empty or beyond the largest,
+// and no more pixels than an 8K monitor's. A picture is held three times over (arriving, newest,
+// taken), and another process's word on its size must not make that gigabytes.
+bool acceptedPictureSize(std::int64_t width, std::int64_t height);
+
 // Copies the picture `layout` describes out of `buffer` into `out` as rows of B, G, R, X bytes
 // (width * 4 each, no padding), whatever the buffer's pixel order. The buffer comes from another
 // process: false, and `out` untouched, when the layout does not fit inside it.
