@@ -45,22 +45,21 @@ std::string reconnecting(const char* seconds) {
     return logged(std::string("reconnecting in ") + seconds + "s");
 }
 
+// What a relay that stops reading is given up for.
+const std::string kStalled = "The peer has stopped reading what is sent to it";
+
 // The Qt session, with a weak hold kept on every task it makes: which of them it let go.
-class TaskWatchingSession : public WebSocketSession {
-  public:
+struct TaskWatchingSession : WebSocketSession {
     TaskWatchingSession(std::unique_ptr<WebSocketSession> session,
                         std::vector<std::weak_ptr<WebSocketTask>>& tasks)
-        : session_(std::move(session)), tasks_(tasks) {}
-
+        : session(std::move(session)), tasks(tasks) {}
     std::shared_ptr<WebSocketTask> makeTask(const WebSocketRequest& request) override {
-        auto task = session_->makeTask(request);
-        tasks_.push_back(task);
+        auto task = session->makeTask(request);
+        tasks.push_back(task);
         return task;
     }
-
-  private:
-    std::unique_ptr<WebSocketSession> session_;
-    std::vector<std::weak_ptr<WebSocketTask>>& tasks_;
+    std::unique_ptr<WebSocketSession> session;
+    std::vector<std::weak_ptr<WebSocketTask>>& tasks;
 };
 
 // One client on one scripted relay; every fixture below derives from it.
@@ -104,12 +103,13 @@ class Link {
     // Waits until `count` reconnects have been logged since the mark.
     bool waitForReconnects(int count) {
         return pumpUntil([&] {
-            const auto lines = newLines();
-            return std::count_if(lines.begin(), lines.end(), [](const auto& line) {
+            return std::ranges::count_if(newLines(), [](const auto& line) {
                        return line.starts_with(logged("reconnecting in "));
                    }) >= count;
         });
     }
+    // Whether the link was given up for a stall since the mark.
+    bool stalled() const { return std::ranges::count(newLines(), recvError(kStalled)) > 0; }
 
     // The relay turns healthy: the client must open again, answer its probe, and then stay put
     // (a second pending reconnect would show up as another connection).
@@ -227,7 +227,7 @@ const BrokenLink kBrokenLinks[] = {
      [](RelayPeer& peer) { peer.sendRaw(frame(0x1, "{\"type\":\"\xff\xfe\"}")); },
      {logged("closed code=1007 Invalid UTF-8 code encountered."), reconnecting("0.1")}},
     {"ReservedBits",
-     [](RelayPeer& peer) { peer.sendRaw(frame(0x1, probeBytes(1), true, 0x40)); },
+     [](RelayPeer& peer) { peer.sendRaw(frame(0x1, probeBytes(1), 0x40)); },
      {logged("closed code=1002 Rsv field is non-zero"), reconnecting("0.1")}},
     {"Close4401",
      [](RelayPeer& peer) { peer.sendClose(4401, "token rejected"); },
@@ -246,11 +246,7 @@ const BrokenLink kBrokenLinks[] = {
     // Refused by its header: nothing of its half gigabyte is read or kept.
     {"MessageOverTheLimit",
      [](RelayPeer& peer) {
-         QByteArray header("\x81\x7f", 2);
-         for (int shift = 56; shift >= 0; shift -= 8) {
-             header.append(static_cast<char>(((512ULL << 20) >> shift) & 0xFF));
-         }
-         peer.sendRaw(header + QByteArray(64 * 1024, 'x'));
+         peer.sendRaw(frameHeader(0x1, 512ULL << 20) + QByteArray(64 * 1024, 'x'));
      },
      {logged("closed code=1009 Maximum framesize exceeded."), reconnecting("0.1")}},
 };
@@ -318,15 +314,10 @@ TEST_P(RelayFaultsTest, FramesWrittenWithTheCloseComeBeforeIt) {
 TEST_P(RelayFaultsTest, ALinkThatStopsDrainingIsGivenUp) {
     startHealthy();
     relay_.latest()->stopReading();
-    const std::string stalled = recvError("The peer has stopped reading what is sent to it");
-    const auto given = [&] {
-        const auto lines = newLines();
-        return std::find(lines.begin(), lines.end(), stalled) != lines.end();
-    };
     // Past the bound at once; slowly, through the stall (the extension's own choice of thread).
     const bool slowly = GetParam() == SocketThread::caller;
     const auto started = std::chrono::steady_clock::now();
-    while (!given()) {
+    while (!stalled()) {
         ASSERT_LT(std::chrono::steady_clock::now() - started, 30s) << "never given up";
         client_->transmit(std::string(slowly ? 64 * 1024 : 1024 * 1024, 'x'), std::nullopt);
         pumpFor(slowly ? 50ms : 1ms);
@@ -334,10 +325,8 @@ TEST_P(RelayFaultsTest, ALinkThatStopsDrainingIsGivenUp) {
     ASSERT_TRUE(waitForReconnects(1));
     expectRecovery();
     // The sends the link took with it are one story, told once.
-    EXPECT_THAT(newLines(),
-                ElementsAreArray({logged("send error: The peer has stopped reading what "
-                                         "is sent to it"),
-                                  stalled, reconnecting("0.1")}));
+    EXPECT_THAT(newLines(), ElementsAreArray({logged("send error: " + kStalled),
+                                              recvError(kStalled), reconnecting("0.1")}));
     EXPECT_EQ(std::chrono::steady_clock::now() - started >= WebSocketLimits::kLongestWriteStall,
               slowly);
 }
@@ -358,10 +347,8 @@ class TlsRelayFaultsTest : public Link, public ::testing::Test {
 TEST_F(TlsRelayFaultsTest, ALinkThatStopsDrainingIsGivenUp) {
     startHealthy();
     relay_.latest()->stopReading();
-    const std::string stalled = recvError("The peer has stopped reading what is sent to it");
     std::size_t sent = 0;
-    for (auto lines = newLines(); std::find(lines.begin(), lines.end(), stalled) == lines.end();
-         lines = newLines()) {
+    while (!stalled()) {
         // Well past the bound, but not so far that a link never given up eats the machine.
         ASSERT_LT(sent, 4 * WebSocketLimits::kMaxUnwrittenBytes) << "never given up";
         client_->transmit(std::string(1024 * 1024, 'x'), std::nullopt);
