@@ -14,8 +14,6 @@ namespace velmorand::testing {
 // kept with their completions.
 class FakeWebSocketTask : public WebSocketTask {
   public:
-    explicit FakeWebSocketTask(WebSocketRequest request) : request(std::move(request)) {}
-
     void resume() override {}
     void cancel() override { cancelled = true; }
     void send(WebSocketMessage message, SendCompletion completion) override {
@@ -41,7 +39,6 @@ class FakeWebSocketTask : public WebSocketTask {
     }
     bool fail(std::string description) { return deliver(WebSocketError{std::move(description)}); }
 
-    WebSocketRequest request;
     bool cancelled = false;
     std::vector<std::string> sent;
     std::vector<SendCompletion> sendCompletions;
@@ -71,8 +68,8 @@ class FakeWebSockets {
   private:
     struct Session : WebSocketSession {
         explicit Session(FakeWebSockets& owner) : owner(owner) {}
-        std::shared_ptr<WebSocketTask> makeTask(const WebSocketRequest& request) override {
-            return owner.tasks.emplace_back(std::make_shared<FakeWebSocketTask>(request));
+        std::shared_ptr<WebSocketTask> makeTask(const WebSocketRequest&) override {
+            return owner.tasks.emplace_back(std::make_shared<FakeWebSocketTask>());
         }
         FakeWebSockets& owner;
     };

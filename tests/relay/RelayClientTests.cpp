@@ -23,8 +23,9 @@ std::string show(const std::optional<T>& value) {
 // A client on a manual main queue and fake sockets, every callback recorded as one line.
 struct Harness {
     explicit Harness(std::string base = "wss://relay.example") {
+        // Every jitter draw is 0.4: each delay is its base plus 0.2 s.
         client = RelayClient::make(std::move(base), "token-1",
-                                   {queue, log, sockets.factory(), [this] { return random; }});
+                                   {queue, log, sockets.factory(), [] { return 0.4; }});
         client->setReconnectPolicy({1, 8, 0.5});
         auto& c = *client;
         c.onControl = [this](const Control& control) { add("control", control.name()); };
@@ -51,8 +52,8 @@ struct Harness {
         events.push_back(out.str().substr(0, out.str().size() - 1));
     }
     FakeWebSocketTask& task() { return *sockets.tasks.back(); }
-    void receive(std::string frame, WebSocketMessage::Kind kind = WebSocketMessage::Kind::text) {
-        EXPECT_TRUE(task().deliver(WebSocketMessage{kind, std::move(frame)}));
+    void receive(std::string frame) {
+        EXPECT_TRUE(task().deliverText(std::move(frame)));
         queue.runReady();
     }
     // Fails the current attempt, error then close, and checks that exactly one next attempt
@@ -80,7 +81,6 @@ struct Harness {
     ManualMainQueue queue;
     RecordingLog log;
     FakeWebSockets sockets;
-    double random = 0.4;
     std::shared_ptr<RelayClient> client;
     Lines events;
 };
@@ -91,25 +91,8 @@ struct Row {
     Lines sent = {};
 };
 
-class Dispatch : public ::testing::Test {
-  protected:
-    void SetUp() override { h.client->connect(); }
-    void expectRows(const std::vector<Row>& rows) {
-        for (const auto& row : rows) {
-            SCOPED_TRACE(row.frame);
-            h.events.clear();
-            h.task().sent.clear();
-            h.client->handleText(row.frame);
-            EXPECT_EQ(h.events, row.events);
-            EXPECT_EQ(h.task().sent, row.sent);
-        }
-        EXPECT_EQ(h.log.lines(), Lines{});
-    }
-    Harness h;
-};
-
-TEST_F(Dispatch, RoutesEachFrameToItsReplyOrCallback) {
-    expectRows({
+TEST(Dispatch, RoutesEachFrameToItsReplyOrCallback) {
+    const Row rows[] = {
         {R"({"type":"ping","t":5})", {}, {R"({"type":"pong"})"}},
         {R"({"type":"latency_ping"})", {}, {R"({"type":"latency_pong","t":0})"}},
         {R"({"type":"latency_ping","t":42,"viewerId":"viewer/a"})",
@@ -154,7 +137,18 @@ TEST_F(Dispatch, RoutesEachFrameToItsReplyOrCallback) {
          {R"({"type":"latency_pong","t":1,"viewerId":")" + std::string(128, 'v') + R"("})"}},
         {R"({"type":"latency_ping","t":1,"viewerId":")" + std::string(129, 'v') + R"("})", {}},
         {R"({"type":"latency_ping","t":1,"viewerId":")" + std::string(100, '/') + R"("})", {}},
-    });
+    };
+    Harness h;
+    h.client->connect();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.frame);
+        h.events.clear();
+        h.task().sent.clear();
+        h.client->handleText(row.frame);
+        EXPECT_EQ(h.events, row.events);
+        EXPECT_EQ(h.task().sent, row.sent);
+    }
+    EXPECT_EQ(h.log.lines(), Lines{});
 }
 
 TEST(Connection, BadUrlSchedulesAReconnect) {

@@ -14,19 +14,26 @@ namespace {
 
 using Outbound = RelayOutbound<std::string>;
 
-// Frames: reserved until released, numbered per socket, refused past the budget.
-TEST(RelayOutbound, ReservationsCountAgainstTheBudgetUntilReleased) {
-    auto outbound = Outbound::make();
-    std::vector<std::string> sent;
-    std::vector<Outbound::Release> releases;
-    const auto frame = [&](std::int64_t budget, std::int64_t size) {
+// One outbound; what its frames went on ("a#0": the socket and the sequence number), and their
+// releases.
+class RelayOutboundTest : public ::testing::Test {
+  protected:
+    using Outcome = Outbound::Outcome;
+    Outcome frame(std::int64_t budget, std::int64_t size) {
         return outbound->sendWithin(
-            budget, size, [&](const std::string& socket, std::uint32_t sequence, auto release) {
+            budget, size, [this](const std::string& socket, std::uint32_t sequence, auto release) {
                 sent.push_back(socket + "#" + std::to_string(sequence));
                 releases.push_back(std::move(release));
             });
-    };
-    using Outcome = Outbound::Outcome;
+    }
+
+    std::shared_ptr<Outbound> outbound = Outbound::make();
+    std::vector<std::string> sent;
+    std::vector<Outbound::Release> releases;
+};
+
+// Frames: reserved until released, numbered per socket, refused past the budget.
+TEST_F(RelayOutboundTest, ReservationsCountAgainstTheBudgetUntilReleased) {
     EXPECT_EQ(frame(100, 10), Outcome::noSocket);
     outbound->replace("a");
     EXPECT_EQ(frame(100, 60), Outcome::sent);
@@ -60,20 +67,12 @@ TEST(RelayOutbound, ReservationsCountAgainstTheBudgetUntilReleased) {
 }
 
 // However large, a frame goes on an idle socket, and holds back the next until released.
-TEST(RelayOutbound, AnIdleSocketTakesAFrameLargerThanTheBudget) {
-    auto outbound = Outbound::make();
+TEST_F(RelayOutboundTest, AnIdleSocketTakesAFrameLargerThanTheBudget) {
     outbound->replace("a");
-    std::vector<Outbound::Release> releases;
-    const auto frame = [&](std::int64_t size) {
-        return outbound->sendWithin(100, size,
-                                    [&](const std::string&, std::uint32_t, auto release) {
-                                        releases.push_back(std::move(release));
-                                    });
-    };
-    EXPECT_EQ(frame(500), Outbound::Outcome::sent);
-    EXPECT_EQ(frame(1), Outbound::Outcome::overBudget);
+    EXPECT_EQ(frame(100, 500), Outcome::sent);
+    EXPECT_EQ(frame(100, 1), Outcome::overBudget);
     releases[0]();
-    EXPECT_EQ(frame(1), Outbound::Outcome::sent);
+    EXPECT_EQ(frame(100, 1), Outcome::sent);
 }
 
 // Senders on four threads while a fifth swaps the socket; half the sends release at once (under
