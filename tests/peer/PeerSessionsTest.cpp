@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "../stream/StreamFakes.h"
 #include "ManualMainQueue.h"
 #include "RecordingLog.h"
 
@@ -13,7 +14,7 @@ namespace velmorand {
 namespace {
 
 using Json = nlohmann::json;
-using namespace std::chrono_literals;
+using Lines = std::vector<std::string>;
 
 const std::string kOffer =
     "v=0\r\nm=video 9 UDP/TLS/RTP/SAVPF 106\r\na=mid:0\r\na=recvonly\r\n"
@@ -41,15 +42,6 @@ struct FakePeer : PeerConnection {
     std::shared_ptr<Record> record;
 };
 
-struct RecordingRelay : FrameSink {
-    Result send(const FrameHeader&, std::span<const std::uint8_t> payload, std::int64_t) override {
-        sent.push_back(payload.size());
-        return Result::sent;
-    }
-    std::int64_t bytesInFlight() const override { return 0; }
-    std::vector<std::size_t> sent;
-};
-
 class PeerSessionsTest : public ::testing::Test {
   protected:
     // Hands a message from the relay over and runs what it posts.
@@ -74,8 +66,8 @@ class PeerSessionsTest : public ::testing::Test {
         queue_.runReady();
     }
     // The types of the messages sent since the last call, with their viewers and reasons.
-    std::vector<std::string> sent() {
-        std::vector<std::string> out;
+    Lines sent() {
+        Lines out;
         for (const auto& text : std::exchange(signals_, {})) {
             const auto message = Json::parse(text);
             std::string line =
@@ -88,20 +80,19 @@ class PeerSessionsTest : public ::testing::Test {
         return out;
     }
     void sendFrame(bool keyFrame, FrameCodec codec = FrameCodec::h264) {
-        FrameHeader header;
-        header.codec = codec;
-        header.keyFrame = keyFrame;
         const std::vector<std::uint8_t> unit(keyFrame ? 9 : 3, 0);
-        fanOut_.send(header, unit, 1'000'000);
+        fanOut_.send({.codec = codec, .keyFrame = keyFrame}, unit, 1'000'000);
         queue_.runReady();
     }
+    // Frames that went on to the relay.
+    std::size_t relayed() { return relay_.await(0).size(); }
 
     testing::ManualMainQueue queue_;
     testing::RecordingLog log_;
-    RecordingRelay relay_;
+    testing::FakeSink relay_;
     PeerFanOut fanOut_{relay_};
     std::vector<std::shared_ptr<FakePeer::Record>> peers_;
-    std::vector<std::string> signals_;
+    Lines signals_;
     int keyFrames_ = 0;
     bool h264_ = true;
     std::optional<std::string> startFails_;
@@ -135,7 +126,7 @@ TEST_F(PeerSessionsTest, AnswersTricklesAndConnectsOneViewer) {
     candidate("v1", "");
     EXPECT_TRUE(peers_[0]->candidates.empty());
     raise(0, [](auto& events) { events.onAnswer("v=0 answer"); });
-    EXPECT_EQ(sent(), (std::vector<std::string>{"webrtc_answer v1"}));
+    EXPECT_EQ(sent(), Lines{"webrtc_answer v1"});
     ASSERT_EQ(peers_[0]->candidates.size(), 2u);
     EXPECT_EQ(peers_[0]->candidates[1].candidate, "");
     candidate("v1", "candidate:2 1 udp 1 127.0.0.1 5001 typ host");
@@ -146,24 +137,24 @@ TEST_F(PeerSessionsTest, AnswersTricklesAndConnectsOneViewer) {
     });
     const auto candidateSent = Json::parse(signals_.at(0));
     EXPECT_EQ(candidateSent["sdpMid"], "0");
-    EXPECT_EQ(sent(), (std::vector<std::string>{"webrtc_ice v1"}));
+    EXPECT_EQ(sent(), Lines{"webrtc_ice v1"});
 
     // Until it is connected, the peer gets nothing; then nothing before a key frame.
     sendFrame(true);
     EXPECT_TRUE(peers_[0]->sent.empty());
     raise(0, [](auto& events) { events.onConnected(); });
-    EXPECT_EQ(sent(), (std::vector<std::string>{"webrtc_connected v1"}));
+    EXPECT_EQ(sent(), Lines{"webrtc_connected v1"});
     EXPECT_EQ(keyFrames_, 1);
     sendFrame(false);
     sendFrame(true);
     sendFrame(false);
     EXPECT_EQ(peers_[0]->sent, (std::vector<std::size_t>{9, 3}));
-    EXPECT_EQ(relay_.sent.size(), 4u);
+    EXPECT_EQ(relayed(), 4u);
 }
 
 TEST_F(PeerSessionsTest, OffersItCannotAnswerAreRefusedWithTheReason) {
     const auto refused = [](const std::string& reason) {
-        return std::vector<std::string>{"webrtc_error v1: " + reason};
+        return Lines{"webrtc_error v1: " + reason};
     };
     offer("v1", "garbage");
     EXPECT_EQ(sent(), refused("the offer is not a session description"));
@@ -185,7 +176,7 @@ TEST_F(PeerSessionsTest, OffersItCannotAnswerAreRefusedWithTheReason) {
     relay({{"type", "webrtc_offer"}, {"viewerId", std::string(65, 'v')}, {"sdp", kOffer}});
     relay({{"type", "webrtc_offer"}, {"viewerId", "tab\there"}, {"sdp", kOffer}});
     relay({{"type", "webrtc_offer"}, {"sdp", kOffer}});
-    EXPECT_EQ(sent(), std::vector<std::string>{});
+    EXPECT_EQ(sent(), Lines{});
     EXPECT_TRUE(peers_.empty());
     // No log line carries an offer.
     for (const auto& line : log_.lines()) {
@@ -199,8 +190,7 @@ TEST_F(PeerSessionsTest, AFifthViewerAndAFloodOfOffersStayOnRelayFrames) {
     }
     EXPECT_EQ(peers_.size(), 4u);
     EXPECT_EQ(sent(),
-              (std::vector<std::string>{
-                  "webrtc_error v5: the device already streams peer-to-peer to 4 viewers"}));
+              Lines{"webrtc_error v5: the device already streams peer-to-peer to 4 viewers"});
     // A viewer that offers again replaces its own session, within the cap.
     offer("v4");
     EXPECT_EQ(peers_.size(), 5u);
@@ -210,21 +200,18 @@ TEST_F(PeerSessionsTest, AFifthViewerAndAFloodOfOffersStayOnRelayFrames) {
     for (std::size_t count = 6; count < PeerSessions::kMaxOffersPerWindow; ++count) {
         offer("v4");
     }
-    EXPECT_EQ(sent(), std::vector<std::string>{});
+    EXPECT_EQ(sent(), Lines{});
     // Each is told; the log hears of the flood once. Invalid offers count as well.
     offer("v4");
     relay({{"type", "webrtc_offer"}, {"viewerId", "v6"}});
     const std::string tooMany = "too many offers at once; try again in a few seconds";
-    EXPECT_EQ(sent(), (std::vector<std::string>{"webrtc_error v4: " + tooMany,
-                                                "webrtc_error v6: " + tooMany}));
-    const auto lines = log_.lines();
-    EXPECT_EQ(std::count_if(
-                  lines.begin(), lines.end(),
-                  [&](const std::string& line) { return line.find(tooMany) != std::string::npos; }),
+    EXPECT_EQ(sent(), (Lines{"webrtc_error v4: " + tooMany, "webrtc_error v6: " + tooMany}));
+    EXPECT_EQ(std::ranges::count_if(
+                  log_.lines(), [&](const auto& line) { return line.find(tooMany) != line.npos; }),
               1);
     queue_.advance(PeerSessions::kOfferWindow);
     offer("v4");
-    EXPECT_EQ(sent(), std::vector<std::string>{});
+    EXPECT_EQ(sent(), Lines{});
 }
 
 TEST_F(PeerSessionsTest, ASessionEndsWhenClosedFailedOrNeverConnected) {
@@ -236,24 +223,22 @@ TEST_F(PeerSessionsTest, ASessionEndsWhenClosedFailedOrNeverConnected) {
     sent();
     relay({{"type", "webrtc_close"}, {"viewerId", "v1"}});
     EXPECT_TRUE(peers_[0]->destroyed);
-    EXPECT_EQ(sent(), std::vector<std::string>{});
+    EXPECT_EQ(sent(), Lines{});
     raise(1, [](auto& events) { events.onFailed("ICE failed"); });
     EXPECT_TRUE(peers_[1]->destroyed);
-    EXPECT_EQ(sent(), (std::vector<std::string>{"webrtc_error v2: ICE failed"}));
+    EXPECT_EQ(sent(), Lines{"webrtc_error v2: ICE failed"});
     queue_.advance(PeerSessions::kConnectTimeout);
     EXPECT_TRUE(peers_[2]->destroyed);
-    EXPECT_EQ(
-        sent(),
-        (std::vector<std::string>{"webrtc_error v3: no peer-to-peer connection within 15 s"}));
+    EXPECT_EQ(sent(), Lines{"webrtc_error v3: no peer-to-peer connection within 15 s"});
     // Events of a session that is over change nothing.
     raise(1, [](auto& events) { events.onConnected(); });
     raise(0, [](auto& events) { events.onAnswer("late"); });
-    EXPECT_EQ(sent(), std::vector<std::string>{});
+    EXPECT_EQ(sent(), Lines{});
     EXPECT_EQ(sessions_.sessionCount(), 0u);
     // A stream that leaves H.264 ends them all, and says so.
     offer("v4");
     sessions_.closeAll("the stream switched to JPEG");
-    EXPECT_EQ(sent(), (std::vector<std::string>{"webrtc_error v4: the stream switched to JPEG"}));
+    EXPECT_EQ(sent(), Lines{"webrtc_error v4: the stream switched to JPEG"});
     // A connected viewer that keeps reporting stays however long; one that falls silent goes.
     offer("v5");
     const auto last = peers_.size() - 1;
@@ -264,9 +249,8 @@ TEST_F(PeerSessionsTest, ASessionEndsWhenClosedFailedOrNeverConnected) {
     }
     EXPECT_EQ(sessions_.sessionCount(), 1u);
     queue_.advance(PeerSessions::kSilenceLimit);
-    EXPECT_EQ(sent(),
-              (std::vector<std::string>{"webrtc_connected v5",
-                                        "webrtc_error v5: the viewer stopped answering for 20 s"}));
+    EXPECT_EQ(sent(), (Lines{"webrtc_connected v5",
+                             "webrtc_error v5: the viewer stopped answering for 20 s"}));
 }
 
 TEST_F(PeerSessionsTest, KeyFrameRequestsReachTheEncoderAtMostOncePerInterval) {
@@ -304,18 +288,18 @@ TEST_F(PeerSessionsTest, TheRelayGetsFramesOnlyWhileAViewerTakesThem) {
         {{{"type", "webrtc_relay_viewers"}, {"count", 0}, {"viewerId", "v1"}}, true},
         {{{"type", "webrtc_relay_viewers"}, {"count", 0}}, false},
     };
-    for (const auto& [message, relayed] : cases) {
+    for (const auto& [message, taken] : cases) {
         relay(message);
-        const auto before = relay_.sent.size();
+        const auto before = relayed();
         sendFrame(true);
-        EXPECT_EQ(relay_.sent.size() - before, relayed ? 1u : 0u) << message.dump();
+        EXPECT_EQ(relayed() - before, taken ? 1u : 0u) << message.dump();
     }
     // Only the way back to the relay asks for a key frame.
     EXPECT_EQ(keyFrames_, 1);
     // A lost link forgets what the relay said.
     sessions_.relayLost();
     sendFrame(true);
-    EXPECT_EQ(relay_.sent.size(), 3u);
+    EXPECT_EQ(relayed(), 3u);
 }
 
 }  // namespace
