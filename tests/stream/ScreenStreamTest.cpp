@@ -2,9 +2,9 @@
 // relay link.
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <thread>
 
+#include "RecordingLog.h"
 #include "StreamFakes.h"
 #include "velmorand/stream/ScreenStream.h"
 
@@ -48,21 +48,15 @@ class ScreenStreamTest : public ::testing::Test {
         std::this_thread::sleep_for(150ms);
         return sink_.await(0).size();
     }
-    void note(const std::string& event) {
-        std::lock_guard lock(mutex_);
-        events_.push_back(event);
-    }
-    std::vector<std::string> events() {
-        std::lock_guard lock(mutex_);
-        return events_;
-    }
+    // The stream's events, one line each, as its thread reports them.
+    void note(const std::string& event) { events_.write(event); }
+    std::vector<std::string> events() const { return events_.lines(); }
 
     testing::FakeScreen screen_;
     std::unique_ptr<testing::FakeJpeg> jpeg_ = std::make_unique<testing::FakeJpeg>();
     FakeSink sink_;
     testing::FakeH264Session::Script h264_;
-    std::mutex mutex_;
-    std::vector<std::string> events_;
+    testing::RecordingLog events_;
     std::unique_ptr<ScreenStream> stream_;
 };
 
@@ -105,12 +99,12 @@ TEST_F(ScreenStreamTest, AFrameTheBudgetRefusesIsDroppedAndTheStreamResumesWithA
     screen_.change(1);
     EXPECT_FALSE(frame(1).header.keyFrame);
 
-    sink_.setResult(FrameSink::Result::overBudget);
+    sink_.result = FrameSink::Result::overBudget;
     screen_.change(2);
-    while (sink_.refusals() == 0) {
+    while (sink_.refusals == 0) {
         std::this_thread::sleep_for(1ms);
     }
-    sink_.setResult(FrameSink::Result::sent);
+    sink_.result = FrameSink::Result::sent;
     const auto resumed = frame(2);
     EXPECT_TRUE(resumed.header.keyFrame && resumed.header.parameterSets);
     EXPECT_EQ(resumed.payload.back(), 2);
@@ -190,12 +184,12 @@ TEST_F(ScreenStreamTest, AScreenWithoutSizeOrAFailingJpegStopsTheStreamSayingWhy
         jpeg_ = std::make_unique<testing::FakeJpeg>();
         jpeg_->failure = jpegFailure;
         screen_.resize(size);
-        events_.clear();
+        const auto before = events().size();
         start("jpeg");
         EXPECT_EQ(framesAfterAWhile(), 0u);
         const auto stop = jpegFailure ? "stopped: JPEG compression failed: " + *jpegFailure
                                       : std::string("stopped: the screen has no size");
-        ASSERT_FALSE(events().empty());
+        ASSERT_GT(events().size(), before);
         EXPECT_EQ(events().back(), stop);
         stream_.reset();
     }

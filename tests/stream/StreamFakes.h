@@ -16,16 +16,10 @@ namespace velmorand::testing {
 // A screen the test changes by hand: every pixel has the same blue value, `shade`.
 class FakeScreen {
   public:
-    void change(std::uint8_t shade) {
-        update([&] { shade_ = shade; });
-    }
-    void resize(ScreenSize size) {
-        update([&] { size_ = size; });
-    }
+    void change(std::uint8_t shade) { update(shade_, shade); }
+    void resize(ScreenSize size) { update(size_, size); }
     // The size changes between the stream's look at it and its next grab.
-    void resizeAtNextGrab(ScreenSize size) {
-        update([&] { resizeAtGrab_ = size; });
-    }
+    void resizeAtNextGrab(ScreenSize size) { update(resizeAtGrab_, size); }
     void failGrabs(std::string why) {
         std::lock_guard lock(mutex_);
         failure_ = std::move(why);
@@ -39,11 +33,11 @@ class FakeScreen {
     std::unique_ptr<ScreenCapture> capture() { return std::make_unique<Capture>(*this); }
 
   private:
-    template <typename Change>
-    void update(Change change) {
+    template <typename Field, typename Value>
+    void update(Field& field, Value value) {
         {
             std::lock_guard lock(mutex_);
-            change();
+            field = value;
             changed_ = true;
         }
         changedOrWoken_.notify_all();
@@ -174,7 +168,7 @@ struct FakeH264Session : H264CompressionSession {
     int calls = 0;
 };
 
-// Records what it is given; answers with `result`.
+// Records what it is given; answers with `result`, counting what it refuses.
 class FakeSink : public FrameSink {
   public:
     struct Frame {
@@ -189,7 +183,7 @@ class FakeSink : public FrameSink {
         if (answer == Result::sent) {
             frames_.push_back({header, {payload.begin(), payload.end()}});
         } else {
-            ++refused;
+            ++refusals;
         }
         arrived_.notify_all();
         return answer;
@@ -202,23 +196,15 @@ class FakeSink : public FrameSink {
         arrived_.wait_for(lock, std::chrono::seconds(2), [&] { return frames_.size() >= count; });
         return frames_;
     }
-    void setResult(Result answer) {
-        std::lock_guard lock(mutex_);
-        result = answer;
-    }
-    int refusals() {
-        std::lock_guard lock(mutex_);
-        return refused;
-    }
 
+    std::atomic<Result> result{Result::sent};
+    std::atomic<int> refusals{0};
     std::atomic<std::int64_t> inFlight{0};
 
   private:
     std::mutex mutex_;
     std::condition_variable arrived_;
     std::vector<Frame> frames_;
-    Result result = Result::sent;
-    int refused = 0;
 };
 
 }  // namespace velmorand::testing

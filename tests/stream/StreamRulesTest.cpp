@@ -16,6 +16,7 @@ namespace velmorand {
 namespace {
 
 using namespace std::chrono_literals;
+using Lines = std::vector<std::string>;
 
 TEST(FrameBudget, HalfASecondOfTheStreamButNeverUnder256KiB) {
     struct Row {
@@ -257,15 +258,6 @@ TEST(LiveSettings, AStrugglingViewerHalvesTheFrameRateUntilFiveCleanSeconds) {
     run(4, {{0ms, 9, 0, Qos::slowedDown, 4}});
 }
 
-H264Encoder smallEncoder() {
-    H264Encoder encoder;
-    encoder.width = 64;
-    encoder.height = 48;
-    encoder.frameRate = 20;
-    encoder.bitRate = 500;
-    return encoder;
-}
-
 // Each unit as "key+sets [6742][68ce][6507]": its kind, then its NAL units in hex.
 std::string describe(std::span<const std::uint8_t> unit, bool key, bool sets) {
     std::string text = std::string(key ? "key" : "delta") + (sets ? "+sets " : " ");
@@ -283,47 +275,62 @@ std::string describe(std::span<const std::uint8_t> unit, bool key, bool sets) {
     return text + "]";
 }
 
+// An encoder of 64x48 pictures at 20 fps and 500 kbit/s on a scripted session, with everything it
+// hands on recorded.
+struct RecordingEncoder {
+    explicit RecordingEncoder(testing::FakeH264Session::Script& script)
+        : makeSession(testing::FakeH264Session::factory(script)) {
+        encoder.width = 64;
+        encoder.height = 48;
+        encoder.frameRate = 20;
+        encoder.bitRate = 500;
+        encoder.onConfiguration = [this](const Bytes& sps, const Bytes& pps) {
+            configurations.emplace_back(sps, pps);
+        };
+        encoder.onAccessUnit = [this](std::span<const std::uint8_t> unit, bool key, bool sets) {
+            delivered.push_back(describe(unit, key, sets));
+        };
+        encoder.onFatalError = [this](const std::string& why) { failures.push_back(why); };
+        picture.resize(64, 48);
+    }
+    // A picture whose every Y byte is `y`.
+    void encode(std::uint8_t y, std::int64_t timestampUs) {
+        std::fill(picture.y.begin(), picture.y.end(), y);
+        encoder.encode(picture, timestampUs);
+    }
+
+    H264SessionFactory makeSession;
+    H264Encoder encoder;
+    I420Picture picture;
+    std::vector<std::pair<Bytes, Bytes>> configurations;
+    Lines delivered;
+    Lines failures;
+};
+
 TEST(H264Encoder, HandsOnKeyFramesWithParameterSetsAndReportsAFailureOnce) {
+    const std::pair<Bytes, Bytes> sets{{0x67, 0x42}, {0x68, 0xCE}};
     // Whether the session repeats the parameter sets itself or not, every key frame carries them.
     for (const bool repeats : {true, false}) {
         testing::FakeH264Session::Script script;
         script.repeatParameterSets = repeats;
         script.failAtCall = 3;
-        std::vector<std::string> delivered;
-        std::vector<std::string> failures;
-        int configurations = 0;
-        H264Encoder encoder = smallEncoder();
-        encoder.onConfiguration = [&](const Bytes& sps, const Bytes& pps) {
-            ++configurations;
-            EXPECT_EQ(sps, (Bytes{0x67, 0x42}));
-            EXPECT_EQ(pps, (Bytes{0x68, 0xCE}));
-        };
-        encoder.onAccessUnit = [&](std::span<const std::uint8_t> unit, bool key, bool sets) {
-            delivered.push_back(describe(unit, key, sets));
-        };
-        encoder.onFatalError = [&](const std::string& why) { failures.push_back(why); };
-        ASSERT_TRUE(encoder.start(testing::FakeH264Session::factory(script)));
-        I420Picture picture;
-        picture.resize(64, 48);
-        for (std::uint8_t y : {7, 8, 9}) {
-            std::fill(picture.y.begin(), picture.y.end(), y);
-            if (y == 9) {
-                encoder.forceKeyFrame = true;
-            }
-            encoder.encode(picture, y * 1000);
-        }
-        EXPECT_EQ(delivered,
-                  (std::vector<std::string>{"key+sets [6742][68ce][6507]", "delta [4108]",
-                                            "key+sets [6742][68ce][6509]"}))
+        RecordingEncoder e(script);
+        ASSERT_TRUE(e.encoder.start(e.makeSession));
+        e.encode(7, 7000);
+        e.encode(8, 8000);
+        e.encoder.forceKeyFrame = true;
+        e.encode(9, 9000);
+        EXPECT_EQ(e.delivered, (Lines{"key+sets [6742][68ce][6507]", "delta [4108]",
+                                      "key+sets [6742][68ce][6509]"}))
             << repeats;
-        EXPECT_EQ(configurations, 1);
-        EXPECT_TRUE(encoder.configurationSent);
+        EXPECT_EQ(e.configurations, std::vector{sets});
+        EXPECT_TRUE(e.encoder.configurationSent);
 
-        encoder.encode(picture, 4000);
-        encoder.encode(picture, 5000);
-        EXPECT_EQ(failures, std::vector<std::string>{"scripted failure"});
-        EXPECT_TRUE(encoder.failed);
-        EXPECT_EQ(delivered.size(), 3u);
+        e.encode(9, 4000);
+        e.encode(9, 5000);
+        EXPECT_EQ(e.failures, Lines{"scripted failure"});
+        EXPECT_TRUE(e.encoder.failed);
+        EXPECT_EQ(e.delivered.size(), 3u);
     }
 }
 
@@ -332,41 +339,31 @@ TEST(H264Encoder, HandsOnKeyFramesWithParameterSetsAndReportsAFailureOnce) {
 TEST(H264Encoder, TakesParameterSetsOnlyAsAPair) {
     testing::FakeH264Session::Script script;
     script.withoutPps = true;
-    H264Encoder encoder = smallEncoder();
-    int configurations = 0;
-    encoder.onConfiguration = [&](const Bytes&, const Bytes&) { ++configurations; };
-    std::vector<std::string> delivered;
-    encoder.onAccessUnit = [&](std::span<const std::uint8_t> unit, bool key, bool sets) {
-        delivered.push_back(describe(unit, key, sets));
-    };
-    std::vector<std::string> failures;
-    encoder.onFatalError = [&](const std::string& why) { failures.push_back(why); };
-    ASSERT_TRUE(encoder.start(testing::FakeH264Session::factory(script)));
-    I420Picture picture;
-    picture.resize(64, 48);
-    encoder.encode(picture, 0);
-    EXPECT_EQ(configurations, 0);
-    EXPECT_TRUE(encoder.sps.empty() && encoder.pps.empty());
-    EXPECT_TRUE(delivered.empty());
-    EXPECT_EQ(failures,
-              std::vector<std::string>{"the encoder made a key frame without parameter sets"});
+    RecordingEncoder e(script);
+    ASSERT_TRUE(e.encoder.start(e.makeSession));
+    e.encode(0, 0);
+    EXPECT_TRUE(e.configurations.empty());
+    EXPECT_TRUE(e.encoder.sps.empty() && e.encoder.pps.empty());
+    EXPECT_TRUE(e.delivered.empty());
+    EXPECT_EQ(e.failures, Lines{"the encoder made a key frame without parameter sets"});
 }
 
 TEST(H264Encoder, RetunesInPlaceWhenTheSessionCanElseStartsAgainWithAKeyFrame) {
     testing::FakeH264Session::Script script;
-    H264Encoder encoder = smallEncoder();
-    ASSERT_TRUE(encoder.start(testing::FakeH264Session::factory(script)));
+    RecordingEncoder e(script);
+    H264Encoder& encoder = e.encoder;
+    ASSERT_TRUE(encoder.start(e.makeSession));
     encoder.forceKeyFrame = false;
-    encoder.retune(20, 500, testing::FakeH264Session::factory(script));
-    encoder.retune(30, 800, testing::FakeH264Session::factory(script));
-    encoder.retune(30, 900, testing::FakeH264Session::factory(script));
-    encoder.retune(25, 900, testing::FakeH264Session::factory(script));
+    encoder.retune(20, 500, e.makeSession);
+    encoder.retune(30, 800, e.makeSession);
+    encoder.retune(30, 900, e.makeSession);
+    encoder.retune(25, 900, e.makeSession);
     EXPECT_EQ(script.retuned, (std::vector<std::pair<int, int>>{{30, 800}, {30, 900}, {25, 900}}));
     EXPECT_EQ(script.opened.size(), 1u);
     EXPECT_FALSE(encoder.forceKeyFrame);
 
     script.retunes = false;
-    encoder.retune(10, 300, testing::FakeH264Session::factory(script));
+    encoder.retune(10, 300, e.makeSession);
     ASSERT_EQ(script.opened.size(), 2u);
     EXPECT_EQ(script.opened[1], (H264SessionSettings{64, 48, 10, 300}));
     EXPECT_TRUE(encoder.forceKeyFrame);
