@@ -18,6 +18,10 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+std::string contents(const std::filesystem::path& path) {
+    return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
+}
+
 TEST(KeyCombination, NamesIgnoreCaseAndSpaceAndEndInOneKey) {
     using K = NamedKey;
     const std::vector<std::pair<std::string, std::optional<KeyCombination>>> rows = {
@@ -72,16 +76,14 @@ TEST(PushedFile, NamesAreBaseNamesWithoutLeadingDotsAndNothingIsOverwritten) {
 
     const testing::TempDir dir;
     const auto downloads = std::filesystem::path(dir.path()) / "Downloads";
-    std::vector<std::string> written;
+    Lines written;
     for (const auto* content : {"one", "two", "three"}) {
         const auto saved = PushedFile::save(downloads, "notes.txt", content);
         ASSERT_TRUE(std::holds_alternative<std::filesystem::path>(saved));
         written.push_back(std::get<std::filesystem::path>(saved).filename().string());
     }
     EXPECT_EQ(written, (Lines{"notes.txt", "notes (2).txt", "notes (3).txt"}));
-    std::ostringstream first;
-    first << std::ifstream(downloads / "notes.txt").rdbuf();
-    EXPECT_EQ(first.str(), "one");
+    EXPECT_EQ(contents(downloads / "notes.txt"), "one");
 
     // A name at the length limit makes room for its number.
     const std::string longest = std::string(251, 'l') + ".txt";
@@ -148,11 +150,9 @@ struct RecordingDesktop : InputInjector, Pasteboard, DesktopShell, WindowCloser 
         return id == "broken.desktop" ? std::optional<std::string>("it would not start")
                                       : std::nullopt;
     }
-    std::optional<std::vector<std::string>> windowClasses(const std::string& id) override {
-        if (id != "org.example.Editor.desktop") {
-            return std::nullopt;
-        }
-        return std::vector<std::string>{"ExampleEditor"};
+    std::optional<Lines> windowClasses(const std::string& id) override {
+        return id == "org.example.Editor.desktop" ? std::optional(Lines{"ExampleEditor"})
+                                                  : std::nullopt;
     }
     std::filesystem::path downloadsDirectory() override { return downloads; }
     std::optional<std::size_t> closeWindows(const std::vector<std::string>& classes) override {
@@ -171,6 +171,11 @@ struct RecordingDesktop : InputInjector, Pasteboard, DesktopShell, WindowCloser 
         std::lock_guard lock(mutex);
         calls.push_back(std::move(line));
     }
+    // The calls since the last look.
+    Lines recorded() {
+        std::lock_guard lock(mutex);
+        return std::exchange(calls, {});
+    }
 
     std::mutex mutex;
     Lines calls;
@@ -184,16 +189,12 @@ class RemoteControlTest : public ::testing::Test {
 
     // Runs one command to its end; what the desktop was asked, and the outcome.
     std::pair<Lines, RemoteControl::Outcome> run(const Control::Command& command) {
-        {
-            std::lock_guard lock(desktop_.mutex);
-            desktop_.calls.clear();
-        }
+        desktop_.recorded();
         const auto before = outcomes();
         control_.execute(Control{command});
         waitForOutcomes(before + 1);
         std::lock_guard lock(mutex_);
-        std::lock_guard calls(desktop_.mutex);
-        return {desktop_.calls, outcomes_.back()};
+        return {desktop_.recorded(), outcomes_.back()};
     }
     std::size_t outcomes() {
         std::lock_guard lock(mutex_);
@@ -300,12 +301,10 @@ TEST_F(RemoteControlTest, KeysTextAndDesktopActionsAreCarriedOutOrRefusedWithARe
     EXPECT_EQ(run(C::KillApp{"org.example.Editor"}).second,
               refused("this desktop offers no way to ask its windows to close"));
 
-    const auto [calls, saved] = run(C::PushMedia{"../.hidden.txt", "text/plain", "aGk="});
     const auto path = desktop_.downloads / "hidden.txt";
-    EXPECT_EQ(saved.detail, "saved as " + path.string() + " (2 bytes)");
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    EXPECT_EQ(content.str(), "hi");
+    EXPECT_EQ(run(C::PushMedia{"../.hidden.txt", "text/plain", "aGk="}).second.detail,
+              "saved as " + path.string() + " (2 bytes)");
+    EXPECT_EQ(contents(path), "hi");
 }
 
 TEST_F(RemoteControlTest, ATouchNeverLetGoIsReleasedAfterTheLongestGesture) {
@@ -315,8 +314,7 @@ TEST_F(RemoteControlTest, ATouchNeverLetGoIsReleasedAfterTheLongestGesture) {
     ASSERT_TRUE(waitForOutcomes(2));
     EXPECT_EQ(outcomes_[1],
               (RemoteControl::Outcome{std::nullopt, "no touch_up came within 10 s: let go"}));
-    std::lock_guard calls(desktop_.mutex);
-    EXPECT_EQ(desktop_.calls, (Lines{"move 3,4", "press", "release"}));
+    EXPECT_EQ(desktop_.recorded(), (Lines{"move 3,4", "press", "release"}));
 }
 
 // A viewer can queue work faster than the desktop does it: what may wait is bounded by count, by
@@ -357,8 +355,7 @@ TEST_F(RemoteControlTest, WhatWaitsIsBoundedAndEndsWithTheViewers) {
     // Nothing that waited was carried out, and the button was let go of.
     control_.execute(Control{C::Tap{7, 7}});
     ASSERT_TRUE(waitForOutcomes(before + 2));
-    std::lock_guard calls(desktop_.mutex);
-    EXPECT_EQ(desktop_.calls,
+    EXPECT_EQ(desktop_.recorded(),
               (Lines{"move 1,1", "press", "release", "move 7,7", "press", "release"}));
 }
 
@@ -378,8 +375,7 @@ TEST_F(RemoteControlTest, StaleCommandsAreRefusedAndLongTypingStops) {
     ASSERT_TRUE(waitForOutcomes(4));
     EXPECT_TRUE(outcomes_[3].detail.starts_with("stopped after 30 ms: ")) << outcomes_[3].detail;
     EXPECT_TRUE(outcomes_[3].detail.ends_with(" of 1000 typed")) << outcomes_[3].detail;
-    std::lock_guard calls(desktop_.mutex);
-    EXPECT_EQ(desktop_.calls.back(), "discard unsent");
+    EXPECT_EQ(desktop_.recorded().back(), "discard unsent");
 }
 
 TEST_F(RemoteControlTest, PushedFilesHaveAQuotaPerBroadcast) {
