@@ -33,4 +33,17 @@ CommandResult runCommand(const std::string& program, const std::vector<std::stri
             process.readAllStandardError().toStdString()};
 }
 
+CommandResult runVelmorand(const std::filesystem::path& dataDir, std::vector<std::string> arguments,
+                           const std::string& serviceUrl, const std::filesystem::path& bundleDir,
+                           const std::vector<std::string>& environment) {
+    std::vector<std::string> options = {
+        "--data-dir", dataDir.string(), "--bundle-dir",
+        bundleDir.empty() ? std::string(VELMORAND_DEV_BUNDLE) : bundleDir.string()};
+    if (!serviceUrl.empty()) {
+        options.insert(options.end(), {"--service-url", serviceUrl});
+    }
+    arguments.insert(arguments.begin(), options.begin(), options.end());
+    return runCommand(VELMORAND_CLI, arguments, environment);
+}
+
 }  // namespace velmorand::testing

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -16,5 +17,12 @@ struct CommandResult {
 // `environment` entries ("NAME=value") are added to the inherited environment, later ones winning.
 CommandResult runCommand(const std::string& program, const std::vector<std::string>& arguments,
                          const std::vector<std::string>& environment = {});
+
+// The velmorand program on the stores under `dataDir`, asking the service at `serviceUrl` when one
+// is given, with the bundle in `bundleDir` (empty: the development bundle).
+CommandResult runVelmorand(const std::filesystem::path& dataDir, std::vector<std::string> arguments,
+                           const std::string& serviceUrl = {},
+                           const std::filesystem::path& bundleDir = {},
+                           const std::vector<std::string>& environment = {});
 
 }  // namespace velmorand::testing

@@ -14,9 +14,7 @@ namespace {
 class ConfigCommandTest : public ::testing::Test {
   protected:
     testing::CommandResult velmorand(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {"--data-dir", data_.path().string(), "--bundle-dir",
-                                             VELMORAND_DEV_BUNDLE});
-        return testing::runCommand(VELMORAND_CLI, arguments);
+        return testing::runVelmorand(data_.path(), std::move(arguments));
     }
 
     void store(const SharedConfig::Values& values) {
@@ -61,14 +59,10 @@ TEST_F(ConfigCommandTest, ShowsPresentFieldsInFieldOrderAndClearErasesThem) {
     EXPECT_EQ(cleared.exitCode, 0) << cleared.err;
     // Scripts find the same keys whatever was saved.
     const auto empty = nlohmann::json::parse(velmorand({"config", "show", "--json"}).out);
-    const auto keys = [](const nlohmann::json& object) {
-        std::vector<std::string> names;
-        for (const auto& [name, value] : object.items()) {
-            names.push_back(name);
-        }
-        return names;
-    };
-    EXPECT_EQ(keys(empty), keys(json));
+    EXPECT_EQ(empty.size(), json.size());
+    for (const auto& [name, value] : json.items()) {
+        EXPECT_TRUE(empty.contains(name)) << name;
+    }
     EXPECT_EQ(velmorand({"config", "show"}).out,
               "isPaired: false\nencode: jpeg, 20 fps, quality 0.4, scale 0.5\n");
 }
@@ -109,19 +103,16 @@ TEST_F(ConfigCommandTest, UsageErrorsExitTwoWithOneLineSayingWhatIsWrong) {
 }
 
 TEST_F(ConfigCommandTest, EncodeClampsWhatItSavesAndKeepsWhatIsNotGiven) {
-    const auto saved =
+    const std::string saved = "Saved — applies on next Start Broadcast.\ncodec: h264\n";
+    const auto first =
         velmorand({"encode", "--codec", " H264 ", "--fps", "90", "--quality", "0.05"});
-    EXPECT_EQ(saved.exitCode, 0) << saved.err;
-    EXPECT_EQ(saved.out,
-              "Saved — applies on next Start Broadcast.\n"
-              "codec: h264\nfps: 60\nquality: 0.1\nscale: 0.5\n");
+    EXPECT_EQ(first.exitCode, 0) << first.err;
+    EXPECT_EQ(first.out, saved + "fps: 60\nquality: 0.1\nscale: 0.5\n");
     EXPECT_EQ(velmorand({"encode", "--scale", "0.75"}).out,
-              "Saved — applies on next Start Broadcast.\n"
-              "codec: h264\nfps: 60\nquality: 0.1\nscale: 0.75\n");
+              saved + "fps: 60\nquality: 0.1\nscale: 0.75\n");
     // The store's bounds, not the app's sliders' (5 fps, quality 0.2, scale 0.25 at the least).
     EXPECT_EQ(velmorand({"encode", "--fps", "0", "--quality", "0.15", "--scale", "2"}).out,
-              "Saved — applies on next Start Broadcast.\n"
-              "codec: h264\nfps: 1\nquality: 0.15\nscale: 1.0\n");
+              saved + "fps: 1\nquality: 0.15\nscale: 1.0\n");
     EXPECT_EQ(velmorand({"encode", "--fps", "abc"}).exitCode, 2);
 }
 
@@ -166,23 +157,18 @@ TEST_F(ConfigCommandTest, LogPrintsTheExtensionLogOrSaysItIsEmpty) {
 TEST_F(ConfigCommandTest, PathsThatCannotBeReadReadAsAbsent) {
     const auto container = data_.path() / "Group Containers" / "group.co.velmorand.connect";
     const std::string empty = "(empty — start a broadcast first)\n";
+    const std::string group = "data/Group Containers/group.co.velmorand.connect/";
     // The path, under the data root or the bundle; the command; what it prints.
     const std::tuple<std::string, std::vector<std::string>, std::string> cases[] = {
-        {"data/Group Containers/group.co.velmorand.connect/extension.log", {"log"}, empty},
+        {group + "extension.log", {"log"}, empty},
         {"bundle/embedded.mobileprovision", {"log"}, empty},  // no group, so no log
         {"data/Keychain/keychain.plist", {"config", "show"}, "isPaired: false\n"},
         {"bundle/PlugIns/VelmorandBroadcast.appex/Info.plist",
          {"status"},
          "Broadcast extension: co.velmorand.connect.broadcast\n"},
-        {"data/Group Containers/group.co.velmorand.connect/broadcast.lock",
-         {"status"},
-         "Broadcast: Not running\n"},
-        {"data/Group Containers/group.co.velmorand.connect/broadcast.json",
-         {"status"},
-         "Broadcast: Not running\n"},
-        {"data/Group Containers/group.co.velmorand.connect/broadcast.lock",
-         {"broadcast", "--stop"},
-         "No broadcast is running.\n"},
+        {group + "broadcast.lock", {"status"}, "Broadcast: Not running\n"},
+        {group + "broadcast.json", {"status"}, "Broadcast: Not running\n"},
+        {group + "broadcast.lock", {"broadcast", "--stop"}, "No broadcast is running.\n"},
     };
     for (const bool pipe : {false, true}) {
         for (const auto& [path, command, expected] : cases) {
@@ -199,15 +185,38 @@ TEST_F(ConfigCommandTest, PathsThatCannotBeReadReadAsAbsent) {
             std::filesystem::create_directories(blocked.parent_path());
             ASSERT_TRUE(pipe ? ::mkfifo(blocked.c_str(), 0600) == 0
                              : std::filesystem::create_directory(blocked));
-            auto arguments = command;
-            arguments.insert(arguments.begin(),
-                             {"--data-dir", data_.path().string(), "--bundle-dir",
-                              bundle.path().string(), "--service-url", "http://127.0.0.1:1"});
-            const auto result = testing::runCommand(VELMORAND_CLI, arguments);
+            const auto result =
+                testing::runVelmorand(data_.path(), command, "http://127.0.0.1:1", bundle.path());
             EXPECT_EQ(result.exitCode, 0) << result.err;
             // The empty log's note goes to stderr.
             EXPECT_NE((result.out + result.err).find(expected), std::string::npos) << result.out;
         }
+    }
+}
+
+// Help and the version are plain text: every program answers them where there is no display
+// (a terminal over ssh, a build machine), exiting 0.
+TEST(ProgramText, HelpAndVersionNeedNoDisplay) {
+    const std::vector<std::string> noDisplay = {"DISPLAY=", "WAYLAND_DISPLAY=", "QT_QPA_PLATFORM="};
+    const std::tuple<std::string, std::vector<std::string>, std::string> cases[] = {
+        {VELMORAND_APP, {"--help"}, "--service-url <URL>"},
+        {VELMORAND_APP, {"--version"}, "velmorand-connect " VELMORAND_VERSION},
+        // Qt's own options, which only the full help lists.
+        {VELMORAND_APP, {"--help-all"}, "--qmljsdebugger <value>"},
+        {VELMORAND_SANDBOX, {"--version"}, "velmorand-sandbox " VELMORAND_VERSION},
+        // The sandbox's help tells what runs when an option is left out.
+        {VELMORAND_SANDBOX, {"--help"}, "(default: 127.0.0.1)"},
+        {VELMORAND_CLI, {"--version"}, "velmorand " VELMORAND_VERSION},
+        {VELMORAND_BROADCAST, {"--version"}, "velmorand-broadcast " VELMORAND_VERSION},
+        // A command's own footer, and the note every command carries.
+        {VELMORAND_CLI, {"relay-client", "--help"}, "webrtc_signal and auth_rejected"},
+        {VELMORAND_CLI, {"relay-client", "--help"}, "Global options, before or after the command"},
+    };
+    for (const auto& [program, arguments, shown] : cases) {
+        SCOPED_TRACE(program + " " + arguments.front());
+        const auto result = testing::runCommand(program, arguments, noDisplay);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_NE(result.out.find(shown), std::string::npos) << result.out;
     }
 }
 

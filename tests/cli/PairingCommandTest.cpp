@@ -27,11 +27,10 @@ class PairingCommandTest : public ::testing::Test {
 
     CommandResult velmorand(std::vector<std::string> arguments,
                             std::vector<std::string> environment = {}) {
-        arguments.insert(arguments.begin(), {"--data-dir", data_.path().string(), "--bundle-dir",
-                                             VELMORAND_DEV_BUNDLE, "--service-url", serviceUrl_});
         // Later entries win, so a test can point the program elsewhere.
         environment.insert(environment.begin(), "VELMORAND_WDA_URL=" + wdaStatusUrl_);
-        return testing::runCommand(VELMORAND_CLI, arguments, environment);
+        return testing::runVelmorand(data_.path(), std::move(arguments), serviceUrl_, {},
+                                     environment);
     }
 
     nlohmann::json storedConfig() {
@@ -171,10 +170,7 @@ TEST_F(PairingCommandTest, SavesTheStoresDidNotKeepFail) {
         {{"relay", "--region", "eu"}, "could not save the relay preference: cannot write "},
     };
     for (const auto& [command, message] : cases) {
-        auto arguments = command;
-        arguments.insert(arguments.begin(), {"--data-dir", plainFile.string(), "--bundle-dir",
-                                             VELMORAND_DEV_BUNDLE, "--service-url", serviceUrl_});
-        const auto result = testing::runCommand(VELMORAND_CLI, arguments);
+        const auto result = testing::runVelmorand(plainFile, command, serviceUrl_);
         EXPECT_EQ(result.exitCode, 1) << result.out;
         EXPECT_NE(result.err.find("velmorand: " + message + plainFile.string()), std::string::npos)
             << result.err;
@@ -184,15 +180,13 @@ TEST_F(PairingCommandTest, SavesTheStoresDidNotKeepFail) {
 // A touch-control line that reports a failure ends the command with status 1.
 TEST_F(PairingCommandTest, TouchControlFailuresExitOne) {
     ASSERT_EQ(velmorand({"pair", kDemoKey}).exitCode, 0);
-    const std::tuple<sandbox::WdaMode, std::vector<std::string>, std::string> cases[] = {
-        {sandbox::WdaMode::error, {"touch", "status"}, "Sandbox says no\n"},
-        {sandbox::WdaMode::disabled,
-         {"touch", "status"},
-         "Touch server offline — ask Velmorand ops\n"},
+    const std::pair<sandbox::WdaMode, std::string> cases[] = {
+        {sandbox::WdaMode::error, "Sandbox says no\n"},
+        {sandbox::WdaMode::disabled, "Touch server offline — ask Velmorand ops\n"},
     };
-    for (const auto& [mode, command, out] : cases) {
+    for (const auto& [mode, out] : cases) {
         sandbox_.setWdaMode(mode);
-        const auto result = velmorand(command);
+        const auto result = velmorand({"touch", "status"});
         EXPECT_EQ(result.out, out);
         EXPECT_EQ(result.exitCode, 1);
     }
@@ -214,10 +208,7 @@ TEST(PairingCommandSlowService, StatusSaysWhatItWaitsFor) {
     ASSERT_TRUE(service.start(&error)) << error;
     testing::TempDir data;
     const auto velmorand = [&](std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(),
-                         {"--data-dir", data.path().string(), "--bundle-dir", VELMORAND_DEV_BUNDLE,
-                          "--service-url", service.baseUrl()});
-        return testing::runCommand(VELMORAND_CLI, arguments);
+        return testing::runVelmorand(data.path(), std::move(arguments), service.baseUrl());
     };
     ASSERT_EQ(velmorand({"pair", kDemoKey}).exitCode, 0);
 

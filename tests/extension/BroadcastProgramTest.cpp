@@ -1,5 +1,6 @@
 // velmorand-broadcast as the application starts it, against the sandbox's relay over loopback: what
 // the browser run does not reach.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
@@ -18,6 +19,7 @@
 #include "DesktopConfig.h"
 #include "FakeNotifications.h"
 #include "QtTestSupport.h"
+#include "SpawnedServer.h"
 #include "TempDir.h"
 #include "velmorand/sandbox/Sandbox.h"
 #include "velmorand/ui/BroadcastExtension.h"
@@ -27,6 +29,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
+using ::testing::HasSubstr;
 using testing::pumpUntil;
 
 class BroadcastProgramTest : public ::testing::Test {
@@ -37,12 +40,11 @@ class BroadcastProgramTest : public ::testing::Test {
         ASSERT_TRUE(sandbox_->start(&error)) << error;
     }
 
+    // Nothing a test started outlives it.
     void TearDown() override {
         for (auto& process : processes_) {
-            if (process->state() != QProcess::NotRunning) {
-                process->kill();
-                process->waitForFinished(5000);
-            }
+            process->kill();
+            process->waitForFinished(5000);
         }
     }
 
@@ -81,21 +83,28 @@ class BroadcastProgramTest : public ::testing::Test {
     // a desktop without X11.
     // `sessionBus`: where its indicator finds the notification server; none by default.
     QProcess& start(const QString& sessionBus = "unix:path=/nonexistent") {
-        auto process = std::make_unique<QProcess>();
         auto environment = QProcessEnvironment::systemEnvironment();
         environment.remove("DISPLAY");
         environment.insert("WAYLAND_DISPLAY", "wayland-0");
         // Its indicator draws nowhere, and there is no status area: its notifications carry Stop.
         environment.insert("QT_QPA_PLATFORM", "offscreen");
         environment.insert("DBUS_SESSION_BUS_ADDRESS", sessionBus);
-        process->setProcessEnvironment(environment);
-        process->start(QString::fromStdString(
-                           BroadcastExtension::executable(desktop_.bundle).value_or("").string()),
-                       {"--data-dir", QString::fromStdString(data_.path()), "--min-delay", "0.05",
-                        "--max-delay", "0.2", "--jitter", "0.01"});
-        EXPECT_TRUE(process->waitForStarted(5000));
-        processes_.push_back(std::move(process));
-        return *processes_.back();
+        return spawn(QString::fromStdString(
+                         BroadcastExtension::executable(desktop_.bundle).value_or("").string()),
+                     {"--data-dir", QString::fromStdString(data_.path()), "--min-delay", "0.05",
+                      "--max-delay", "0.2", "--jitter", "0.01"},
+                     environment);
+    }
+
+    // A process that the test's end stops if it is still running.
+    QProcess& spawn(
+        const QString& program, const QStringList& arguments,
+        const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment()) {
+        auto& process = *processes_.emplace_back(std::make_unique<QProcess>());
+        process.setProcessEnvironment(environment);
+        process.start(program, arguments);
+        EXPECT_TRUE(process.waitForStarted(5000)) << program.toStdString();
+        return process;
     }
 
     // Exit status once it has ended by itself; -1 when it is still running or crashed.
@@ -106,10 +115,7 @@ class BroadcastProgramTest : public ::testing::Test {
 
     // The command line on the same stores, with a service that answers nothing.
     testing::CommandResult cli(std::vector<std::string> arguments) const {
-        arguments.insert(arguments.begin(),
-                         {"--data-dir", data_.path().string(), "--bundle-dir", VELMORAND_DEV_BUNDLE,
-                          "--service-url", "http://127.0.0.1:1"});
-        return testing::runCommand(VELMORAND_CLI, arguments);
+        return testing::runVelmorand(data_.path(), std::move(arguments), "http://127.0.0.1:1");
     }
 
     nlohmann::json broadcastStatus() const {
@@ -244,10 +250,8 @@ TEST_F(BroadcastProgramTest, StatusFollowsTheViewersAndAnotherProcessStopsTheBro
     first.close();
     second.close();
     EXPECT_TRUE(seen("paused", 2)) << broadcastStatus().dump();  // heard from lately
-    EXPECT_NE(cli({"status"})
-                  .out.find("Broadcast: Paused — no viewer wants the stream (pid " + pid + ")\n"),
-              std::string::npos)
-        << cli({"status"}).out;
+    EXPECT_THAT(cli({"status"}).out,
+                HasSubstr("Broadcast: Paused — no viewer wants the stream (pid " + pid + ")\n"));
 
     const auto stop = cli({"broadcast", "--stop"});
     EXPECT_EQ(stop.exitCode, 0) << stop.err;
@@ -257,7 +261,7 @@ TEST_F(BroadcastProgramTest, StatusFollowsTheViewersAndAnotherProcessStopsTheBro
     EXPECT_EQ(broadcastStatus(), (nlohmann::json{{"running", false},
                                                  {"endedWithoutStopping", false},
                                                  {"summary", "Not running"}}));
-    EXPECT_NE(cli({"status"}).out.find("Broadcast: Not running\n"), std::string::npos);
+    EXPECT_THAT(cli({"status"}).out, HasSubstr("Broadcast: Not running\n"));
     EXPECT_EQ(cli({"broadcast", "--stop"}).out, "No broadcast is running.\n");
 }
 
@@ -271,21 +275,22 @@ TEST_F(BroadcastProgramTest, AKilledBroadcastIsNotReportedAsRunning) {
     process.kill();
     EXPECT_TRUE(pumpUntil([this] { return !broadcastStatus().value("running", true); }));
     EXPECT_EQ(broadcastStatus().value("endedWithoutStopping", false), true);
-    EXPECT_NE(
-        cli({"status"})
-            .out.find("Broadcast: Not running — it ended without stopping; see `velmorand log`\n"),
-        std::string::npos);
+    EXPECT_THAT(
+        cli({"status"}).out,
+        HasSubstr("Broadcast: Not running — it ended without stopping; see `velmorand log`\n"));
 }
 
 // On a desktop without a status area, a notification says the screen is being broadcast and
 // carries the Stop; choosing it ends the broadcast. Another notification's Stop does not.
 TEST_F(BroadcastProgramTest, ItsNotificationAnnouncesTheBroadcastAndStopsIt) {
-    const testing::PrivateSessionBus bus;
-    ASSERT_FALSE(bus.address().isEmpty()) << "dbus-daemon did not start";
-    testing::FakeNotifications server(bus.connection());
+    // A session bus of the test's own, so that nothing reaches the desktop the tests run on.
+    const testing::SpawnedServer bus(
+        {"dbus-daemon", "--session", "--nofork", "--print-address={fd}"});
+    ASSERT_FALSE(bus.announced().empty()) << "dbus-daemon did not start";
+    testing::FakeNotifications server(bus.announced());
     ASSERT_TRUE(server.serve());
     pair();
-    auto& process = start(bus.address());
+    auto& process = start(QString::fromStdString(bus.announced()));
     connected();
     ASSERT_TRUE(pumpUntil([&] { return !server.notices().empty(); }, 15s));
     const auto notice = server.notices().front();
@@ -311,13 +316,9 @@ TEST_F(BroadcastProgramTest, ItsNotificationAnnouncesTheBroadcastAndStopsIt) {
 TEST_F(BroadcastProgramTest, StopSignalsOnlyTheProcessThatHoldsTheLock) {
     const auto container = data_.path() / "Group Containers" / "group.co.velmorand.connect";
     std::filesystem::create_directories(container);
-    QProcess bystander;
-    bystander.start("sleep", {"30"});
-    ASSERT_TRUE(bystander.waitForStarted());
-    QProcess holder;
-    holder.start("flock", {"-n", QString::fromStdString((container / "broadcast.lock").string()),
-                           "sleep", "30"});
-    ASSERT_TRUE(holder.waitForStarted());
+    const auto& bystander = spawn("sleep", {"30"});
+    spawn("flock",
+          {"-n", QString::fromStdString((container / "broadcast.lock").string()), "sleep", "30"});
     ASSERT_TRUE(pumpUntil([&] { return broadcastStatus().value("running", false); }));
     std::ofstream(container / "broadcast.lock") << bystander.processId() << "\n";
 
@@ -327,10 +328,6 @@ TEST_F(BroadcastProgramTest, StopSignalsOnlyTheProcessThatHoldsTheLock) {
               "velmorand: the broadcast cannot be asked to stop: the process that holds its lock "
               "is not one of yours on this machine, or has not recorded its id\n");
     EXPECT_EQ(bystander.state(), QProcess::Running);
-    holder.kill();
-    bystander.kill();
-    holder.waitForFinished();
-    bystander.waitForFinished();
 }
 
 TEST_F(BroadcastProgramTest, RelaysThatWouldExposeTheTokenAreRefused) {
@@ -356,12 +353,8 @@ TEST_F(BroadcastProgramTest, RelaysThatWouldExposeTheTokenAreRefused) {
 TEST_F(BroadcastProgramTest, ViewersNeedTheTokenAndComeFromNoPageOrTheSandboxsOwn) {
     const QString own = QString::fromStdString(sandbox_->baseUrl());
     const QString token = QString::fromStdString(sandbox_->viewerToken());
-    struct Row {
-        QString query;
-        QString origin;
-        int closeCode;  // 0: it stays open
-    };
-    const Row rows[] = {
+    // The query, the page's origin, and the code the relay closes with (0: it stays open).
+    const std::tuple<QString, QString, int> rows[] = {
         {"", "", 4401},
         {"?token=wrong", "", 4401},
         {"?token=" + token, "https://evil.example", 4403},
@@ -369,16 +362,15 @@ TEST_F(BroadcastProgramTest, ViewersNeedTheTokenAndComeFromNoPageOrTheSandboxsOw
         {"?token=" + token, "", 0},
         {"?token=" + token, own, 0},
     };
-    for (const auto& row : rows) {
-        QWebSocket viewer(row.origin);
+    for (const auto& [query, origin, closeCode] : rows) {
+        QWebSocket viewer(origin);
         int closed = 0;
         QObject::connect(&viewer, &QWebSocket::disconnected,
                          [&] { closed = static_cast<int>(viewer.closeCode()); });
-        viewer.open(QUrl(QString::fromStdString(sandbox_->relayWsUrl()) + "/viewer" + row.query));
-        const bool settled = pumpUntil([&] { return closed != 0 || sandbox_->viewerCount() == 1; });
-        EXPECT_TRUE(settled) << row.query.toStdString() << " " << row.origin.toStdString();
-        EXPECT_EQ(closed, row.closeCode)
-            << row.query.toStdString() << " " << row.origin.toStdString();
+        viewer.open(QUrl(QString::fromStdString(sandbox_->relayWsUrl()) + "/viewer" + query));
+        SCOPED_TRACE(query.toStdString() + " " + origin.toStdString());
+        EXPECT_TRUE(pumpUntil([&] { return closed != 0 || sandbox_->viewerCount() == 1; }));
+        EXPECT_EQ(closed, closeCode);
         viewer.abort();
         pumpUntil([&] { return sandbox_->viewerCount() == 0; });
     }
@@ -401,15 +393,13 @@ TEST_F(BroadcastProgramTest, TheSandboxAnswersItsPageAndAdminOnlyByItsOwnName) {
         return answer.mid(9, 3).toInt();  // "HTTP/1.1 403 ..."
     };
     const QByteArray foreign = "rebound.example:" + port;
-    const std::tuple<QByteArray, QByteArray, int> rows[] = {
-        {"GET", "/", 403},
-        {"GET", "/admin/last-handshake", 403},
-        {"GET", "/admin/relay", 403},
-        {"POST", "/admin/relay/close-device", 403},
-        {"POST", "/admin/wda-mode", 403},
-    };
-    for (const auto& [method, path, status] : rows) {
-        EXPECT_EQ(statusOf(method, path, foreign), status) << path.toStdString();
+    const std::pair<QByteArray, QByteArray> rows[] = {{"GET", "/"},
+                                                      {"GET", "/admin/last-handshake"},
+                                                      {"GET", "/admin/relay"},
+                                                      {"POST", "/admin/relay/close-device"},
+                                                      {"POST", "/admin/wda-mode"}};
+    for (const auto& [method, path] : rows) {
+        EXPECT_EQ(statusOf(method, path, foreign), 403) << path.toStdString();
         EXPECT_NE(statusOf(method, path, "127.0.0.1:" + port), 403) << path.toStdString();
     }
 }

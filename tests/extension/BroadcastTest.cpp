@@ -12,7 +12,6 @@
 namespace velmorand::extension {
 namespace {
 
-using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
 constexpr const char* kToken = "device-token-7f3a";
@@ -21,12 +20,8 @@ class BroadcastTest : public ::testing::Test {
   protected:
     // Connects and proves the link, so that replies go out.
     BroadcastTest() {
-        SharedConfig::EncodeValues encode;
-        encode.codec = "h264";
-        encode.fps = 30;
-        encode.quality = 0.25;
         broadcast_.begin(RelayBase{"ws://relay.test/r", RelayBase::Source::customUrl},
-                         {encode, std::nullopt});
+                         {{"h264", 30, 0.25, 0.5}, std::nullopt});
         EXPECT_EQ(sockets_.tasks.size(), 1u);
         task_ = sockets_.tasks.back();
         sockets_.open(task_);
@@ -56,12 +51,8 @@ class BroadcastTest : public ::testing::Test {
     std::vector<StreamConfig> opened_;
     std::vector<BroadcastState> published_;
     std::int64_t nowMs_ = 1'700'000'000'000;
-    BroadcastStatus status_{BroadcastState{.phase = BroadcastState::Phase::starting,
-                                           .pid = 4242,
-                                           .viewOnly = true,
-                                           .viewers = 0,
-                                           .operatedAtMs = 0,
-                                           .detail = ""},
+    // Starting, pid 4242, view-only, nobody watching, never operated.
+    BroadcastStatus status_{BroadcastState{BroadcastState::Phase::starting, 4242, true, 0, 0, ""},
                             [this](const BroadcastState& state) { published_.push_back(state); },
                             [this] { return nowMs_; }, queue_};
     RelayFrameSink frames_{*client_};
@@ -140,12 +131,7 @@ TEST_F(BroadcastTest, EachViewerEventIsLoggedAndStreamRequestsApplyToTheLiveSett
 TEST_F(BroadcastTest, PublishesWhatAPersonWouldSeeChange) {
     using Phase = BroadcastState::Phase;
     const auto seen = [](Phase phase, int viewers) {
-        return BroadcastState{.phase = phase,
-                              .pid = 4242,
-                              .viewOnly = true,
-                              .viewers = viewers,
-                              .operatedAtMs = 0,
-                              .detail = ""};
+        return BroadcastState{phase, 4242, true, viewers, 0, ""};
     };
     const auto interval = std::chrono::milliseconds(BroadcastStatus::kPublishIntervalMs);
     // Connecting and the open link came within one interval of the start: written as one.
@@ -208,12 +194,7 @@ TEST(BroadcastStatusTest, CommandsAndViewersArePublishedWithinBounds) {
     constexpr auto kGrain = BroadcastStatus::kOperatedGrainMs;
     std::int64_t now = kFirst - BroadcastStatus::kPublishIntervalMs;
     BroadcastStatus status(
-        {.phase = BroadcastState::Phase::live,
-         .pid = 7,
-         .viewOnly = false,
-         .viewers = 0,
-         .operatedAtMs = 0,
-         .detail = ""},
+        {BroadcastState::Phase::live, 7, false, 0, 0, ""},
         [&](const BroadcastState& state) { published.push_back(state); }, [&] { return now; },
         queue);
     const std::pair<std::int64_t, std::int64_t> commands[] = {

@@ -16,23 +16,19 @@ constexpr const char* kStamp = "2023-11-14T22:13:20.123Z ";
 
 class ExtensionLogWriterTest : public ::testing::Test {
   protected:
-    ExtensionLogWriter::Options options(
-        std::size_t maxBytes = ExtensionLogWriter::kDefaultMaxBytes) {
+    ExtensionLogWriter::Options options(std::size_t maxBytes) {
         return {.maxBytes = maxBytes, .echo = &echo, .clock = [] {
                     return std::chrono::system_clock::time_point(1'700'000'000'123ms);
                 }};
     }
 
-    // The file's lines, each without its time stamp once `stamped` has checked it.
-    std::vector<std::string> lines(bool stamped = true) {
-        std::ifstream in(file);
+    // The lines of the log (or of `path`), each without its time stamp once that is checked.
+    std::vector<std::string> lines(const std::filesystem::path& path = {}) {
+        std::ifstream in(path.empty() ? file : path);
         std::vector<std::string> lines;
         for (std::string line; std::getline(in, line);) {
-            if (stamped) {
-                EXPECT_EQ(line.rfind(kStamp, 0), 0u) << line;
-                line.erase(0, std::string_view(kStamp).size());
-            }
-            lines.push_back(line);
+            EXPECT_EQ(line.rfind(kStamp, 0), 0u) << line;
+            lines.push_back(line.erase(0, std::string_view(kStamp).size()));
         }
         return lines;
     }
@@ -112,11 +108,7 @@ TEST_F(ExtensionLogWriterTest, RotationKeepsTheNewestWholeLinesUnderTheBound) {
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "extension.log.tmp"));
 
     // What the last rotation pushed out is in the previous file, up to the current one's start.
-    std::ifstream previous(dir.path() / "extension.log.1");
-    std::vector<std::string> older;
-    for (std::string line; std::getline(previous, line);) {
-        older.push_back(line.substr(std::string_view(kStamp).size()));
-    }
+    const auto older = lines(dir.path() / "extension.log.1");
     ASSERT_FALSE(older.empty());
     const int first = 400 - static_cast<int>(kept.size());
     const auto joined = std::find_if(older.begin(), older.end(), [&](const std::string& line) {

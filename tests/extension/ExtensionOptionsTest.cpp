@@ -1,8 +1,11 @@
 #include "velmorand/extension/DesktopChoice.h"
 #include "velmorand/extension/ExtensionOptions.h"
 #include "velmorand/extension/Supervisor.h"
+#include "velmorand/extension/WebRtcLoad.h"
 
 #include <gtest/gtest.h>
+
+#include "InMemorySettings.h"
 
 namespace velmorand::extension {
 namespace {
@@ -39,11 +42,8 @@ TEST(ExtensionOptionsTest, DelaysMustBePositiveFiniteAndOrderedAndHelpAndVersion
 TEST(DesktopChoiceTest, TheSessionDecidesUnlessThePersonDoes) {
     using B = DesktopBackend;
     using Backends = std::vector<DesktopBackend>;
-    struct Row {
-        DesktopFacts facts;
-        std::variant<Backends, std::string> chosen;
-    };
-    const Row rows[] = {
+    // What the desktop shows, and the backends chosen or why there are none.
+    const std::pair<DesktopFacts, std::variant<Backends, std::string>> rows[] = {
         {{std::nullopt, "x11", false, true}, Backends{B::x11}},
         {{std::nullopt, "wayland", true, true}, Backends{B::gnome, B::portal}},
         {{std::nullopt, "", true, true}, Backends{B::gnome, B::portal}},
@@ -58,9 +58,9 @@ TEST(DesktopChoiceTest, TheSessionDecidesUnlessThePersonDoes) {
         {{"kde", "wayland", true, false},
          std::string("unknown desktop \"kde\": choose x11, gnome, portal or auto")},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(backendsFor(row.facts), row.chosen)
-            << row.facts.forced.value_or("-") << " " << row.facts.sessionType;
+    for (const auto& [facts, chosen] : rows) {
+        EXPECT_EQ(backendsFor(facts), chosen)
+            << facts.forced.value_or("-") << " " << facts.sessionType;
     }
 }
 
@@ -76,6 +76,41 @@ TEST(SupervisorTest, RestartsBackOffFromOneToThirtySecondsAndResetAfterAGoodMinu
     };
     for (const auto& [ran, delay] : runs) {
         EXPECT_EQ(supervisor.delayAfter(ran), delay) << ran.count();
+    }
+}
+
+constexpr const char* kMarker = "p2p_load_pending";
+
+// Each row: the marker before, what the load says, whether it runs, the outcome, and the marker
+// after. A crash while loading is a load that never returns: the marker it saw set stays set.
+TEST(WebRtcLoadTest, LoadsUnderTheMarkerAndLeavesPluginsAloneAfterACrash) {
+    struct Row {
+        bool markedBefore;
+        std::optional<std::string> missing;
+        bool loads;
+        std::optional<std::string> outcome;
+    };
+    const std::string crashed =
+        "an earlier broadcast stopped while it loaded the WebRTC plug-ins; pair the device again "
+        "to try peer-to-peer again";
+    const Row rows[] = {
+        {false, std::nullopt, true, std::nullopt},
+        {false, "no webrtcbin", true, "no webrtcbin"},
+        {true, std::nullopt, false, crashed},
+    };
+    for (const auto& row : rows) {
+        testing::InMemorySettingsStore store;
+        store.setBool(kMarker, row.markedBefore);
+        bool loaded = false;
+        const auto outcome = WebRtcLoad::attempt(store, [&] {
+            loaded = true;
+            EXPECT_TRUE(store.boolean(kMarker));
+            EXPECT_GE(store.synchronizeCount, 1);
+            return row.missing;
+        });
+        EXPECT_EQ(loaded, row.loads);
+        EXPECT_EQ(outcome, row.outcome);
+        EXPECT_EQ(store.boolean(kMarker), row.markedBefore);
     }
 }
 

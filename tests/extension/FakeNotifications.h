@@ -3,42 +3,12 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QObject>
-#include <QProcess>
 #include <QStringList>
 #include <QVariantMap>
 #include <string>
 #include <vector>
 
 namespace velmorand::testing {
-
-// A session bus of the test's own, so that nothing reaches the desktop the tests run on.
-class PrivateSessionBus {
-  public:
-    PrivateSessionBus() {
-        daemon_.start(QStringLiteral("dbus-daemon"),
-                      {QStringLiteral("--session"), QStringLiteral("--nofork"),
-                       QStringLiteral("--print-address=1")});
-        if (daemon_.waitForStarted(5000) && daemon_.waitForReadyRead(5000)) {
-            address_ = QString::fromUtf8(daemon_.readLine()).trimmed();
-        }
-    }
-    ~PrivateSessionBus() {
-        QDBusConnection::disconnectFromBus(kName);
-        daemon_.kill();
-        daemon_.waitForFinished(5000);
-    }
-    PrivateSessionBus(const PrivateSessionBus&) = delete;
-    PrivateSessionBus& operator=(const PrivateSessionBus&) = delete;
-
-    // Empty when dbus-daemon did not start.
-    const QString& address() const { return address_; }
-    QDBusConnection connection() const { return QDBusConnection::connectToBus(address_, kName); }
-
-  private:
-    static inline const QString kName = QStringLiteral("velmorand-test-session");
-    QProcess daemon_;
-    QString address_;
-};
 
 // The desktop's notification server, as far as the indicator uses it: records what it is asked
 // to show, and sends the person's choice of an action.
@@ -55,7 +25,10 @@ class FakeNotifications : public QObject {
         int timeout = 0;
     };
 
-    explicit FakeNotifications(QDBusConnection bus) : bus_(std::move(bus)) {}
+    // On the bus at `address`.
+    explicit FakeNotifications(const std::string& address)
+        : bus_(QDBusConnection::connectToBus(QString::fromStdString(address), kName)) {}
+    ~FakeNotifications() override { QDBusConnection::disconnectFromBus(kName); }
 
     bool serve() {
         return bus_.registerObject(kPath, this, QDBusConnection::ExportAllSlots) &&
@@ -86,6 +59,7 @@ class FakeNotifications : public QObject {
     }
 
   private:
+    static inline const QString kName = QStringLiteral("velmorand-test-session");
     static inline const QString kPath = QStringLiteral("/org/freedesktop/Notifications");
     QDBusConnection bus_;
     std::vector<Notice> notices_;

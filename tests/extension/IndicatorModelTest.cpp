@@ -18,49 +18,22 @@ const Notice kLive{"Your screen is being broadcast",
 const Notice kOperated{"A viewer is operating this screen",
                        "Their taps and typing reach this desktop until you stop the broadcast."};
 
+// A sighting's members in order: running, pid, state, endedWithoutStopping, summary.
 BroadcastSighting running(Phase phase, std::int64_t operatedAtMs = 0, bool viewOnly = false) {
-    const BroadcastState state{.phase = phase,
-                               .pid = 7,
-                               .viewOnly = viewOnly,
-                               .viewers = 1,
-                               .operatedAtMs = operatedAtMs,
-                               .detail = ""};
-    return {.running = true,
-            .pid = 7,
-            .state = state,
-            .endedWithoutStopping = false,
-            .summary = state.summary(kStart)};
+    const BroadcastState state{phase, 7, viewOnly, 1, operatedAtMs, ""};
+    return {true, 7, state, false, state.summary(kStart)};
 }
 
 BroadcastSighting gone() {
-    return {.running = false,
-            .pid = 0,
-            .state = {},
-            .endedWithoutStopping = false,
-            .summary = "Not running"};
+    return {false, 0, std::nullopt, false, "Not running"};
 }
 
 // Each row is one reading, a second after the last: what the broadcast said, then what the
-// indicator announces and whether it goes.
+// indicator announces, whether it shows someone operating, and whether it goes.
 TEST(IndicatorModelTest, AnnouncesTheLiveBroadcastAndTheFirstOperatorOnceAndGoesWithIt) {
-    struct Row {
-        const char* what;
-        BroadcastSighting seen;
-        std::vector<Notice> notices;
-        bool operating;
-        bool ended;
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, BroadcastSighting, std::vector<Notice>, bool, bool> rows[] = {
         {"not running yet", gone(), {}, false, false},
-        {"just took the lock",
-         {.running = true,
-          .pid = 0,
-          .state = {},
-          .endedWithoutStopping = false,
-          .summary = "Starting…"},
-         {},
-         false,
-         false},
+        {"just took the lock", {true, 0, std::nullopt, false, "Starting…"}, {}, false, false},
         {"connecting", running(Phase::connecting), {}, false, false},
         {"live", running(Phase::live), {kLive}, false, false},
         {"still live", running(Phase::live), {}, false, false},
@@ -72,12 +45,12 @@ TEST(IndicatorModelTest, AnnouncesTheLiveBroadcastAndTheFirstOperatorOnceAndGoes
     };
     IndicatorModel model(kStart);
     std::int64_t now = kStart;
-    for (const auto& row : rows) {
-        const auto view = model.next(row.seen, now);
-        EXPECT_EQ(view.notices, row.notices) << row.what;
-        EXPECT_EQ(view.operating, row.operating) << row.what;
-        EXPECT_EQ(view.ended, row.ended) << row.what;
-        EXPECT_EQ(view.tooltip, "Velmorand — " + row.seen.summary) << row.what;
+    for (const auto& [what, seen, notices, operating, ended] : rows) {
+        const auto view = model.next(seen, now);
+        EXPECT_EQ(view.notices, notices) << what;
+        EXPECT_EQ(view.operating, operating) << what;
+        EXPECT_EQ(view.ended, ended) << what;
+        EXPECT_EQ(view.tooltip, "Velmorand — " + seen.summary) << what;
         now += 1'000;
     }
 }
