@@ -16,12 +16,8 @@ using Phase = BroadcastState::Phase;
 constexpr std::int64_t kNow = 1'700'000'000'000;
 
 TEST(BroadcastStateTest, WhatTheBroadcastWroteReadsBackAndAnythingElseIsRefused) {
-    const BroadcastState live{.phase = Phase::live,
-                              .pid = 4242,
-                              .viewOnly = true,
-                              .viewers = 3,
-                              .operatedAtMs = kNow,
-                              .detail = "après — 2 s"};
+    // Members in order: phase, pid, viewOnly, viewers, operatedAtMs, detail.
+    const BroadcastState live{Phase::live, 4242, true, 3, kNow, "après — 2 s"};
     EXPECT_EQ(BroadcastState::decode(live.encode()), live);
 
     const auto valid = nlohmann::json::parse(live.encode());
@@ -62,12 +58,8 @@ TEST(BroadcastStateTest, SaysWhatAPersonNeedsToKnow) {
     // -1: never operated.
     const auto at = [](Phase phase, int viewers, std::int64_t operatedAgoMs, bool viewOnly = false,
                        std::string detail = "") {
-        return BroadcastState{.phase = phase,
-                              .pid = 7,
-                              .viewOnly = viewOnly,
-                              .viewers = viewers,
-                              .operatedAtMs = operatedAgoMs == -1 ? 0 : kNow - operatedAgoMs,
-                              .detail = std::move(detail)};
+        const std::int64_t operatedAtMs = operatedAgoMs == -1 ? 0 : kNow - operatedAgoMs;
+        return BroadcastState{phase, 7, viewOnly, viewers, operatedAtMs, std::move(detail)};
     };
     const std::pair<BroadcastState, std::string> cases[] = {
         {at(Phase::starting, 0, -1), "Starting…"},
@@ -95,21 +87,12 @@ TEST(BroadcastStateTest, SaysWhatAPersonNeedsToKnow) {
 // that process wrote it.
 TEST(BroadcastStateTest, ARunningBroadcastIsTheLocksHolderAndOnlyItsOwnStateCounts) {
     const auto written = [](Phase phase, long pid) {
-        return BroadcastState{.phase = phase,
-                              .pid = pid,
-                              .viewOnly = false,
-                              .viewers = 1,
-                              .operatedAtMs = 0,
-                              .detail = ""}
-            .encode();
+        return BroadcastState{phase, pid, false, 1, 0, ""}.encode();
     };
-    struct Row {
-        std::optional<long> runningPid;
-        std::optional<std::string> text;
-        bool running;
-        bool stateBelieved;
-        std::string summary;
-    };
+    // The running process and the file's text; whether it runs, whether the text is believed, and
+    // the line shown.
+    using Row =
+        std::tuple<std::optional<long>, std::optional<std::string>, bool, bool, std::string>;
     const Row rows[] = {
         {std::nullopt, std::nullopt, false, false, "Not running"},
         {std::nullopt, written(Phase::stopped, 7), false, false, "Not running"},
@@ -122,13 +105,13 @@ TEST(BroadcastStateTest, ARunningBroadcastIsTheLocksHolderAndOnlyItsOwnStateCoun
         {8, written(Phase::live, 7), true, false, "Starting…"},
         {0, std::nullopt, true, false, "Starting…"},
     };
-    for (const auto& row : rows) {
-        const auto seen = BroadcastSighting::of(row.runningPid, row.text, kNow);
-        SCOPED_TRACE(row.text.value_or("(no file)"));
-        EXPECT_EQ(seen.running, row.running);
-        EXPECT_EQ(seen.pid, row.runningPid.value_or(0));
-        EXPECT_EQ(seen.state.has_value(), row.stateBelieved);
-        EXPECT_EQ(seen.summary, row.summary);
+    for (const auto& [runningPid, text, running, stateBelieved, summary] : rows) {
+        const auto seen = BroadcastSighting::of(runningPid, text, kNow);
+        SCOPED_TRACE(text.value_or("(no file)"));
+        EXPECT_EQ(seen.running, running);
+        EXPECT_EQ(seen.pid, runningPid.value_or(0));
+        EXPECT_EQ(seen.state.has_value(), stateBelieved);
+        EXPECT_EQ(seen.summary, summary);
     }
 }
 

@@ -12,6 +12,8 @@ namespace {
 using Values = SharedConfig::Values;
 using Seed = std::map<std::string, StoredValue>;
 using testing::ConfigFixture;
+using testing::profilePlist;
+using testing::signedContainer;
 
 void seed(SettingsStore& store, const Seed& entries) {
     for (const auto& [key, value] : entries) {
@@ -42,7 +44,10 @@ class LoadPrecedenceTest : public ConfigFixture, public ::testing::WithParamInte
 
 TEST_P(LoadPrecedenceTest, PicksTheRightCopyAndRepairsOnlyByMigration) {
     const LoadCase& c = GetParam();
-    SharedConfig& shared = config(c.groupAvailable);
+    if (!c.groupAvailable) {
+        std::filesystem::remove(dir.path() / "embedded.mobileprovision");
+    }
+    SharedConfig& shared = config;
     seed(group(), c.group);
     if (c.mirror) {
         shared.saveKeychain(*c.mirror);
@@ -122,7 +127,7 @@ INSTANTIATE_TEST_SUITE_P(Matrix, LoadPrecedenceTest, ::testing::ValuesIn(kLoadCa
 
 TEST_F(ConfigFixture, EveryFieldIsReadBackFromBothStores) {
     const Values every = everyField("A");
-    config().persist(every);
+    config.persist(every);
     EXPECT_EQ(SharedConfig::values(group()), every);
     EXPECT_EQ(SharedConfig::values(standard()), every);
 }
@@ -139,7 +144,7 @@ TEST_F(ConfigFixture, PersistKeepsAbsentNumbersButErasesAbsentText) {
         v.deviceName = "Phone";
         v.scale = 0.25;
     });
-    config().persist(values);
+    config.persist(values);
 
     const Seed after = {{"fps", std::int64_t{30}},
                         {"quality", 0.7},
@@ -152,7 +157,7 @@ TEST_F(ConfigFixture, PersistKeepsAbsentNumbersButErasesAbsentText) {
         EXPECT_EQ(store->synchronizeCount, 1);
     }
     // The mirror is replaced whole, so it holds only what was persisted.
-    EXPECT_EQ(config().loadKeychain(), values);
+    EXPECT_EQ(config.loadKeychain(), values);
 }
 
 TEST(SharedConfigStoreTest, NumbersReadThroughTheirNumberViewAndTextAsText) {
@@ -225,6 +230,137 @@ TEST(SharedConfigEncodeTest, ResolvedEncodeClampsAndDefaults) {
         const Values values{{}, {},    {},        {},      {}, {}, c.codec,
                             9,  c.fps, c.quality, c.scale, {}, {}, {}};
         EXPECT_EQ(SharedConfig::resolvedEncode(values), c.expected);
+    }
+}
+
+constexpr const char* kGroup = "<string>group.co.velmorand.connect</string>";
+
+std::string profile(const std::string& groups) {
+    return signedContainer(profilePlist(groups));
+}
+
+TEST(AppGroupTest, ReadsTheGroupListOutOfTheEmbeddedProfile) {
+    const std::string bare = profilePlist(std::string("<array>") + kGroup + "</array>");
+    const std::pair<std::optional<std::string>, bool> cases[] = {
+        {std::nullopt, false},
+        {bare, true},
+        // High Latin-1 bytes inside the payload decode one character each.
+        {profile(std::string("<array><string>Caf\xe9 \xa9</string>") + kGroup + "</array>"), true},
+        {profile("<array><string>group.co.Velmorand.connect</string></array>"), false},
+        {profile(kGroup), false},
+        {std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><array>") + kGroup +
+             "</array></plist>",
+         false},
+        {std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Entitlements</key>"
+                     "<array>") +
+             kGroup + "</array></dict></plist>",
+         false},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(&row - cases);
+        const auto& [bytes, expected] = row;
+        testing::TempDir dir;
+        if (bytes) {
+            testing::writeProfile(dir.path(), *bytes);
+        }
+        testing::FakeBundle bundle(dir.path());
+        EXPECT_EQ(AppGroup::hasAppGroupInEmbeddedProvision(bundle), expected);
+        EXPECT_EQ(AppGroup(bundle).available(), expected);
+    }
+}
+
+StoredValue text(const char* value) {
+    return StoredValue{std::string(value)};
+}
+
+KeychainAttributes probeItem(StoredValue accessGroup) {
+    return {{std::string(keychain::kClass), text("genp")},
+            {std::string(keychain::kAccount), text("velmorand.bundleSeedID")},
+            {std::string(keychain::kService), text("")},
+            {std::string(keychain::kAccessGroup), std::move(accessGroup)}};
+}
+
+// The mirror item as another reader of the shared group asks for it, with one more attribute.
+KeychainAttributes mirrorItem(std::string_view name, StoredValue value) {
+    return {{std::string(keychain::kClass), text("genp")},
+            {std::string(keychain::kService), text("co.velmorand.connect.config")},
+            {std::string(keychain::kAccount), text("sharedConfig")},
+            {std::string(keychain::kAccessGroup), text("TEAM123.co.velmorand.shared")},
+            {std::string(name), std::move(value)}};
+}
+
+TEST_F(ConfigFixture, TeamPrefixComesFromTheProbeItemAddedOnFirstUse) {
+    SharedConfig& shared = config;
+    EXPECT_EQ(shared.bundleSeedID(), "TEAM123");
+    EXPECT_EQ(keychain.items, std::vector{probeItem(text("TEAM123.co.velmorand.connect"))});
+    // Nothing is cached, but the probe is found from now on.
+    EXPECT_EQ(shared.bundleSeedID(), "TEAM123");
+    EXPECT_EQ(keychain.copyCount, 2);
+    EXPECT_EQ(keychain.addCount, 1);
+
+    // The first non-empty piece of the probe's access group.
+    const std::pair<StoredValue, std::optional<std::string>> cases[] = {
+        {text(".TEAM9.co.x"), "TEAM9"},
+        {text("..."), std::nullopt},
+        {std::int64_t{7}, std::nullopt}};
+    for (const auto& [group, expected] : cases) {
+        keychain.items = {probeItem(group)};
+        EXPECT_EQ(shared.bundleSeedID(), expected);
+    }
+}
+
+TEST_F(ConfigFixture, SavingReplacesTheItemByDeleteThenAdd) {
+    SharedConfig& shared = config;
+    // Every field, as the upload extension may find the configuration in the mirror alone.
+    const Values b = everyField("B");
+    shared.saveKeychain(paired("A"));
+    shared.saveKeychain(b);
+    EXPECT_EQ(keychain.items.size(), 2u);
+    EXPECT_EQ(shared.loadKeychain(), b);
+    // What another reader of the shared group asks for: a generic password of that service,
+    // readable once the device was first unlocked, and never carried to another device.
+    auto mirror = keychain.items.back();
+    mirror.erase(std::string(keychain::kValueData));
+    EXPECT_EQ(mirror, mirrorItem(keychain::kAccessible, text("cku")));
+
+    // A record that cannot be written as JSON leaves the mirror alone.
+    Values notANumber = paired("C");
+    notANumber.quality = std::numeric_limits<double>::quiet_NaN();
+    shared.saveKeychain(notANumber);
+    Values notUtf8 = paired("D");
+    notUtf8.deviceName = "\xff\xfe";
+    shared.saveKeychain(notUtf8);
+    EXPECT_EQ(keychain.removeCount, 2);
+    EXPECT_EQ(shared.loadKeychain(), b);
+
+    // An add that fails after the delete leaves no mirror.
+    keychain.failAdds = true;
+    shared.persist(paired("E"));
+    EXPECT_EQ(mirrorText(), std::nullopt);
+    EXPECT_EQ(shared.loadKeychain(), std::nullopt);
+}
+
+TEST_F(ConfigFixture, LoadsHandWrittenMirrors) {
+    SharedConfig& shared = config;
+    ASSERT_TRUE(shared.bundleSeedID());
+    const Values numbers = with({}, [](Values& v) {
+        v.fps = 1;
+        v.quality = 1.0;
+        v.bitrate = -3;
+    });
+    const std::pair<std::string, std::optional<Values>> cases[] = {
+        {R"({"fps":24.9,"deviceToken":5})", with({}, [](Values& v) { v.fps = 24; })},
+        {R"({"fps":true,"quality":1,"bitrate":-3})", numbers},
+        {R"({"fps":1e30,"scale":18446744073709551615,"bitrate":18446744073709551615})",
+         with({}, [](Values& v) { v.scale = 18446744073709551615.0; })},
+        {R"({"deviceToken":null,"relayWsUrl":["x"],"accessKey":"k","extra":1})",
+         with({}, [](Values& v) { v.accessKey = "k"; })},
+        {R"([{"accessKey":"k"}])", std::nullopt},
+    };
+    for (const auto& [data, expected] : cases) {
+        keychain.items.resize(1);
+        keychain.items.push_back(mirrorItem(keychain::kValueData, Bytes(data.begin(), data.end())));
+        EXPECT_EQ(shared.loadKeychain(), expected) << data;
     }
 }
 

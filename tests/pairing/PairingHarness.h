@@ -1,7 +1,5 @@
 #pragma once
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -12,6 +10,7 @@
 #include "FakeHttpClient.h"
 #include "InMemoryConfig.h"
 #include "ManualMainQueue.h"
+#include "ProvisioningProfile.h"
 #include "RecordingLog.h"
 #include "RecordingPasteboard.h"
 #include "velmorand/config/SharedConfig.h"
@@ -22,18 +21,9 @@ namespace velmorand::testing {
 
 inline constexpr const char* kDefaultAppURL = "https://app.velmorand.test";
 
-// Writes a provisioning profile that grants the shared app group; call before the first store
-// access, as the answer is read once.
-inline void grantAppGroup(const std::filesystem::path& bundleRoot) {
-    std::ofstream(bundleRoot / "embedded.mobileprovision")
-        << "\x30\x82signature<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
-           "<plist version=\"1.0\"><dict><key>Entitlements</key><dict>"
-           "<key>com.apple.security.application-groups</key><array>"
-           "<string>group.co.velmorand.connect</string></array></dict></dict></plist>\x01\x02";
-}
-
 // A model wired to a real SharedConfig over in-memory stores, in a bundle without a profile
-// (standard store and keychain only) unless the test grants the group first.
+// (standard store and keychain only) unless the test writes one into `dir` before the first store
+// access, as the answer is read once.
 struct PairingHarness : InMemoryConfig {
     ManualMainQueue queue;
     FakeHttpClient http{queue};

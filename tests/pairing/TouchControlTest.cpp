@@ -17,6 +17,7 @@ constexpr const char* kStopped = "Touch control stopped — tap Start to restart
 TEST(TouchControl, TheStatusCheckSetsOnlyTheTouchControlLine) {
     const auto notJson = "Can't reach Velmorand: " + JsonParseError().description();
     const auto active = answer(200, R"({"enabled":true,"wdaStatus":"active"})");
+    // clang-format off
     const struct {
         HttpOutcome service;
         // The local server's answer when it must be asked (with a 2-second limit).
@@ -28,25 +29,20 @@ TEST(TouchControl, TheStatusCheckSetsOnlyTheTouchControlLine) {
         {answer(503, R"({"wdaStatus":"active"})"), {}, "Status check failed (503)", true},
         {answer(200, "nope"), {}, notJson, true},
         {answer(200, "[]"), {}, "Status check failed (200)", true},
-        {answer(200, R"({"enabled":false,"wdaStatus":"active"})"),
-         {},
-         "Touch server offline — ask Velmorand ops",
-         true},
-        {answer(200, R"({"wdaStatus":"error","wdaDetail":7})"),
-         {},
-         "Touch start failed — try again",
-         true},
+        {answer(200, R"({"enabled":false,"wdaStatus":"active"})"), {},
+         "Touch server offline — ask Velmorand ops", true},
+        {answer(200, R"({"wdaStatus":"error","wdaDetail":7})"), {},
+         "Touch start failed — try again", true},
         {answer(200, R"({"wdaStatus":"error","wdaDetail":"No Mac"})"), {}, "No Mac", true},
-        {answer(200, R"({"wdaStatus":"starting"})"),
-         {},
-         "Starting touch control on Velmorand Mac…",
-         false},
+        {answer(200, R"({"wdaStatus":"starting"})"), {},
+         "Starting touch control on Velmorand Mac…", false},
         {answer(200, R"({"wdaStatus":"ACTIVE"})"), {}, kIdle, false},
         {active, answer(200, R"({"value":{"ready":true}})"), "Touch control: active", false},
         {active, answer(200, R"({"value":{"ready":false}})"), kStopped, false},
         {active, answer(200, R"({"value":{"ready":1}})"), kStopped, false},
         {active, answer(200, "<html>not JSON</html>"), kStopped, false},
     };
+    // clang-format on
     testing::PairingHarness h;
     h.update([](auto& values) { values.accessKey = "K"; });
     h.model->setStatus("pairing line");
@@ -71,25 +67,22 @@ TEST(TouchControl, TheStatusCheckSetsOnlyTheTouchControlLine) {
 
 // The service's answer to a start is the line until the follow-up check replaces it.
 TEST(TouchControl, AStartIsQueuedOrRefusedInTheServicesWords) {
-    const struct {
-        HttpOutcome answer;
-        std::string text;
-        bool failure;
-    } cases[] = {
+    // The service's answer, the touch-control line, and whether it reports a failure.
+    const std::tuple<HttpOutcome, std::string, bool> cases[] = {
         {answer(202, R"({"message":"Queued behind 2"})"), "Queued behind 2", false},
         {answer(200, "{}"), "Queued — WDA starts in ~30s", false},
         {answer(409, R"({"error":"No Mac is free"})"), "No Mac is free", true},
         {answer(500, "<html>"), "Start refused (500)", true},
         {transportError("Timed out."), "Start failed: Timed out.", true},
     };
-    for (const auto& c : cases) {
+    for (const auto& [outcome, text, failure] : cases) {
         testing::PairingHarness h;
         h.update([](auto& values) { values.accessKey = "K"; });
-        h.http.route("POST", kBridgeURL, c.answer);
+        h.http.route("POST", kBridgeURL, outcome);
         h.model->startWda();
         h.queue.runReady();
-        EXPECT_EQ(h.model->wdaStatus(), c.text);
-        EXPECT_EQ(h.model->touchControlFailed(), c.failure) << c.text;
+        EXPECT_EQ(h.model->wdaStatus(), text);
+        EXPECT_EQ(h.model->touchControlFailed(), failure) << text;
     }
 }
 

@@ -21,7 +21,7 @@ TEST(WebRtcCapability, ClearsAStaleMarkerOnceInTheStoreThatHoldsIt) {
         SCOPED_TRACE(&c - cases);
         testing::PairingHarness h;
         if (c.granted) {
-            testing::grantAppGroup(h.dir.path());
+            testing::writeProfile(h.dir.path(), testing::kEntitledProfile);
         }
         h.stores.groupOpens = c.groupOpens;
         if (c.linked) {
