@@ -89,6 +89,7 @@ TEST_F(HttpFaults, EachFaultEndsInItsStatusLineWithoutFollowingOrTrustingIt) {
     const ScriptedServer::Tls trusted{testPki().serverCertificate, testPki().serverKey};
     const ScriptedServer::Tls misnamed{testPki().localhostOnlyCertificate,
                                        testPki().localhostOnlyKey};
+    // clang-format off
     const struct {
         const char* name;
         QByteArray answer;
@@ -98,25 +99,19 @@ TEST_F(HttpFaults, EachFaultEndsInItsStatusLineWithoutFollowingOrTrustingIt) {
         const char* mentions;
     } cases[] = {
         {"pair truncated", truncated(kHandshakeBody), {}, false, "Pairing failed: ", ""},
-        {"pair insecure redirect", redirect, trusted, false,
-         "Pairing failed: ", "Redirected from https to http"},
-        {"pair 407",
-         httpAnswer(407, R"({"error":"Proxy says no"})"),
-         {},
-         false,
-         "Pairing failed: Handshake 407: Proxy says no",
-         nullptr},
-        {"pair misnamed", httpAnswer(200, kHandshakeBody), misnamed, false,
-         "Pairing failed: ", "host name"},
+        {"pair insecure redirect", redirect, trusted, false, "Pairing failed: ",
+         "Redirected from https to http"},
+        {"pair 407", httpAnswer(407, R"({"error":"Proxy says no"})"), {}, false,
+         "Pairing failed: Handshake 407: Proxy says no", nullptr},
+        {"pair misnamed", httpAnswer(200, kHandshakeBody), misnamed, false, "Pairing failed: ",
+         "host name"},
         {"pair too large",
-         httpAnswer(200, std::string(QtHttpClient::kDefaultMaxBodyBytes + 1, ' ')),
-         {},
-         false,
-         "Pairing failed: Response too large",
-         nullptr},
+         httpAnswer(200, std::string(QtHttpClient::kDefaultMaxBodyBytes + 1, ' ')), {}, false,
+         "Pairing failed: Response too large", nullptr},
         {"status expired", httpAnswer(200, R"({"wdaStatus":"idle"})"), expiredCertificate(), true,
          "Can't reach Velmorand: ", "expired"},
     };
+    // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         ScriptedServer server(c.answer, c.tls);
@@ -165,7 +160,6 @@ TEST_F(HttpFaults, OnlyAReadyLocalServerShowsActiveAndNoneTakesLongerThanTwoSeco
     EXPECT_EQ(silentServer.requests().size(), 1u);
 }
 
-// The one test that waits out the full 15 seconds.
 // A service that has moved its handshake answers with a redirect: 307 keeps the POST and its
 // body, whether the connection is kept for the next request or closed after each answer.
 TEST_F(HttpFaults, ARedirectedHandshakePairsEveryTime) {
@@ -179,10 +173,7 @@ TEST_F(HttpFaults, ARedirectedHandshakePairsEveryTime) {
                     return httpAnswer(200, kHandshakeBody);
                 }
                 if (request.startsWith("POST /api/agent-handshake ")) {
-                    return QByteArray(
-                        "HTTP/1.1 307 Temporary Redirect\r\n"
-                        "Location: /moved/api/agent-handshake\r\n"
-                        "Content-Length: 0\r\n\r\n");
+                    return httpAnswer(307, "", "Location: /moved/api/agent-handshake\r\n");
                 }
                 return httpAnswer(404, "{}");
             },
@@ -196,6 +187,7 @@ TEST_F(HttpFaults, ARedirectedHandshakePairsEveryTime) {
     }
 }
 
+// The one test that waits out the full 15 seconds.
 TEST_F(HttpFaults, SlowlorisHandshakeTimesOutAfterFifteenSeconds) {
     ScriptedServer server(QByteArray(), std::nullopt, httpAnswer(200, kHandshakeBody));
     makeModel(server.baseUrl());

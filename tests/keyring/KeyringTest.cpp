@@ -99,11 +99,7 @@ TEST(KeyringTest, BothStoresKeepTheSameRules) {
                   StoredValue(std::string(kc::kAccessibleAfterFirstUnlockThisDeviceOnly)));
         EXPECT_EQ(std::get<KeychainAttributes>(described).count(std::string(kc::kValueData)), 0u);
 
-        const struct {
-            const char* what;
-            KeychainAttributes query;
-            int status;
-        } lookups[] = {
+        const std::tuple<const char*, KeychainAttributes, int> lookups[] = {
             {"another account", with(mirrorQuery(), kc::kAccount, std::string("other")),
              kc::kItemNotFound},
             {"another group", with(mirrorQuery(), kc::kAccessGroup, std::string("X.other")),
@@ -112,9 +108,9 @@ TEST(KeyringTest, BothStoresKeepTheSameRules) {
              {{std::string(kc::kService), std::string("co.velmorand.connect.config")}},
              kc::kSuccess},
         };
-        for (const auto& lookup : lookups) {
-            SCOPED_TRACE(lookup.what);
-            EXPECT_EQ(chain.copyMatching(lookup.query, nullptr), lookup.status);
+        for (const auto& [what, query, status] : lookups) {
+            SCOPED_TRACE(what);
+            EXPECT_EQ(chain.copyMatching(query, nullptr), status);
         }
 
         EXPECT_EQ(chain.add(with(mirrorItem(data), kc::kAccessGroup, std::string("SOMEONE.else")),

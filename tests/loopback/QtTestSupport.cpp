@@ -83,8 +83,8 @@ QByteArray httpAnswer(int status, const std::string& body, const std::string& ex
 }
 
 ScriptedServer::ScriptedServer(std::optional<QByteArray> head, std::optional<Tls> tls,
-                               QByteArray dribble, std::chrono::milliseconds every)
-    : tls_(tls.has_value()), head_(std::move(head)), dribble_(std::move(dribble)), every_(every) {
+                               QByteArray dribble)
+    : tls_(tls.has_value()), head_(std::move(head)), dribble_(std::move(dribble)) {
     if (tls) {
         auto server = std::make_unique<QSslServer>();
         server->setSslConfiguration(serverTls(tls->certificate, tls->key));
@@ -146,7 +146,7 @@ void ScriptedServer::answer(QTcpSocket* socket) {
                              socket->disconnectFromHost();
                          }
                      });
-    timer->start(dribble_.isEmpty() ? std::chrono::milliseconds(0) : every_);
+    timer->start(dribble_.isEmpty() ? std::chrono::milliseconds(0) : std::chrono::seconds(1));
 }
 
 std::string ScriptedServer::baseUrl() const {

@@ -35,7 +35,7 @@ QSslConfiguration serverTls(const std::filesystem::path& certificate,
                             const std::filesystem::path& key);
 
 // A loopback HTTP or HTTPS server. Each request, once read whole, is recorded and answered with
-// `head` at once, then `dribble` one byte every `every`, then a hang-up. Without a head it holds
+// `head` at once, then `dribble` one byte a second, then a hang-up. Without a head it holds
 // every connection open without a word.
 class ScriptedServer {
   public:
@@ -45,8 +45,7 @@ class ScriptedServer {
     };
 
     explicit ScriptedServer(std::optional<QByteArray> head, std::optional<Tls> tls = std::nullopt,
-                            QByteArray dribble = {},
-                            std::chrono::milliseconds every = std::chrono::seconds(1));
+                            QByteArray dribble = {});
     // Answers each request (read whole) with what `route` makes of it, on a connection that stays
     // open for the next request when `keepAlive`, and is closed after each answer otherwise.
     using Route = std::function<QByteArray(const QByteArray& request)>;
@@ -66,7 +65,6 @@ class ScriptedServer {
     Route route_;
     bool keepAlive_ = false;
     QByteArray dribble_;
-    std::chrono::milliseconds every_;
     std::vector<QByteArray> requests_;
 };
 
