@@ -319,6 +319,7 @@ TEST_F(BroadcastProgramTest, StopSignalsOnlyTheProcessThatHoldsTheLock) {
     const auto& bystander = spawn("sleep", {"30"});
     spawn("flock",
           {"-n", QString::fromStdString((container / "broadcast.lock").string()), "sleep", "30"});
+    ASSERT_FALSE(HasFailure()) << "a helper process did not start";
     ASSERT_TRUE(pumpUntil([&] { return broadcastStatus().value("running", false); }));
     std::ofstream(container / "broadcast.lock") << bystander.processId() << "\n";
 
