@@ -96,12 +96,12 @@ export class Desktop {
   // The recorder ends with this process: its standard input closes.
   async startRecorder() {
     const since = this.events.length;
-    const recorder = this.wayland
-      ? start(this.children, this.paths.recorder, [], {
-        stdio: ["pipe", "pipe", "pipe"],
-        env: { ...process.env, QT_QPA_PLATFORM: "wayland" },
-      })
-      : start(this.children, this.paths.recorder, [this.display], { stdio: ["pipe", "pipe", "pipe"] });
+    const recorder = start(this.children, this.paths.recorder, [], {
+      stdio: ["pipe", "pipe", "pipe"],
+      env: this.wayland
+        ? { ...process.env, QT_QPA_PLATFORM: "wayland" }
+        : { ...process.env, QT_QPA_PLATFORM: "xcb", DISPLAY: this.display },
+    });
     // Gone before its standard input closes, it must not take this process with it.
     recorder.stdin.on("error", () => {});
     let partial = "";
