@@ -50,10 +50,17 @@ export function browserEnvironment() {
 }
 
 // For a page's init script: keeps the page's peer connections in window.testPeers, so that a test
-// can cut one off behind the page's back.
+// can cut one off behind the page's back, and counts the candidates the device sent them in
+// window.testRemoteCandidates.
 export function keepPeerConnections() {
   const Original = RTCPeerConnection;
   window.testPeers = [];
+  window.testRemoteCandidates = 0;
+  const addIceCandidate = Original.prototype.addIceCandidate;
+  Original.prototype.addIceCandidate = function (candidate) {
+    window.testRemoteCandidates += candidate?.candidate ? 1 : 0;
+    return addIceCandidate.call(this, candidate);
+  };
   window.RTCPeerConnection = function (...args) {
     const connection = new Original(...args);
     window.testPeers.push(connection);

@@ -154,6 +154,10 @@ async function run() {
   desktop.tellRecorder("turn");
   await expectPattern(first, "on the peer-to-peer video");
   ok(`the first viewer's picture comes peer-to-peer, with the pattern's colours (${await pathOf(first)})`);
+  // Loopback would connect on the viewer's candidates alone; a viewer behind a NAT needs the
+  // device's.
+  await waitFor("the device's ICE candidates at the viewer", () =>
+    first.evaluate(() => window.testRemoteCandidates > 0));
   await sleep(1000);
   const before = (await relay()).frames.received;
   await sleep(2000);
