@@ -206,7 +206,9 @@ TEST(WaylandInputInjectorTest, WhatTheLayoutLacksIsPastedAndTheClipboardPutBack)
         {"keys only", U"a!", "mine", true, 1, none, true, "a↓ a↑ exclam↓ exclam↑", "mine"},
         {"a run is one paste", U"éà!", "mine", true, 1, none, true,
          "offer éà CTRLV read éà offer mine exclam↓ exclam↑", "mine"},
-        // Four bytes of UTF-8 from U+10000 on.
+        // Two bytes of UTF-8 up to U+07FF, three from U+0800, four from U+10000 on.
+        {"where two bytes end and three begin", U"\u07FF\u0800", "mine", true, 1, none, true,
+         "offer \xDF\xBF\xE0\xA0\x80 CTRLV read \xDF\xBF\xE0\xA0\x80 offer mine", "mine"},
         {"beyond the first plane", U"\U00010000\U0001F600", "mine", true, 1, none, true,
          "offer \xF0\x90\x80\x80\xF0\x9F\x98\x80 CTRLV read \xF0\x90\x80\x80\xF0\x9F\x98\x80 "
          "offer mine",
