@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -86,6 +87,24 @@ class Keyboard {
         sync();
     }
 
+    // The first keycode bound to `keysym`, if any.
+    std::optional<int> keycodeOf(xcb_keysym_t keysym) {
+        for (int keycode = min; keycode <= max; ++keycode) {
+            const auto keysyms = row(keycode);
+            if (std::find(keysyms.begin(), keysyms.end(), keysym) != keysyms.end()) {
+                return keycode;
+            }
+        }
+        return std::nullopt;
+    }
+
+    bool pressed(int keycode) {
+        std::unique_ptr<xcb_query_keymap_reply_t, decltype(&std::free)> keymap(
+            xcb_query_keymap_reply(connection_, xcb_query_keymap(connection_), nullptr),
+            &std::free);
+        return keymap && (keymap->keys[keycode / 8] & (1U << (keycode % 8))) != 0;
+    }
+
     int min = 0;
     int max = 0;
 
@@ -99,10 +118,13 @@ class Keyboard {
     xcb_window_t root_ = XCB_NONE;
 };
 
-void openInjector(const std::string& display) {
+std::unique_ptr<InputInjector> openInjector(const std::string& display) {
     auto opened = XcbInputInjector::open(display.c_str());
-    ASSERT_TRUE(std::holds_alternative<std::unique_ptr<InputInjector>>(opened))
-        << std::get<std::string>(opened);
+    if (auto* injector = std::get_if<std::unique_ptr<InputInjector>>(&opened)) {
+        return std::move(*injector);
+    }
+    ADD_FAILURE() << std::get<std::string>(opened);
+    return nullptr;
 }
 
 TEST(XcbInputInjectorTest, ADeadBroadcastsLentKeycodesAndOnlyThoseAreGivenBack) {
@@ -141,6 +163,26 @@ TEST(XcbInputInjectorTest, ADeadBroadcastsLentKeycodesAndOnlyThoseAreGivenBack) 
         {static_cast<std::uint32_t>(::getpid()), static_cast<std::uint32_t>(keyboard.max)});
     openInjector(server.display());
     EXPECT_FALSE(keyboard.unbound(keyboard.max)) << "taken from a live broadcast";
+}
+
+// A named key the layout lacks is pressed on a keycode lent for it, and let go.
+TEST(XcbInputInjectorTest, ANamedKeyTheLayoutLacksIsPressedOnALentKeycode) {
+    testing::PrivateXServer server;
+    ASSERT_FALSE(server.display().empty()) << "Xvfb did not start";
+    Keyboard keyboard(server.display());
+    while (const auto bound = keyboard.keycodeOf(XKB_KEY_F5)) {
+        keyboard.bind(*bound, {});
+    }
+    const auto injector = openInjector(server.display());
+    ASSERT_TRUE(injector);
+    injector->setKey(NamedKey::f5, true);
+    injector->flush();
+    const auto lent = keyboard.keycodeOf(XKB_KEY_F5);
+    ASSERT_TRUE(lent) << "no keycode lent for F5";
+    EXPECT_TRUE(keyboard.pressed(*lent));
+    injector->setKey(NamedKey::f5, false);
+    injector->flush();
+    EXPECT_FALSE(keyboard.pressed(*lent));
 }
 
 }  // namespace
