@@ -68,8 +68,10 @@ class PrivateXServer {
     const std::string& display() const { return display_; }
 
   private:
+    // Without -noreset the server starts over whenever its last client leaves, and refuses the
+    // next one for that moment.
     SpawnedServer server_{
-        {"Xvfb", "-displayfd", "{fd}", "-nolisten", "tcp", "-screen", "0", "64x64x24"}};
+        {"Xvfb", "-displayfd", "{fd}", "-nolisten", "tcp", "-noreset", "-screen", "0", "64x64x24"}};
     const std::string display_ = server_.announced().empty() ? "" : ":" + server_.announced();
 };
 
