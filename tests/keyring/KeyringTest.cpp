@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 
+#include "ScopedEnv.h"
 #include "TempDir.h"
 #include "velmorand/desktop/DesktopKeychain.h"
 #include "velmorand/secret/SecretServiceKeychain.h"
@@ -165,6 +166,39 @@ TEST(KeyringTest, ChoosingTheKeyringAfterTheFileEmptiesBoth) {
     DesktopKeychain again(root, kProfile, keychainChoice(""));
     EXPECT_EQ(again.copyMatching(mirrorQuery(), nullptr), kc::kSuccess);
     EXPECT_EQ(file.copyMatching(mirrorQuery(), nullptr), kc::kItemNotFound);
+}
+
+// The keyring's bus is found without an address too, where the desktop's own session bus listens:
+// the runtime directory's "bus". Without either there is no keyring to use, and no bus is launched
+// to look for one.
+TEST(KeyringTest, TheSessionBusIsFoundByItsAddressOrInTheRuntimeDirectory) {
+    const std::string address = std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr
+                                    ? std::getenv("DBUS_SESSION_BUS_ADDRESS")
+                                    : "";
+    const std::string prefix = "unix:path=";
+    ASSERT_TRUE(address.starts_with(prefix)) << "run under tests/keyring/with-keyring: " << address;
+    const testing::TempDir withBus;
+    const testing::TempDir withoutBus;
+    std::filesystem::create_symlink(
+        address.substr(prefix.size(), address.find(',') - prefix.size()), withBus.path() / "bus");
+    const struct {
+        const char* address;
+        const char* runtimeDir;
+        bool found;
+    } rows[] = {
+        {nullptr, withBus.path().c_str(), true},
+        {nullptr, withoutBus.path().c_str(), false},
+        {nullptr, nullptr, false},
+        {address.c_str(), nullptr, true},
+    };
+    for (const auto& row : rows) {
+        const testing::ScopedEnv bus("DBUS_SESSION_BUS_ADDRESS", row.address);
+        const testing::ScopedEnv runtime("XDG_RUNTIME_DIR", row.runtimeDir);
+        EXPECT_EQ(SecretServiceKeychain::connect("scope", std::chrono::seconds(2)) != nullptr,
+                  row.found)
+            << (row.address != nullptr ? row.address : "no address") << ", "
+            << (row.runtimeDir != nullptr ? row.runtimeDir : "no runtime directory");
+    }
 }
 
 // A locked keyring is never unlocked from here (that would ask the person for a password): a
