@@ -7,6 +7,7 @@
 #include <QEventLoop>
 #include <QFile>
 #include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QSslKey>
 #include <QSslServer>
 #include <QTcpSocket>
@@ -61,12 +62,16 @@ bool complete(const QByteArray& buffer) {
 
 }  // namespace
 
-QSslConfiguration serverTls(const std::filesystem::path& certificate,
-                            const std::filesystem::path& key) {
+std::unique_ptr<QTcpServer> tcpServer(const std::optional<ScriptedServer::Tls>& tls) {
+    if (!tls) {
+        return std::make_unique<QTcpServer>();
+    }
     auto configuration = QSslConfiguration::defaultConfiguration();
-    configuration.setLocalCertificate(QSslCertificate(readAll(certificate)));
-    configuration.setPrivateKey(QSslKey(readAll(key), QSsl::Ec));
-    return configuration;
+    configuration.setLocalCertificate(QSslCertificate(readAll(tls->certificate)));
+    configuration.setPrivateKey(QSslKey(readAll(tls->key), QSsl::Ec));
+    auto server = std::make_unique<QSslServer>();
+    server->setSslConfiguration(configuration);
+    return server;
 }
 
 const TestPki& testPki() {
@@ -84,14 +89,10 @@ QByteArray httpAnswer(int status, const std::string& body, const std::string& ex
 
 ScriptedServer::ScriptedServer(std::optional<QByteArray> head, std::optional<Tls> tls,
                                QByteArray dribble)
-    : tls_(tls.has_value()), head_(std::move(head)), dribble_(std::move(dribble)) {
-    if (tls) {
-        auto server = std::make_unique<QSslServer>();
-        server->setSslConfiguration(serverTls(tls->certificate, tls->key));
-        server_ = std::move(server);
-    } else {
-        server_ = std::make_unique<QTcpServer>();
-    }
+    : server_(tcpServer(tls)),
+      tls_(tls.has_value()),
+      head_(std::move(head)),
+      dribble_(std::move(dribble)) {
     listen();
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QByteArray>
-#include <QSslConfiguration>
 #include <QTcpServer>
 #include <chrono>
 #include <filesystem>
@@ -29,10 +28,6 @@ struct TestPki {
     std::filesystem::path localhostOnlyKey;
 };
 const TestPki& testPki();
-
-// What a loopback server presents: one of the test certificates with its key.
-QSslConfiguration serverTls(const std::filesystem::path& certificate,
-                            const std::filesystem::path& key);
 
 // A loopback HTTP or HTTPS server. Each request, once read whole, is recorded and answered with
 // `head` at once, then `dribble` one byte a second, then a hang-up. Without a head it holds
@@ -67,6 +62,9 @@ class ScriptedServer {
     QByteArray dribble_;
     std::vector<QByteArray> requests_;
 };
+
+// A loopback server not yet listening: over TLS with `tls`'s certificate and key, plain without.
+std::unique_ptr<QTcpServer> tcpServer(const std::optional<ScriptedServer::Tls>& tls);
 
 // A whole HTTP/1.1 answer.
 QByteArray httpAnswer(int status, const std::string& body, const std::string& extraHeaders = "");

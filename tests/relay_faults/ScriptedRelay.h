@@ -177,14 +177,8 @@ class RelayPeer {
 class ScriptedRelay {
   public:
     // Over TLS with `tls`, plain otherwise.
-    explicit ScriptedRelay(std::optional<ScriptedServer::Tls> tls = std::nullopt) {
-        if (tls) {
-            auto server = std::make_unique<QSslServer>();
-            server->setSslConfiguration(serverTls(tls->certificate, tls->key));
-            server_ = std::move(server);
-        } else {
-            server_ = std::make_unique<QTcpServer>();
-        }
+    explicit ScriptedRelay(std::optional<ScriptedServer::Tls> tls = std::nullopt)
+        : server_(tcpServer(tls)) {
         if (!server_->listen(QHostAddress::LocalHost)) {
             throw std::runtime_error("cannot listen on loopback");
         }
