@@ -31,24 +31,19 @@ using namespace velmorand;
 namespace {
 
 // A camera's view of a QR code: a frame larger than the code it sees. Empty text: no code.
-QImage cameraView(const QString& text) {
-    QImage frame(640, 480, QImage::Format_ARGB32);
-    frame.fill(Qt::white);
-    if (text.isEmpty()) {
-        return frame;
-    }
-    const auto matrix = ZXing::MultiFormatWriter(ZXing::BarcodeFormat::QRCode)
-                            .setMargin(4)
-                            .encode(text.toStdString(), 240, 240);
-    for (int y = 0; y < matrix.height(); ++y) {
-        for (int x = 0; x < matrix.width(); ++x) {
-            frame.setPixel(200 + x, 120 + y, matrix.get(x, y) ? 0xff000000 : 0xffffffff);
+QVideoFrame cameraView(const QString& text) {
+    QImage image(640, 480, QImage::Format_ARGB32);
+    image.fill(Qt::white);
+    if (!text.isEmpty()) {
+        const auto matrix = ZXing::MultiFormatWriter(ZXing::BarcodeFormat::QRCode)
+                                .setMargin(4)
+                                .encode(text.toStdString(), 240, 240);
+        for (int y = 0; y < matrix.height(); ++y) {
+            for (int x = 0; x < matrix.width(); ++x) {
+                image.setPixel(200 + x, 120 + y, matrix.get(x, y) ? 0xff000000 : 0xffffffff);
+            }
         }
     }
-    return frame;
-}
-
-QVideoFrame videoFrame(const QImage& image) {
     QVideoFrame frame(QVideoFrameFormat(image.size(), QVideoFrameFormat::Format_BGRA8888));
     if (frame.map(QVideoFrame::WriteOnly)) {
         for (int y = 0; y < image.height(); ++y) {
@@ -126,9 +121,7 @@ class Setup : public QObject {
         bridges_->scanner.setVideoSink(&camera_);
         bridges_->scanner.setMinimumFrameInterval(0);
     }
-    Q_INVOKABLE void showQrCode(const QString& text) {
-        camera_.setVideoFrame(videoFrame(cameraView(text)));
-    }
+    Q_INVOKABLE void showQrCode(const QString& text) { camera_.setVideoFrame(cameraView(text)); }
 
   public slots:
     void applicationAvailable() {

@@ -56,24 +56,24 @@ TestCase {
         pairing.refresh()
         broadcast.update()
         tryCompare(pairing, "paired", false)
-        if (window.scannerSheet.opened)
-            window.scannerSheet.close()
+        window.scannerSheet.close()
         tryCompare(window.scannerSheet, "visible", false)
     }
 
     function item(name) {
-        const found = findChild(window.contentItem, name) || findChild(window.scannerSheet, name)
-                      || findChild(window.broadcastSheet.contentItem, name)
-                      || findChild(window.broadcastSheet.footer, name)
-                      || findChild(window.keepsRunningNotice.footer, name)
+        const found = [window.contentItem, window.scannerSheet, window.broadcastSheet.contentItem,
+                       window.broadcastSheet.footer, window.keepsRunningNotice.footer]
+                      .map(root => findChild(root, name)).find(child => child)
         verify(found, "no item named " + name)
         return found
     }
 
-    // Where the broadcast sheet is in the window.
-    function sheetArea() {
-        const background = window.broadcastSheet.background
-        return background.mapToItem(null, 0, 0, background.width, background.height)
+    // The broadcast sheet as it is drawn, for a person to look at.
+    function saveSheet(file) {
+        const sheet = window.broadcastSheet.background
+        waitForRendering(window.contentItem)
+        verify(support.saveWindowArea(window, sheet.mapToItem(null, 0, 0, sheet.width, sheet.height),
+                                      support.screenshotDir + "/" + file))
     }
 
     // Brings an item into the form's view, then clicks it as a user would.
@@ -97,14 +97,27 @@ TestCase {
         compare(field.text, text)
     }
 
+    // Pairs through the form, as a user would.
+    function pair(key) {
+        typeInto("keyField", key)
+        click("pairButton")
+        tryCompare(pairing, "paired", true, 10000)
+    }
+
+    // Paired, with the test extension in the bundle: the broadcast can start.
+    function pairWithExtension() {
+        pair(support.demoKey)
+        support.installExtension()
+        pairing.refresh()
+        tryCompare(item("broadcastButton"), "enabled", true)
+    }
+
     function test_pairTrimsTheKeyThenUnpairs() {
         const button = item("pairButton")
         compare(button.enabled, false)
         typeInto("keyField", "   ")
         compare(button.enabled, false)
-        typeInto("keyField", "  " + support.demoKey + "  ")
-        click("pairButton")
-        tryCompare(pairing, "paired", true, 10000)
+        pair("  " + support.demoKey + "  ")
         compare(support.stored("accessKey"), support.demoKey)
         tryCompare(item("statusText"), "text", "Paired as " + pairing.deviceName)
         compare(item("keyField").visible, false)
@@ -145,12 +158,10 @@ TestCase {
         click("fpsUp")
         click("fpsUp")
         compare(item("fpsText").text, "FPS 22")
-        const quality = item("qualitySlider")
-        quality.forceActiveFocus()
+        item("qualitySlider").forceActiveFocus()
         keyClick(Qt.Key_Right)
         compare(item("qualityText").text, "Quality 45%")
-        const scale = item("scaleSlider")
-        scale.forceActiveFocus()
+        item("scaleSlider").forceActiveFocus()
         for (let i = 0; i < 20; ++i)
             keyClick(Qt.Key_Left)
         compare(item("scaleText").text, "Scale 25%")
@@ -174,9 +185,7 @@ TestCase {
         compare(item("missingExtensionText").visible, false)
         support.removeExtension()
 
-        typeInto("keyField", support.demoKey)
-        click("pairButton")
-        tryCompare(pairing, "paired", true, 10000)
+        pair(support.demoKey)
         tryCompare(item("missingExtensionText"), "visible", true)
         compare(button.text, "Broadcast extension missing")
         compare(item("pairFirstText").visible, false)
@@ -201,12 +210,7 @@ TestCase {
     // The sheet names what will run and what viewers may do, starts it view-only when asked,
     // shows what the running broadcast says of itself (here and in the section) and stops it.
     function test_theSheetStartsShowsAndStopsTheBroadcast() {
-        typeInto("keyField", support.demoKey)
-        click("pairButton")
-        tryCompare(pairing, "paired", true, 10000)
-        support.installExtension()
-        pairing.refresh()
-        tryCompare(item("broadcastButton"), "enabled", true)
+        pairWithExtension()
 
         click("broadcastButton")
         tryCompare(window.broadcastSheet, "opened", true)
@@ -216,8 +220,7 @@ TestCase {
         mouseClick(item("viewOnlyBox"))
         verify(viewers.text.indexOf("and nothing more") > 0, viewers.text)
         compare(item("broadcastStateText").visible, false)
-        waitForRendering(window.contentItem)
-        verify(support.saveWindowArea(window, sheetArea(), support.screenshotDir + "/broadcast-sheet.png"))
+        saveSheet("broadcast-sheet.png")
 
         mouseClick(item("startButton"))
         tryCompare(broadcast, "running", true, 5000)
@@ -227,8 +230,7 @@ TestCase {
         compare(item("startButton").visible, false)
         compare(item("broadcastStateText").text, "Live — 1 viewer watching (view only)")
         compare(item("broadcastStateText").visible, true)
-        waitForRendering(window.contentItem)
-        verify(support.saveWindowArea(window, sheetArea(), support.screenshotDir + "/broadcast-sheet-live.png"))
+        saveSheet("broadcast-sheet-live.png")
 
         mouseClick(item("stopButton"))
         tryCompare(broadcast, "running", false, 5000)
@@ -243,12 +245,7 @@ TestCase {
     // A stop asked while the broadcast is still starting, before it has recorded its id, is not
     // lost.
     function test_aStopAskedAtTheStartIsKept() {
-        typeInto("keyField", support.demoKey)
-        click("pairButton")
-        tryCompare(pairing, "paired", true, 10000)
-        support.installExtension()
-        pairing.refresh()
-        tryCompare(item("broadcastButton"), "enabled", true)
+        pairWithExtension()
         click("broadcastButton")
         mouseClick(item("startButton"))
         tryVerify(() => { broadcast.readState(); return broadcast.running }, 5000)
@@ -259,12 +256,7 @@ TestCase {
 
     // Closing the window leaves the broadcast running and says so, once.
     function test_closingSaysTheBroadcastKeepsRunning() {
-        typeInto("keyField", support.demoKey)
-        click("pairButton")
-        tryCompare(pairing, "paired", true, 10000)
-        support.installExtension()
-        pairing.refresh()
-        tryCompare(item("broadcastButton"), "enabled", true)
+        pairWithExtension()
         click("broadcastButton")
         mouseClick(item("startButton"))
         tryCompare(broadcast, "running", true, 5000)

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <memory>
 #include <span>
-#include <string>
 #include <variant>
 #include <vector>
 
@@ -59,9 +58,7 @@ TEST(CodecTest, H264DecodesBackWithKeyFramesOnlyWhenAsked) {
     // Every picture's unit comes out at once; the forced and the first are key frames led by
     // their parameter sets, the rest are not, retuned or not. (The browser tests decode them.)
     struct Step {
-        bool force;
-        bool retuneFirst;
-        bool keyFrame;
+        bool force, retuneFirst, keyFrame;
         const char* what;
     };
     constexpr Step kSteps[] = {
@@ -79,35 +76,34 @@ TEST(CodecTest, H264DecodesBackWithKeyFramesOnlyWhenAsked) {
     LibyuvPictureConverter().convert(Screen().image, picture);
     std::int64_t timestampUs = 0;
     for (const auto& step : kSteps) {
-        const std::string where = step.what;
         if (step.retuneFirst) {
-            EXPECT_TRUE(session->retune(15, 400)) << where;
+            EXPECT_TRUE(session->retune(15, 400)) << step.what;
         }
         // The gaps vary, as they do when pictures come only on changes.
         timestampUs += step.force ? 250'000 : 33'333;
         auto encoded = session->encode(picture, timestampUs, step.force);
         ASSERT_TRUE(std::holds_alternative<H264AccessUnit>(encoded))
-            << where << ": " << std::get<EncodeError>(encoded).description;
+            << step.what << ": " << std::get<EncodeError>(encoded).description;
         const auto unit = std::get<H264AccessUnit>(encoded);
-        EXPECT_EQ(unit.keyFrame, step.keyFrame) << where;
+        EXPECT_EQ(unit.keyFrame, step.keyFrame) << step.what;
         const auto nals = nalUnits(unit.bytes);
-        ASSERT_FALSE(nals.empty()) << where;
+        ASSERT_FALSE(nals.empty()) << step.what;
         std::vector<int> types;
         for (const auto nal : nals) {
             types.push_back(nal.empty() ? -1 : nal[0] & 0x1F);
         }
         if (step.keyFrame) {
-            ASSERT_GE(types.size(), 3U) << where;
-            EXPECT_EQ(types[0], kSps) << where;
-            EXPECT_EQ(types[1], kPps) << where;
-            EXPECT_EQ(types.back(), kIdrSlice) << where;
-            ASSERT_GE(nals[0].size(), 3U) << where;
-            EXPECT_EQ(nals[0][1], kBaselineProfile) << where;
-            EXPECT_NE(nals[0][2] & kConstraintSet1, 0) << where << ": not constrained baseline";
+            ASSERT_GE(types.size(), 3U) << step.what;
+            EXPECT_EQ(types[0], kSps) << step.what;
+            EXPECT_EQ(types[1], kPps) << step.what;
+            EXPECT_EQ(types.back(), kIdrSlice) << step.what;
+            ASSERT_GE(nals[0].size(), 3U) << step.what;
+            EXPECT_EQ(nals[0][1], kBaselineProfile) << step.what;
+            EXPECT_NE(nals[0][2] & kConstraintSet1, 0) << step.what << ": not constrained baseline";
         } else {
             for (const int type : types) {
-                EXPECT_NE(type, kSps) << where;
-                EXPECT_NE(type, kIdrSlice) << where;
+                EXPECT_NE(type, kSps) << step.what;
+                EXPECT_NE(type, kIdrSlice) << step.what;
             }
         }
     }
@@ -125,8 +121,7 @@ TEST(CodecTest, RefusesWhatDoesNotFit) {
         X264CompressionSession::open(H264SessionSettings{2, 2, 30, 1000})));
     I420Picture small;
     small.resize(64, 48);
-    I420Picture hollow;  // claims a size its planes lack
-    hollow.resize(64, 48);
+    I420Picture hollow = small;  // claims a size its planes lack
     hollow.width = 128;
     hollow.height = 96;
     const auto session = openSession({128, 96, 30, 1000});

@@ -24,9 +24,7 @@ using namespace velmorand;
 using namespace std::chrono_literals;
 
 struct Rgb {
-    int r = 0;
-    int g = 0;
-    int b = 0;
+    int r = 0, g = 0, b = 0;
 };
 
 // The dialog's places, from the screen's centre: the Share button (and a point on it off its
@@ -157,12 +155,9 @@ int main(int argc, char** argv) {
     Person person(session, std::move(screen));
     // The compositor drops input that comes right after a session started.
     std::this_thread::sleep_for(1s);
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!Person::blue(person.at(kShareColourX, kShareColourY))) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            std::fprintf(stderr, "portal consent: no dialog with a Share button came\n");
-            return 1;
-        }
+    if (!person.turnsBlue(kShareColourX, kShareColourY, timeout)) {
+        std::fprintf(stderr, "portal consent: no dialog with a Share button came\n");
+        return 1;
     }
     // Once it has finished appearing.
     std::this_thread::sleep_for(500ms);
