@@ -1,16 +1,20 @@
 // What the Wayland backends decide without a compositor: how a screen-cast buffer becomes the
-// stream's pixels, which characters a layout types, and what input a session is sent for them.
+// stream's pixels, which characters a layout types, what input a session is sent for them, and
+// when a new session is opened.
 #include <gtest/gtest.h>
 #include <xkbcommon/xkbcommon.h>
 
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "velmorand/pipewire/FrameCopy.h"
 #include "velmorand/wayland/RemoteDesktopSession.h"
+#include "velmorand/wayland/RemoteDesktopSessions.h"
 #include "velmorand/wayland/WaylandInputInjector.h"
 #include "velmorand/wayland/WaylandKeymap.h"
 
@@ -25,20 +29,16 @@ TEST(FrameCopyTest, PixelsComeOutAsBgrxRowsWhateverTheBufferLooksLike) {
                           1,    2,    3,    4,    5,  6,  7,  8, 0, 0, 0, 0,  // row 0
                           9,    10,   11,   12,   13, 14, 15, 16};            // row 1
     const FrameLayout padded{.width = 2, .height = 2, .stride = 12, .offset = 4};
-    struct Row {
-        PixelOrder order;
-        Bytes out;
-    };
-    const Row rows[] = {
+    const std::pair<PixelOrder, Bytes> rows[] = {
         {PixelOrder::bgrx, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}},
         {PixelOrder::bgra, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}},
         {PixelOrder::rgbx, {3, 2, 1, 4, 7, 6, 5, 8, 11, 10, 9, 12, 15, 14, 13, 16}},
         {PixelOrder::rgba, {3, 2, 1, 4, 7, 6, 5, 8, 11, 10, 9, 12, 15, 14, 13, 16}},
     };
-    for (const auto& row : rows) {
+    for (const auto& [order, expected] : rows) {
         Bytes out;
-        ASSERT_TRUE(copyToBgrx(buffer, row.order, padded, out)) << static_cast<int>(row.order);
-        EXPECT_EQ(out, row.out) << static_cast<int>(row.order);
+        ASSERT_TRUE(copyToBgrx(buffer, order, padded, out)) << static_cast<int>(order);
+        EXPECT_EQ(out, expected) << static_cast<int>(order);
     }
 }
 
@@ -100,33 +100,22 @@ std::string keymapText(const char* layout) {
     return result;
 }
 
+// The euro sign is AltGr+5 on a US keyboard, AltGr+e on a French one; in "ru,us" the second
+// group is not the one typed with.
 TEST(WaylandKeymapTest, ALayoutTypesWhatItsFirstGroupHasUpToAltGr) {
-    struct Row {
-        const char* layout;
-        std::uint32_t keysym;
-        bool types;
-    };
-    const Row rows[] = {
-        {"us", XKB_KEY_a, true},
-        {"us", XKB_KEY_A, true},
-        {"us", XKB_KEY_exclam, true},
-        {"us", XKB_KEY_eacute, false},
-        {"us", XKB_KEY_kana_A, false},
-        // AltGr+5 on this keyboard, AltGr+e on a French one.
-        {"us", XKB_KEY_EuroSign, true},
-        {"fr", XKB_KEY_EuroSign, true},
-        {"fr", XKB_KEY_eacute, true},
-        {"ru", XKB_KEY_Cyrillic_a, true},
-        // The second group is not the one typed with.
-        {"ru,us", XKB_KEY_a, false},
-        {"us", XKB_KEY_Return, true},
-    };
-    for (const auto& row : rows) {
-        const auto text = keymapText(row.layout);
-        ASSERT_FALSE(text.empty()) << "no xkb data for " << row.layout;
+    const std::tuple<const char*, std::uint32_t, bool> rows[] = {
+        {"us", XKB_KEY_a, true},          {"us", XKB_KEY_A, true},
+        {"us", XKB_KEY_exclam, true},     {"us", XKB_KEY_eacute, false},
+        {"us", XKB_KEY_kana_A, false},    {"us", XKB_KEY_EuroSign, true},
+        {"fr", XKB_KEY_EuroSign, true},   {"fr", XKB_KEY_eacute, true},
+        {"ru", XKB_KEY_Cyrillic_a, true}, {"ru,us", XKB_KEY_a, false},
+        {"us", XKB_KEY_Return, true}};
+    for (const auto& [layout, keysym, types] : rows) {
+        const auto text = keymapText(layout);
+        ASSERT_FALSE(text.empty()) << "no xkb data for " << layout;
         const auto keymap = WaylandKeymap::fromText(text);
-        ASSERT_TRUE(keymap) << row.layout;
-        EXPECT_EQ(keymap->types(row.keysym), row.types) << row.layout << " " << row.keysym;
+        ASSERT_TRUE(keymap) << layout;
+        EXPECT_EQ(keymap->types(keysym), types) << layout << " " << keysym;
     }
     EXPECT_FALSE(WaylandKeymap::fromText("xkb_keymap { not a keymap"));
 }
@@ -141,9 +130,10 @@ class RecordingSession : public RemoteDesktopSession {
     std::optional<std::string> held;
     int readsPerPaste = 1;
     std::optional<std::string> copiedAtRead;
+    SessionEnd end = SessionEnd::none;
 
     ScreenSize screenSize() const override { return {1920, 1080}; }
-    SessionEnd ended() const override { return SessionEnd::none; }
+    SessionEnd ended() const override { return end; }
     void movePointer(double x, double y) override {
         note("move " + std::to_string(x).substr(0, 4) + "," + std::to_string(y).substr(0, 4));
     }
@@ -261,6 +251,86 @@ TEST(WaylandInputInjectorTest, APressLandsOnThePixelAndWhatIsHeldIsLetGoAtTheEnd
     }
     // A key already let go is not let go again, however many were typed before.
     EXPECT_EQ(session->sent, "move 10.5,20.5 button↓ Return↓ Return↑ Shift_L↓ Shift_L↑ button↑");
+}
+
+// A session whose end the test decides, opened with input or without.
+class ScriptedSession : public RecordingSession {
+  public:
+    explicit ScriptedSession(bool input) : input(input) {}
+
+    const bool input;
+};
+
+using Sessions = RemoteDesktopSessions<ScriptedSession>;
+
+// Each step: what happens to the session in use before it, what is asked for, what the opener
+// answers if it is called ("" opens), and what comes out: whether the opener was called, and the
+// denial's reason ("" for a session).
+struct Step {
+    std::optional<SessionEnd> endBefore;
+    bool forRemoteControl;
+    std::optional<SessionDenied> openerAnswer;
+    bool opened;
+    std::string denied;
+};
+
+void play(const std::vector<Step>& steps, const char* story) {
+    SCOPED_TRACE(story);
+    std::deque<std::optional<SessionDenied>> answers;
+    int opens = 0;
+    Sessions sessions([&](bool forRemoteControl) -> Sessions::Opened {
+        ++opens;
+        auto answer = answers.front();
+        answers.pop_front();
+        if (answer) {
+            return *answer;
+        }
+        return std::make_shared<ScriptedSession>(forRemoteControl);
+    });
+    std::shared_ptr<ScriptedSession> last;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        const auto& step = steps[i];
+        SCOPED_TRACE("step " + std::to_string(i));
+        if (step.endBefore && last) {
+            last->end = *step.endBefore;
+        }
+        answers = {step.openerAnswer};
+        const int before = opens;
+        auto result = sessions.current(step.forRemoteControl);
+        EXPECT_EQ(opens - before, step.opened ? 1 : 0);
+        if (auto* denied = std::get_if<SessionDenied>(&result)) {
+            EXPECT_EQ(denied->reason, step.denied);
+        } else {
+            EXPECT_EQ(step.denied, "");
+            last = std::get<std::shared_ptr<ScriptedSession>>(result);
+            EXPECT_TRUE(last->input || !step.forRemoteControl);
+        }
+    }
+}
+
+TEST(RemoteDesktopSessionsTest, OnlyACompositorThatWentIsAskedAgainUnasked) {
+    const std::string stopped = Sessions::kStoppedAtDevice;
+    const SessionDenied declined{"declined", true};
+    const SessionDenied busy{"no bus", false};
+    play({{{}, false, {}, true, ""},
+          {{}, false, {}, false, ""},
+          {{}, true, {}, true, ""},  // the keyboard and pointer need a session that has them
+          {{}, false, {}, false, ""}},
+         "one session for the screen, one more once input is wanted, then that one for both");
+    play({{{}, true, {}, true, ""},
+          {SessionEnd::compositorGone, true, {}, true, ""},
+          {{}, false, {}, false, ""}},
+         "a restarted compositor: the same consent, a new session");
+    play({{{}, true, {}, true, ""},
+          {SessionEnd::stoppedAtDevice, false, {}, false, stopped},
+          {{}, true, {}, false, stopped}},
+         "stopped at the device: nothing is opened again");
+    play({{{}, true, declined, true, "declined"},
+          {{}, true, {}, false, "declined"},
+          {{}, false, {}, false, "declined"}},
+         "their no stands");
+    play({{{}, false, busy, true, "no bus"}, {{}, false, {}, true, ""}},
+         "a failure that was not theirs is tried again");
 }
 
 }  // namespace

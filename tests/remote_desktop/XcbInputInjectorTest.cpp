@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "SpawnedServer.h"
+#include "XClient.h"
 
 namespace velmorand {
 namespace {
@@ -33,26 +33,17 @@ std::uint32_t deadPid() {
 }
 
 // The display's keyboard mapping and the injectors' record, as any other client sees them.
-class Keyboard {
+class Keyboard : public testing::XClient {
   public:
-    explicit Keyboard(const std::string& display)
-        : connection_(xcb_connect(display.c_str(), nullptr)) {
-        const xcb_setup_t* setup = xcb_get_setup(connection_);
-        min = setup->min_keycode;
-        max = setup->max_keycode;
-        root_ = xcb_setup_roots_iterator(setup).data->root;
-    }
-    ~Keyboard() { xcb_disconnect(connection_); }
-    Keyboard(const Keyboard&) = delete;
-    Keyboard& operator=(const Keyboard&) = delete;
+    using XClient::XClient;
+
+    const int min = setup->min_keycode;
+    const int max = setup->max_keycode;
 
     std::vector<xcb_keysym_t> row(int keycode) {
-        std::unique_ptr<xcb_get_keyboard_mapping_reply_t, decltype(&std::free)> reply(
-            xcb_get_keyboard_mapping_reply(
-                connection_,
-                xcb_get_keyboard_mapping(connection_, static_cast<xcb_keycode_t>(keycode), 1),
-                nullptr),
-            &std::free);
+        const auto reply = owned(xcb_get_keyboard_mapping_reply(
+            connection,
+            xcb_get_keyboard_mapping(connection, static_cast<xcb_keycode_t>(keycode), 1), nullptr));
         if (!reply) {
             return {};
         }
@@ -68,22 +59,17 @@ class Keyboard {
 
     void bind(int keycode, std::vector<xcb_keysym_t> keysyms) {
         keysyms.resize(row(min).size(), XKB_KEY_NoSymbol);
-        xcb_change_keyboard_mapping(connection_, 1, static_cast<xcb_keycode_t>(keycode),
+        xcb_change_keyboard_mapping(connection, 1, static_cast<xcb_keycode_t>(keycode),
                                     static_cast<std::uint8_t>(keysyms.size()), keysyms.data());
         sync();
     }
 
     // What a broadcast leaves on the root window: its process id, then the keycodes it lent.
     void record(const std::vector<std::uint32_t>& values) {
-        std::unique_ptr<xcb_intern_atom_reply_t, decltype(&std::free)> atom(
-            xcb_intern_atom_reply(connection_,
-                                  xcb_intern_atom(connection_, 0, 25, "_VELMORAND_INPUT_INJECTOR"),
-                                  nullptr),
-            &std::free);
-        ASSERT_TRUE(atom);
-        xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, root_, atom->atom,
-                            XCB_ATOM_CARDINAL, 32, static_cast<std::uint32_t>(values.size()),
-                            values.data());
+        const xcb_atom_t name = atom("_VELMORAND_INPUT_INJECTOR");
+        ASSERT_NE(name, xcb_atom_t{XCB_ATOM_NONE});
+        xcb_change_property(connection, XCB_PROP_MODE_REPLACE, root, name, XCB_ATOM_CARDINAL, 32,
+                            static_cast<std::uint32_t>(values.size()), values.data());
         sync();
     }
 
@@ -99,23 +85,10 @@ class Keyboard {
     }
 
     bool pressed(int keycode) {
-        std::unique_ptr<xcb_query_keymap_reply_t, decltype(&std::free)> keymap(
-            xcb_query_keymap_reply(connection_, xcb_query_keymap(connection_), nullptr),
-            &std::free);
+        const auto keymap =
+            owned(xcb_query_keymap_reply(connection, xcb_query_keymap(connection), nullptr));
         return keymap && (keymap->keys[keycode / 8] & (1U << (keycode % 8))) != 0;
     }
-
-    int min = 0;
-    int max = 0;
-
-  private:
-    void sync() {
-        std::free(
-            xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
-    }
-
-    xcb_connection_t* connection_;
-    xcb_window_t root_ = XCB_NONE;
 };
 
 std::unique_ptr<InputInjector> openInjector(const std::string& display) {

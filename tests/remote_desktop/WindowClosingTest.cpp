@@ -1,18 +1,24 @@
+// Which windows of an application are asked to close: the classes its desktop entry declares,
+// and the windows of those classes the X11 closer finds on a private Xvfb.
 #include "velmorand/x11/XcbWindowCloser.h"
 
 #include <gtest/gtest.h>
 #include <xcb/xcb.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <fstream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
 #include <vector>
 
+#include "ScopedEnv.h"
 #include "SpawnedServer.h"
+#include "TempDir.h"
+#include "XClient.h"
+#include "velmorand/gio/GioDesktopShell.h"
 
 namespace velmorand {
 namespace {
@@ -28,107 +34,81 @@ struct Window {
 };
 
 // The applications' side of the display, and a window manager when a test wants one.
-class Desktop {
+class Desktop : public testing::XClient {
   public:
-    explicit Desktop(const std::string& display)
-        : connection_(xcb_connect(display.c_str(), nullptr)) {
-        root_ = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data->root;
-        for (const char* name :
-             {"WM_PROTOCOLS", "WM_DELETE_WINDOW", "_NET_SUPPORTED", "_NET_SUPPORTING_WM_CHECK",
-              "_NET_CLIENT_LIST", "_NET_CLOSE_WINDOW"}) {
-            auto* reply = xcb_intern_atom_reply(
-                connection_, xcb_intern_atom(connection_, 0, std::strlen(name), name), nullptr);
-            atoms_[name] = reply->atom;
-            free(reply);
-        }
-    }
-    ~Desktop() { xcb_disconnect(connection_); }
-    Desktop(const Desktop&) = delete;
-    Desktop& operator=(const Desktop&) = delete;
-
-    xcb_atom_t atom(const char* name) { return atoms_.at(name); }
+    using XClient::XClient;
 
     xcb_window_t create(const Window& w) {
-        xcb_window_t parent = root_;
+        xcb_window_t parent = root;
         if (w.framed) {
-            parent = window(root_, false);
-            xcb_map_window(connection_, parent);
+            parent = window(root, false);
+            xcb_map_window(connection, parent);
         }
         const xcb_window_t id = window(parent, w.overrideRedirect);
         if (!w.wmClass.empty()) {
-            xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, id, XCB_ATOM_WM_CLASS,
+            xcb_change_property(connection, XCB_PROP_MODE_REPLACE, id, XCB_ATOM_WM_CLASS,
                                 XCB_ATOM_STRING, 8, w.wmClass.size(), w.wmClass.data());
         }
         const xcb_atom_t protocols[] = {w.takesDelete ? atom("WM_DELETE_WINDOW")
                                                       : xcb_atom_t{XCB_ATOM_NONE}};
-        xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, id, atom("WM_PROTOCOLS"),
+        xcb_change_property(connection, XCB_PROP_MODE_REPLACE, id, atom("WM_PROTOCOLS"),
                             XCB_ATOM_ATOM, 32, 1, protocols);
         if (w.mapped) {
-            xcb_map_window(connection_, id);
+            xcb_map_window(connection, id);
         }
         return id;
     }
 
     void setWindows(xcb_window_t on, const char* property, std::vector<xcb_window_t> windows,
                     xcb_atom_t type = XCB_ATOM_WINDOW) {
-        xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, on, atom(property), type, 32,
+        xcb_change_property(connection, XCB_PROP_MODE_REPLACE, on, atom(property), type, 32,
                             windows.size(), windows.data());
     }
 
     // Becomes the window manager: it names itself on the root, lists `clients` and, if it
     // closes windows itself, receives the requests to.
     void manage(std::vector<xcb_window_t> clients, bool closesWindows, bool alive = true) {
-        const xcb_window_t check = window(root_, true);
-        setWindows(root_, "_NET_SUPPORTING_WM_CHECK", {check});
+        const xcb_window_t check = window(root, true);
+        setWindows(root, "_NET_SUPPORTING_WM_CHECK", {check});
         if (alive) {
             setWindows(check, "_NET_SUPPORTING_WM_CHECK", {check});
         }
-        setWindows(root_, "_NET_SUPPORTED",
+        setWindows(root, "_NET_SUPPORTED",
                    {closesWindows ? atom("_NET_CLOSE_WINDOW") : atom("WM_PROTOCOLS")},
                    XCB_ATOM_ATOM);
-        setWindows(root_, "_NET_CLIENT_LIST", std::move(clients));
+        setWindows(root, "_NET_CLIENT_LIST", std::move(clients));
         const std::uint32_t mask = XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT;
-        xcb_change_window_attributes(connection_, root_, XCB_CW_EVENT_MASK, &mask);
+        xcb_change_window_attributes(connection, root, XCB_CW_EVENT_MASK, &mask);
         sync();
-    }
-
-    void sync() {
-        free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
     }
 
     // Every close request that reached us: the window it names, and how it was asked.
     std::map<xcb_window_t, std::string> requests() {
         sync();
         std::map<xcb_window_t, std::string> seen;
-        while (xcb_generic_event_t* event = xcb_poll_for_event(connection_)) {
-            if ((event->response_type & 0x7F) == XCB_CLIENT_MESSAGE) {
-                const auto* message = reinterpret_cast<xcb_client_message_event_t*>(event);
-                if (message->type == atom("WM_PROTOCOLS") &&
-                    message->data.data32[0] == atom("WM_DELETE_WINDOW")) {
-                    seen[message->window] = "WM_DELETE_WINDOW";
-                } else if (message->type == atom("_NET_CLOSE_WINDOW")) {
-                    seen[message->window] =
-                        "_NET_CLOSE_WINDOW from source " + std::to_string(message->data.data32[1]);
-                }
+        while (const auto event = owned(xcb_poll_for_event(connection))) {
+            const auto* message = reinterpret_cast<xcb_client_message_event_t*>(event.get());
+            const bool isMessage = (event->response_type & 0x7F) == XCB_CLIENT_MESSAGE;
+            if (isMessage && message->type == atom("WM_PROTOCOLS") &&
+                message->data.data32[0] == atom("WM_DELETE_WINDOW")) {
+                seen[message->window] = "WM_DELETE_WINDOW";
+            } else if (isMessage && message->type == atom("_NET_CLOSE_WINDOW")) {
+                seen[message->window] =
+                    "_NET_CLOSE_WINDOW from source " + std::to_string(message->data.data32[1]);
             }
-            free(event);
         }
         return seen;
     }
 
   private:
     xcb_window_t window(xcb_window_t parent, bool overrideRedirect) {
-        const xcb_window_t id = xcb_generate_id(connection_);
+        const xcb_window_t id = xcb_generate_id(connection);
         const std::uint32_t values[] = {overrideRedirect ? 1u : 0u};
-        xcb_create_window(connection_, XCB_COPY_FROM_PARENT, id, parent, 0, 0, 16, 16, 0,
+        xcb_create_window(connection, XCB_COPY_FROM_PARENT, id, parent, 0, 0, 16, 16, 0,
                           XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT,
                           XCB_CW_OVERRIDE_REDIRECT, values);
         return id;
     }
-
-    xcb_connection_t* connection_;
-    xcb_window_t root_ = 0;
-    std::map<std::string, xcb_atom_t> atoms_;
 };
 
 using namespace std::string_view_literals;
@@ -205,6 +185,36 @@ TEST(XcbWindowCloserManagerTest, AManagerIsAskedForItsListedClientsOrTheWindowsT
         EXPECT_EQ(requests.count(listed) ? requests.at(listed) : "", c.expected) << c.what;
         EXPECT_EQ(requests.count(unlisted), c.unlistedAsked ? 1u : 0u) << c.what;
         EXPECT_EQ(requests.count(other), 0u) << c.what;
+    }
+}
+
+using Classes = std::optional<std::vector<std::string>>;
+
+// kill_app closes an application's windows by the classes its desktop entry declares, beside
+// the entry's own name; GLib reads the data directories once, so each test sets them first.
+TEST(GioDesktopShellTest, AnEntryDeclaresTheWindowClassesOfItsApplication) {
+    testing::TempDir data;
+    std::filesystem::create_directories(data.path() / "applications");
+    const auto entry = [&](const char* id, const char* extra) {
+        std::ofstream(data.path() / "applications" / id)
+            << "[Desktop Entry]\nType=Application\nName=" << id << "\nExec=true\n"
+            << extra;
+    };
+    entry("org.example.Editor.desktop", "StartupWMClass=editor-main\n");
+    entry("org.example.Plain.desktop", "");
+    entry("org.example.Blank.desktop", "StartupWMClass=\n");
+    const testing::ScopedEnv home("XDG_DATA_HOME", data.path().c_str());
+    const testing::ScopedEnv dirs("XDG_DATA_DIRS", data.path().c_str());
+
+    const std::pair<const char*, Classes> cases[] = {
+        {"org.example.Editor.desktop", std::vector<std::string>{"editor-main"}},
+        {"org.example.Plain.desktop", std::vector<std::string>{}},
+        {"org.example.Blank.desktop", std::vector<std::string>{}},
+        {"org.example.Missing.desktop", std::nullopt},
+    };
+    GioDesktopShell shell;
+    for (const auto& [id, classes] : cases) {
+        EXPECT_EQ(shell.windowClasses(id), classes) << id;
     }
 }
 
