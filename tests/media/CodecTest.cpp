@@ -58,7 +58,9 @@ TEST(CodecTest, H264DecodesBackWithKeyFramesOnlyWhenAsked) {
     // Every picture's unit comes out at once; the forced and the first are key frames led by
     // their parameter sets, the rest are not, retuned or not. (The browser tests decode them.)
     struct Step {
-        bool force, retuneFirst, keyFrame;
+        bool force;
+        bool retuneFirst;
+        bool keyFrame;
         const char* what;
     };
     constexpr Step kSteps[] = {

@@ -24,7 +24,9 @@ using namespace velmorand;
 using namespace std::chrono_literals;
 
 struct Rgb {
-    int r = 0, g = 0, b = 0;
+    int r = 0;
+    int g = 0;
+    int b = 0;
 };
 
 // The dialog's places, from the screen's centre: the Share button (and a point on it off its
